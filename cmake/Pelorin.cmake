@@ -1,0 +1,48 @@
+# Shared build rules: warnings, sanitizers, and the two helpers every subsystem folder uses.
+
+set(PELORIN_WARNINGS -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Wold-style-cast
+    -Wcast-align -Woverloaded-virtual -Wno-unused-parameter)
+if(PELORIN_WERROR)
+  list(APPEND PELORIN_WARNINGS -Werror)
+endif()
+
+if(PELORIN_SANITIZE)
+  add_compile_options(-fsanitize=${PELORIN_SANITIZE} -fno-omit-frame-pointer -g)
+  add_link_options(-fsanitize=${PELORIN_SANITIZE})
+  if(PELORIN_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+endif()
+
+# pelorin_add_library(<name> SOURCES ... [LIBS ...])
+# One static library per subsystem folder; headers are included as "<folder>/<File>.h".
+function(pelorin_add_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_compile_options(${name} PRIVATE ${PELORIN_WARNINGS})
+  target_link_libraries(${name} PUBLIC ${ARG_LIBS})
+endfunction()
+
+# pelorin_add_test(<name> SOURCES ... [LIBS ...] [ENV ...] [LABELS ...] [TIMEOUT s])
+# A QtTest executable registered with CTest. Tests run headless and with a private HOME and
+# XDG folders so they never touch the developer's own settings or keychain.
+function(pelorin_add_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;ENV;LABELS" ${ARGN})
+  find_package(Qt6 REQUIRED COMPONENTS Test)
+  add_executable(${name} ${ARG_SOURCES})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src ${PROJECT_SOURCE_DIR}/tests)
+  target_compile_options(${name} PRIVATE ${PELORIN_WARNINGS})
+  target_link_libraries(${name} PRIVATE Qt6::Test ${ARG_LIBS})
+  add_test(NAME ${name} COMMAND ${name})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  set(home ${CMAKE_BINARY_DIR}/testhome/${name})
+  set_tests_properties(${name} PROPERTIES
+    TIMEOUT ${ARG_TIMEOUT}
+    LABELS "${ARG_LABELS}"
+    ENVIRONMENT "QT_QPA_PLATFORM=offscreen;HOME=${home};XDG_CONFIG_HOME=${home}/.config;XDG_DATA_HOME=${home}/.local/share;XDG_CACHE_HOME=${home}/.cache;XDG_RUNTIME_DIR=${home}/run;PELORIN_SOURCE_DIR=${PROJECT_SOURCE_DIR};PELORIN_BINARY_DIR=${CMAKE_BINARY_DIR};${ARG_ENV}")
+  file(MAKE_DIRECTORY ${home}/run)
+  file(CHMOD ${home}/run DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
+endfunction()

@@ -1,0 +1,22 @@
+#include "platform/Platform.h"
+
+#include <mutex>
+
+namespace {
+std::mutex g_mutex;
+std::unique_ptr<Platform> g_instance;
+} // namespace
+
+Platform &Platform::instance()
+{
+    std::lock_guard lock(g_mutex);
+    if (!g_instance)
+        g_instance = createDefault();
+    return *g_instance;
+}
+
+void Platform::setInstance(std::unique_ptr<Platform> platform)
+{
+    std::lock_guard lock(g_mutex);
+    g_instance = std::move(platform);
+}

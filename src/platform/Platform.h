@@ -1,0 +1,70 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+#include <memory>
+#include <optional>
+
+// Everything that differs between macOS and Linux is reached through this one interface.
+// Code outside src/platform never tests the operating system itself.
+//
+// Every method is safe to call from any thread. Locations are absolute paths without a
+// trailing slash; an empty string means "not available" and the reason has been logged.
+class Platform {
+public:
+    struct ConsoleUser {
+        QString name; // login name of the user at the graphical console
+        QString home; // that user's home folder
+    };
+
+    virtual ~Platform() = default;
+
+    // Private per-user scratch folder for the tunnel profile and credentials. It is emptied by
+    // the tunnel code, so it is never a shared folder: created 0700, owned by this user, and
+    // refused (empty result, logged) when it exists with another owner or looser permissions.
+    virtual QString temporaryDirectory() = 0;
+    // The user's application-data root ("Application Support" on macOS, XDG data home on
+    // Linux). The bundle identifier folder below it is the caller's business.
+    virtual QString applicationSupportDirectory() = 0;
+    virtual QString downloadsDirectory() = 0;
+    // Read-only resources shipped with the program (configuration property lists, flags, ...).
+    virtual QString resourcesDirectory() = 0;
+    // Full path of a helper program shipped with the program ("ovpncli", "vpnctrl_launcher").
+    virtual QString helperPath(const QString &name) = 0;
+    // Privilege-raising command the tunnel client is started through ("/usr/bin/sudo").
+    virtual QString sudoPath() = 0;
+    // Hardware model text ("hw.model" on macOS, the DMI product name on Linux).
+    virtual std::optional<QString> deviceModel() = 0;
+    // The user of the active graphical session; empty fields when nobody is logged in.
+    virtual ConsoleUser consoleUser() = 0;
+
+    // Browsers, for the extension presence checks.
+    virtual bool isChromeInstalled() = 0;
+    virtual bool isFirefoxInstalled() = 0;
+    // Chrome profile folders searched for the extension, given the console user's home.
+    virtual QStringList chromeProfileDirectories(const QString &home) = 0;
+    // Command that opens Chrome on a URL; empty when Chrome is not installed.
+    virtual QStringList openInChromeCommand(const QString &url) = 0;
+
+    // Login items. Names are the entries' display names; add takes the program's path.
+    virtual QStringList loginItemNames() = 0;
+    virtual bool addLoginItem(const QString &applicationPath) = 0;
+    virtual bool deleteLoginItem(const QString &name) = 0;
+    // Argument the login item passes so a start at login can be told from a start by hand.
+    virtual QString loginItemArgument() = 0;
+
+    // Program and arguments that install a downloaded update package with administrator
+    // rights; the exit status tells success.
+    virtual QStringList installerCommand(const QString &packagePath) = 0;
+    // File name of the update package in the downloads folder ("PelorinVPN.pkg" on macOS).
+    virtual QString updatePackageName() = 0;
+
+    // The process-wide instance: the build's own platform unless a test installed another.
+    static Platform &instance();
+    // Replaces the process-wide instance (tests, the demo). Passing nullptr restores the default.
+    static void setInstance(std::unique_ptr<Platform> platform);
+
+    // The build's own platform, freshly made.
+    static std::unique_ptr<Platform> createDefault();
+};
