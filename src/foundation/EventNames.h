@@ -38,7 +38,7 @@ inline constexpr auto NT_BROWSER_FIREFOX_TRACK_OFF = "NT_BROWSER_FIREFOX_TRACK_O
 
 // userInfo keys
 inline constexpr auto NQVpnKeyClustersArray = "NQVpnKeyClustersArray"; // QList<NQVPNCountry>
-inline constexpr auto kCurrentCountry = "currentCountry";             // NQVPNCountry
-inline constexpr auto kData = "DATA";                                 // NT_BROWSER_CONNECTED
+inline constexpr auto kCurrentCountry = "currentCountry";              // NQVPNCountry
+inline constexpr auto kData = "DATA";                                  // NT_BROWSER_CONNECTED
 
 } // namespace Events

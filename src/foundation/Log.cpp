@@ -45,10 +45,18 @@ void OsLog::write(Level level, const QString &text) const
     }
     int priority = LOG_DEBUG;
     switch (level) {
-    case Level::Debug: priority = LOG_DEBUG; break;
-    case Level::Info: priority = LOG_INFO; break;
-    case Level::Error: priority = LOG_ERR; break;
-    case Level::Fault: priority = LOG_CRIT; break;
+    case Level::Debug:
+        priority = LOG_DEBUG;
+        break;
+    case Level::Info:
+        priority = LOG_INFO;
+        break;
+    case Level::Error:
+        priority = LOG_ERR;
+        break;
+    case Level::Fault:
+        priority = LOG_CRIT;
+        break;
     }
     syslog(priority, "%s [%s] %s", m_subsystem, m_category, text.toUtf8().constData());
 }

@@ -173,7 +173,13 @@ void cancel(TaskId id)
     }
     // Removing the entry is what cancels: a timer that still fires finds no entry and skips.
     if (QTimer *timer = it.value())
-        QMetaObject::invokeMethod(timer, [timer] { timer->stop(); timer->deleteLater(); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            timer,
+            [timer] {
+                timer->stop();
+                timer->deleteLater();
+            },
+            Qt::QueuedConnection);
     g_timers.erase(it);
 }
 

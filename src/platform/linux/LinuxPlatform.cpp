@@ -92,7 +92,9 @@ bool LinuxPlatform::ensurePrivateDirectory(const QString &path, QString *why)
         return false;
     }
     if ((st.st_mode & 077) != 0) {
-        *why = QStringLiteral("'%1' is open to other users (mode %2)").arg(path).arg(st.st_mode & 0777, 3, 8, QLatin1Char('0'));
+        *why = QStringLiteral("'%1' is open to other users (mode %2)")
+                   .arg(path)
+                   .arg(st.st_mode & 0777, 3, 8, QLatin1Char('0'));
         return false;
     }
     return true;
@@ -170,9 +172,8 @@ QString LinuxPlatform::sudoPath()
 
 std::optional<QString> LinuxPlatform::deviceModel()
 {
-    const QString path = m_overrides.dmiProductNameFile.isEmpty()
-                             ? QStringLiteral("/sys/class/dmi/id/product_name")
-                             : m_overrides.dmiProductNameFile;
+    const QString path = m_overrides.dmiProductNameFile.isEmpty() ? QStringLiteral("/sys/class/dmi/id/product_name")
+                                                                  : m_overrides.dmiProductNameFile;
     QFile f(path);
     if (!f.open(QIODevice::ReadOnly))
         return std::nullopt;
@@ -230,8 +231,8 @@ QStringList LinuxPlatform::chromeProfileDirectories(const QString &home)
 {
     QStringList dirs;
     for (const QString &root : {QStringLiteral("/.config/google-chrome/"), QStringLiteral("/.config/chromium/")}) {
-        for (const QString &profile : {QStringLiteral("Default"), QStringLiteral("Profile 1"), QStringLiteral("Profile 2"),
-                                      QStringLiteral("Profile 3")})
+        for (const QString &profile : {QStringLiteral("Default"), QStringLiteral("Profile 1"),
+                                       QStringLiteral("Profile 2"), QStringLiteral("Profile 3")})
             dirs << home + root + profile;
     }
     return dirs;
@@ -241,7 +242,8 @@ QStringList LinuxPlatform::openInChromeCommand(const QString &url)
 {
     QString chrome = findProgram({QStringLiteral("google-chrome-stable"), QStringLiteral("google-chrome"),
                                   QStringLiteral("chromium"), QStringLiteral("chromium-browser")});
-    if (chrome.isEmpty() && m_overrides.browserSearchPath.isEmpty() && QFileInfo(QStringLiteral("/opt/google/chrome/chrome")).isExecutable())
+    if (chrome.isEmpty() && m_overrides.browserSearchPath.isEmpty() &&
+        QFileInfo(QStringLiteral("/opt/google/chrome/chrome")).isExecutable())
         chrome = QStringLiteral("/opt/google/chrome/chrome");
     if (chrome.isEmpty())
         return {};
