@@ -14,16 +14,16 @@
 class LinuxPlatform : public Platform {
 public:
     struct Overrides {
-        QString temporaryDirectory;
-        QString applicationSupportDirectory;
-        QString downloadsDirectory;
-        QString resourcesDirectory;
-        QString helpersDirectory;
-        QString sudoPath;
-        QString autostartDirectory;
-        QString installer; // program run as "<installer> <package>"
-        QString dmiProductNameFile;
-        QStringList browserSearchPath; // folders searched for browser programs
+        QString temporaryDirectory{};
+        QString applicationSupportDirectory{};
+        QString downloadsDirectory{};
+        QString resourcesDirectory{};
+        QString helpersDirectory{};
+        QString sudoPath{};
+        QString autostartDirectory{};
+        QString installer{}; // program run as "<installer> <package>"
+        QString dmiProductNameFile{};
+        QStringList browserSearchPath{}; // folders searched for browser programs
     };
 
     explicit LinuxPlatform(Overrides overrides = {});
