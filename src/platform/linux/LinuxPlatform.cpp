@@ -56,6 +56,8 @@ QString desktopEntryValue(const QString &file, const QString &key)
 }
 } // namespace
 
+LinuxPlatform::LinuxPlatform() : LinuxPlatform(Overrides()) {}
+
 LinuxPlatform::LinuxPlatform(Overrides overrides) : m_overrides(std::move(overrides)) {}
 
 QString LinuxPlatform::pick(const QString &overrideValue, const char *envName) const

@@ -26,7 +26,10 @@ public:
         QStringList browserSearchPath{}; // folders searched for browser programs
     };
 
-    explicit LinuxPlatform(Overrides overrides = {});
+    // Two constructors rather than a defaulted argument: GCC 12 cannot use the members'
+    // default initialisers before the enclosing class is complete.
+    LinuxPlatform();
+    explicit LinuxPlatform(Overrides overrides);
 
     QString temporaryDirectory() override;
     QString applicationSupportDirectory() override;
