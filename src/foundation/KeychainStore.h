@@ -1,0 +1,57 @@
+#pragma once
+
+#include "foundation/NQError.h"
+#include "foundation/SecretBackend.h"
+
+#include <QString>
+
+#include <memory>
+
+// A keyed string store over one keychain service: items are addressed by key (the item's
+// account) and hold UTF-8 text. Items are generic passwords of this machine only (never
+// synchronised); on Linux they live in the Secret Service's default collection, or in the
+// per-user file store where no Secret Service answers (see SecretBackend).
+//
+// Errors are in the domain "com.pelorin.vpn.mac" and are logged when made:
+//   argument error   code 1        "the key must not to be nil"
+//   conversion error code -67594   "failed to convert string to data" / "... data to string"
+//   security error   the status    the secret store's text, or "Security error has occurred."
+//   unexpected error code -99999   "Unexpected error has occurred."
+// Copies share the backend. Safe to call from any thread (the backend serialises).
+class KeychainStore {
+public:
+    static constexpr auto kErrorDomain = "com.pelorin.vpn.mac";
+    static constexpr int kArgumentErrorCode = 1;
+    static constexpr int kConversionErrorCode = -67594;
+    static constexpr int kUnexpectedErrorCode = -99999;
+
+    // A store for `service` over `backend`; nullptr means SecretBackend::systemDefault().
+    explicit KeychainStore(QString service, std::shared_ptr<SecretBackend> backend = nullptr);
+
+    static KeychainStore keyChainStoreWithService(const QString &service);
+    // The class-wide default service: the bundle identifier "com.pelorin.vpn.mac".
+    static QString defaultService();
+
+    const QString &service() const { return m_service; }
+    SecretBackend &backend() const { return *m_backend; }
+
+    // The string under `key`, or a null string where missing (no error) or on failure.
+    QString stringForKey(const QString &key, NQErrorOpt *error = nullptr) const;
+    QString objectForKeyedSubscript(const QString &key) const { return stringForKey(key); }
+
+    // Adds the item or updates the existing one. A null `value` removes the item.
+    bool setString(const QString &value, const QString &key, NQErrorOpt *error = nullptr) const;
+    // With a value: setString; with a null string: removeItemForKey.
+    bool setObject(const QString &value, const QString &key, NQErrorOpt *error = nullptr) const;
+    // Deletes the item; a missing item is no error.
+    bool removeItemForKey(const QString &key, NQErrorOpt *error = nullptr) const;
+
+private:
+    static NQError argumentError(const QString &message);
+    static NQError conversionError(const QString &message);
+    static NQError securityError(const SecretBackend::Result &result);
+    static NQError unexpectedError();
+
+    QString m_service;
+    std::shared_ptr<SecretBackend> m_backend;
+};

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+#include <memory>
+
+// Where the keychain store keeps its items: one secret per (service, account). Every call
+// answers with a status of the platform keychain's numbering, so the store above runs the same
+// add-or-update rules whatever keeps the secrets.
+class SecretBackend {
+public:
+    enum Status : int {
+        Success = 0,
+        ItemNotFound = -25300,          // no item for the service and account
+        InteractionNotAllowed = -25308, // the keychain (collection) is locked
+        UserCanceled = -128,            // an unlock prompt was dismissed
+        NotAvailable = -25291,          // no secret service answers
+        InternalComponent = -26276,     // any other failure of the secret store
+    };
+
+    struct Result {
+        int status = Success;
+        QByteArray data; // the secret, for find()
+        QString message; // the store's own text for a failure; empty where it gives none
+        bool ok() const { return status == Success; }
+    };
+
+    virtual ~SecretBackend() = default;
+
+    virtual Result find(const QString &service, const QString &account) = 0;
+    // Replaces the secret of the existing item(s); ItemNotFound when there is none.
+    virtual Result update(const QString &service, const QString &account, const QByteArray &data) = 0;
+    // Creates a new item (the caller checked there is none).
+    virtual Result add(const QString &service, const QString &account, const QByteArray &data) = 0;
+    // Deletes the item(s); ItemNotFound when there is none.
+    virtual Result remove(const QString &service, const QString &account) = 0;
+    // "secret-service" or "file", for logs.
+    virtual QString name() const = 0;
+
+    // The process-wide backend: the Secret Service when one answers on the session bus (asked
+    // once per process), otherwise the per-user file store, with a logged warning. The
+    // environment variable PELORIN_SECRET_STORE=file skips the Secret Service (headless
+    // machines, test runs that must not touch the user's keyring).
+    static std::shared_ptr<SecretBackend> systemDefault();
+    // Replaces the process-wide backend (tests); nullptr chooses again on next use.
+    static void setSystemDefaultForTesting(std::shared_ptr<SecretBackend> backend);
+};
