@@ -1,0 +1,94 @@
+#pragma once
+
+#include "foundation/NQError.h"
+#include "vpn/NQVPNCountry.h"
+#include "vpn/TunnelProfileFiles.h"
+#include "vpn/VpnState.h"
+
+#include <QList>
+#include <QString>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+class TunnelProcess;
+class TunnelStateReporter;
+
+// The VPN engine: the server catalogue, the tunnel profile and the tunnel client process.
+//
+// Catalogue and profile requests complete on the main thread. The tunnel state (VpnState) is
+// stored in the settings store ("UDVpnStatus") and reported through onConnectionStateChange:
+// 2, 5 and the final 1 of a stop on the calling thread, the states read from the client's
+// output (3, 1, 0) on the tunnel I/O thread, so the callback must be safe on any thread.
+// Everything else is main-thread only.
+class NQVPNManager {
+public:
+    using StateCallback = std::function<void(int state)>;
+    using CountriesCompletion = std::function<void(const QList<NQVPNCountry> &countries, const NQErrorOpt &error)>;
+    using ConfigCompletion =
+        std::function<void(const QString &ovpn, const QString &serverAddress, const NQErrorOpt &error)>;
+
+    static constexpr auto kErrorDomain = "com.pelorin.vpn.ios.vpn.error";
+    static constexpr int kDeserializeErrorCode = -1;
+    static constexpr auto kClientName = "ovpncli";
+    // Keychain item of savePasswordToKeychain / retrievePasswordFromKeychain.
+    static constexpr auto kKeychainService = "com.pelorin.vpn.mac";
+    static constexpr auto kKeychainAccount = "PelorinVPNUser";
+
+    // A manager over the process-wide platform, settings store and backend configuration.
+    NQVPNManager();
+    ~NQVPNManager();
+    NQVPNManager(const NQVPNManager &) = delete;
+    NQVPNManager &operator=(const NQVPNManager &) = delete;
+
+    static NQVPNManager &sharedManager();
+    // Replaces the process-wide manager (tests); nullptr makes the next call build a new one.
+    static void setSharedManagerForTesting(std::unique_ptr<NQVPNManager> manager);
+
+    // --- Server catalogue
+    // The clusters of the last completed server-list request (empty after a failed one).
+    const QList<NQVPNCountry> &availableCountries() const { return m_availableCountries; }
+    // The cluster the tunnel is for; set by the connection panel, cleared by stopVPNConnection.
+    const std::optional<NQVPNCountry> &currentCountry() const { return m_currentCountry; }
+    void setCurrentCountry(std::optional<NQVPNCountry> country) { m_currentCountry = std::move(country); }
+
+    // GET of the server list. On the main thread, in this order: availableCountries replaced
+    // (also on failure), notificationAppReady, notificationClustersLoaded, completion.
+    void getCountries(CountriesCompletion completion);
+    void notificationAppReady();
+    void notificationClustersLoaded(const QList<NQVPNCountry> &countries);
+
+    // --- Tunnel profile
+    // GET of the cluster's profile; completion on the main thread with the values present,
+    // even alongside an error (the missing-key error names the last missing key).
+    void getCountryVPNConfig(qint64 countryId, ConfigCompletion completion);
+    void clearTemporaryDirectory();
+    QString writeConfigToTemporaryFile(const QString &config, const QString &countryName);
+    QString writeCredentialsToTemporaryFileWithUsername(const QString &username, const QString &password);
+
+    // --- Tunnel process
+    // Prepares the profile and starts the client through sudo; the outcome arrives as states.
+    void startVPNConnectionWithConfigContent(const QString &content, const QString &countryName);
+    // Empties the temporary directory, 5, signals the recorded client, clears currentCountry,
+    // then disconnectAllVPNConnections (which ends in 1).
+    void stopVPNConnection();
+    // Kills every client by name through sudo; blocks until pkill exits; always ends in 1.
+    void disconnectAllVPNConnections();
+
+    StateCallback onConnectionStateChange() const;
+    void setOnConnectionStateChange(StateCallback callback);
+
+    // --- Keychain helpers (not used by the rest of the application)
+    void savePasswordToKeychain(const QString &password);
+    QString retrievePasswordFromKeychain();
+
+private:
+    static QString requestUrl(const QString &endpoint, const QString &countryIdSegment);
+
+    QList<NQVPNCountry> m_availableCountries;
+    std::optional<NQVPNCountry> m_currentCountry;
+    TunnelProfileFiles m_files;
+    std::shared_ptr<TunnelStateReporter> m_reporter;
+    std::unique_ptr<TunnelProcess> m_process;
+};

@@ -1,0 +1,65 @@
+#include "vpn/TunnelProcess.h"
+
+#include <QMetaObject>
+#include <QProcess>
+#include <QThread>
+
+TunnelProcess::TunnelProcess() : m_thread(new QThread), m_context(new QObject)
+{
+    m_thread->setObjectName(QStringLiteral("vpn-tunnel-io"));
+    m_context->moveToThread(m_thread);
+    m_thread->start();
+}
+
+TunnelProcess::~TunnelProcess()
+{
+    // Processes still running are killed by their destructors, on the thread they belong to.
+    QMetaObject::invokeMethod(
+        m_context,
+        [this] {
+            for (QObject *child : m_context->children()) {
+                QObject::disconnect(child, nullptr, nullptr, nullptr);
+                delete child;
+            }
+        },
+        Qt::BlockingQueuedConnection);
+    m_thread->quit();
+    m_thread->wait();
+    delete m_context;
+    delete m_thread;
+}
+
+TunnelProcess::Launch TunnelProcess::launch(const QString &program, const QStringList &arguments, Handlers handlers)
+{
+    Launch result;
+    QMetaObject::invokeMethod(
+        m_context,
+        [&] {
+            auto *process = new QProcess(m_context);
+            process->setProcessChannelMode(QProcess::MergedChannels);
+            process->setStandardInputFile(QProcess::nullDevice());
+            process->setProgram(program);
+            process->setArguments(arguments);
+            QObject::connect(process, &QProcess::readyReadStandardOutput, process,
+                             [process, onOutput = handlers.onOutput] {
+                                 const QByteArray chunk = process->readAllStandardOutput();
+                                 if (!chunk.isEmpty() && onOutput)
+                                     onOutput(chunk);
+                             });
+            QObject::connect(process, &QProcess::finished, process,
+                             [process, onTerminated = handlers.onTerminated](int exitCode, QProcess::ExitStatus) {
+                                 if (onTerminated)
+                                     onTerminated(exitCode, process->readAllStandardOutput());
+                                 process->deleteLater();
+                             });
+            process->start();
+            if (!process->waitForStarted()) {
+                result.failureReason = process->errorString();
+                delete process;
+                return;
+            }
+            result.pid = process->processId();
+        },
+        Qt::BlockingQueuedConnection);
+    return result;
+}

@@ -1,0 +1,155 @@
+#include "vpn/TunnelProfileFiles.h"
+
+#include "foundation/Log.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSaveFile>
+
+namespace {
+constexpr auto kAuthUserPass = "auth-user-pass";
+
+// Writes `data` to `path` through a side file that only this user can read; the
+// error text is set on failure.
+bool writeAtomically(const QString &path, const QByteArray &data, QString *why)
+{
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly)) {
+        *why = file.errorString();
+        return false;
+    }
+    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+    if (file.write(data) != data.size()) {
+        *why = file.errorString();
+        file.cancelWriting();
+        return false;
+    }
+    if (!file.commit()) {
+        *why = file.errorString();
+        return false;
+    }
+    return true;
+}
+
+// The full path of `name` in `directory`, or a null string (reason in `why`) when `name` would
+// leave the folder or is no file name at all.
+QString entryPath(const QString &directory, const QString &name, QString *why)
+{
+    if (directory.isEmpty()) {
+        *why = QStringLiteral("no private temporary folder is available");
+        return {};
+    }
+    if (name.contains(QLatin1Char('/')) || name.contains(QChar(u'\0'))) {
+        *why = QStringLiteral("the name '%1' cannot be used as a file name").arg(name);
+        return {};
+    }
+    return directory + QLatin1Char('/') + name;
+}
+
+QString textOrNull(const QString &value)
+{
+    return value.isNull() ? QStringLiteral("(null)") : value;
+}
+} // namespace
+
+TunnelProfileFiles::TunnelProfileFiles(std::function<QString()> temporaryDirectory)
+    : m_temporaryDirectory(std::move(temporaryDirectory))
+{
+}
+
+void TunnelProfileFiles::clearTemporaryDirectory() const
+{
+    const QString directory = m_temporaryDirectory();
+    // An empty path would mean the current folder: never clear that.
+    if (directory.isEmpty() || !QFileInfo(directory).isDir())
+        return;
+    const QDir dir(directory);
+    const auto entries = dir.entryInfoList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    for (const QFileInfo &entry : entries) {
+        if (entry.isDir() && !entry.isSymLink())
+            QDir(entry.absoluteFilePath()).removeRecursively();
+        else
+            QFile::remove(entry.absoluteFilePath());
+    }
+}
+
+QString TunnelProfileFiles::writeConfigToTemporaryFile(const QString &config, const QString &countryName) const
+{
+    QString why;
+    const QString path =
+        entryPath(m_temporaryDirectory(), QStringLiteral("NQ_VPN_%1.ovpn").arg(textOrNull(countryName)), &why);
+    if (path.isNull() || !writeAtomically(path, config.toUtf8(), &why)) {
+        NQLog::line(QStringLiteral("|NQVPNManager| Failed to write temporary OpenVPN config file: %1").arg(why));
+        return {};
+    }
+    return path;
+}
+
+QString TunnelProfileFiles::writeCredentialsToTemporaryFileWithUsername(const QString &username,
+                                                                        const QString &password) const
+{
+    QString why;
+    QString path;
+    // A file holding "(null)" would only surface later as a puzzling authentication failure.
+    if (username.isNull() || password.isNull())
+        why = QStringLiteral("no VPN user name and password have been stored for this device yet");
+    else
+        path = entryPath(m_temporaryDirectory(), QLatin1String(kCredentialsFileName), &why);
+    const QString content = username + QLatin1Char('\n') + password;
+    if (path.isNull() || !writeAtomically(path, content.toUtf8(), &why)) {
+        NQLog::line(QStringLiteral("|NQVPNManager| Failed to write temporary credentials file: %1").arg(why));
+        return {};
+    }
+    return path;
+}
+
+QString TunnelProfileFiles::rewriteAuthUserPass(const QString &profile, const QString &credentialsPath)
+{
+    QString text = profile;
+    return text.replace(QLatin1String(kAuthUserPass), QStringLiteral("auth-user-pass %1").arg(credentialsPath));
+}
+
+QString TunnelProfileFiles::prepare(const QString &config, const QString &countryName, const QString &username,
+                                    const QString &password) const
+{
+    clearTemporaryDirectory();
+    const QString profilePath = writeConfigToTemporaryFile(config, countryName);
+    if (profilePath.isNull()) {
+        NQLog::line(QStringLiteral("|NQVPNManager| Failed to create temporary configuration file."));
+        return {};
+    }
+    const QString credentialsPath = writeCredentialsToTemporaryFileWithUsername(username, password);
+    if (credentialsPath.isNull()) {
+        NQLog::line(QStringLiteral("|NQVPNManager| Failed to create temporary credentials file."));
+        return {};
+    }
+    QString ignored;
+    writeAtomically(profilePath, rewriteAuthUserPass(config, credentialsPath).toUtf8(), &ignored);
+    return profilePath;
+}
+
+void TunnelProfileFiles::writePidFile(qint64 pid) const
+{
+    QString why;
+    const QString path = entryPath(m_temporaryDirectory(), QLatin1String(kPidFileName), &why);
+    if (!path.isNull())
+        writeAtomically(path, QByteArray::number(pid), &why);
+}
+
+qint64 TunnelProfileFiles::readPidFile() const
+{
+    QString why;
+    QFile file(entryPath(m_temporaryDirectory(), QLatin1String(kPidFileName), &why));
+    if (file.fileName().isEmpty() || !file.open(QIODevice::ReadOnly))
+        return 0;
+    return QString::fromUtf8(file.readAll()).trimmed().toLongLong();
+}
+
+void TunnelProfileFiles::removeFile(const QString &name) const
+{
+    QString why;
+    const QString path = entryPath(m_temporaryDirectory(), name, &why);
+    if (!path.isNull())
+        QFile::remove(path);
+}
