@@ -58,6 +58,9 @@ void OsLog::write(Level level, const QString &text) const
         priority = LOG_CRIT;
         break;
     }
+    static std::once_flag opened;
+    // One identifier for the whole program so `journalctl -t com.pelorin.vpn.mac` finds it all.
+    std::call_once(opened, [] { openlog("com.pelorin.vpn.mac", LOG_PID, LOG_USER); });
     syslog(priority, "%s [%s] %s", m_subsystem, m_category, text.toUtf8().constData());
 }
 
