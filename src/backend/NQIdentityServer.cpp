@@ -1,0 +1,148 @@
+#include "backend/NQIdentityServer.h"
+
+#include "backend/BackendRequest.h"
+#include "foundation/AppConfig.h"
+
+#include <QJsonObject>
+#include <QRegularExpression>
+#include <QTimeZone>
+
+namespace {
+
+// A string slot as the platform's formatter fills it: a missing value prints "(null)".
+QString slot(const QString &value)
+{
+    return value.isNull() ? QStringLiteral("(null)") : value;
+}
+
+// A string under `key`; anything else (absent, null, a number) counts as absent.
+QString stringValue(const QJsonObject &object, const QString &key)
+{
+    const QJsonValue value = object.value(key);
+    return value.isString() ? value.toString() : QString();
+}
+
+BackendRequest::LogLines installEventLines()
+{
+    BackendRequest::LogLines lines = BackendRequest::LogLines::named(QStringLiteral("install-event"));
+    lines.start = QStringLiteral("Request report install-event");
+    lines.endpoint = QStringLiteral("Request report install-event. endpointUrl = '%1'. parameters = '%2'");
+    return lines;
+}
+
+} // namespace
+
+NQIdentityServer &NQIdentityServer::sharedManager()
+{
+    static NQIdentityServer manager;
+    return manager;
+}
+
+void NQIdentityServer::labelsettingsForLabelID(const QString &labelID, const QString &deviceId, const QString &key,
+                                               int mark, const QString &languageCode, const QString &appVersion,
+                                               LabelSettingsCompletion completion)
+{
+    BackendRequest::Spec spec;
+    spec.log = BackendRequest::LogLines::named(QStringLiteral("labelsettings"));
+    const QString endpoint = QStringLiteral("%1/api1/Configuration/labelsettings").arg(slot(AppConfig::hostUrl()));
+    spec.url = QStringLiteral("%1/%2/%3/%4/%5")
+                   .arg(endpoint, slot(labelID), slot(languageCode), slot(deviceId), slot(appVersion));
+    BackendRequest::send(std::move(spec), [completion](const BackendRequest::Result &result) {
+        if (result.error) {
+            completion({}, {}, {}, result.error);
+            return;
+        }
+        const QJsonObject object = result.json.object();
+        completion(stringValue(object, QStringLiteral("support")),
+                   stringValue(object, QStringLiteral("linkafterinstall")),
+                   stringValue(object, QStringLiteral("linkafteruninstall")), std::nullopt);
+    });
+}
+
+void NQIdentityServer::fetchBrowserExtensionConfigForLabelID(const QString &labelID, const QString &browser,
+                                                             BrowserConfigCompletion completion)
+{
+    BackendRequest::Spec spec;
+    spec.log = BackendRequest::LogLines::named(QStringLiteral("BrowseConfiguration"));
+    const QString endpoint = QStringLiteral("%1/api1/Configuration/extensiondownload").arg(slot(AppConfig::hostUrl()));
+    spec.url = QStringLiteral("%1/%2/%3").arg(endpoint, slot(labelID), slot(browser));
+    BackendRequest::send(std::move(spec), [completion](const BackendRequest::Result &result) {
+        if (result.error) {
+            completion(false, {}, result.error);
+            return;
+        }
+        const QJsonObject object = result.json.object();
+        const bool success = object.value(QStringLiteral("success")).toBool();
+        const QString url = stringValue(object, QStringLiteral("url"));
+        if (url.isNull()) {
+            completion(
+                success, {},
+                BackendRequest::identityError(
+                    -1, QStringLiteral(
+                            "Deserialize key 'url' from response body failed for request 'BrowseConfiguration'.")));
+            return;
+        }
+        completion(success, url, std::nullopt);
+    });
+}
+
+void NQIdentityServer::reportAnalyticsEventForLabelID(const QString &labelID, const QString &deviceID,
+                                                      const QString &machineID, const QString &languageCode,
+                                                      const QString &countryCode, const QString &appVersion, int mark,
+                                                      bool isInstall, AnalyticsCompletion completion)
+{
+    BackendRequest::Spec spec;
+    spec.log = installEventLines();
+    spec.url = QStringLiteral("%1/Configuration/installstats").arg(slot(AppConfig::hostUrl()));
+    spec.method = "POST";
+    spec.headers = {{"Content-Type", "application/json"}};
+    QVariantMap body{{QStringLiteral("labelId"), labelID},      {QStringLiteral("mac"), deviceID},
+                     {QStringLiteral("isoLang"), languageCode}, {QStringLiteral("isInstall"), isInstall},
+                     {QStringLiteral("lang"), languageCode},    {QStringLiteral("appVer"), appVersion},
+                     {QStringLiteral("machineId"), machineID},  {QStringLiteral("mark"), 0}};
+    if (!countryCode.isNull())
+        body.insert(QStringLiteral("country"), countryCode);
+    spec.jsonBody = body;
+    BackendRequest::send(std::move(spec), [completion](const BackendRequest::Result &result) {
+        if (result.error) {
+            completion(false, result.error);
+            return;
+        }
+        completion(result.json.object().value(QStringLiteral("sent")).toBool(), std::nullopt);
+    });
+}
+
+std::optional<QDateTime> NQIdentityServer::dateFromTesselString(const QString &text)
+{
+    static const QRegularExpression zoned(
+        QStringLiteral("^(\\d{4}-\\d{2}-\\d{2}T\\d{2}:\\d{2}:\\d{2})(Z|[+-]\\d{2}:\\d{2}|[+-]\\d{4})$"));
+    if (const auto match = zoned.match(text); match.hasMatch()) {
+        QDateTime date = QDateTime::fromString(match.captured(1), QStringLiteral("yyyy-MM-ddTHH:mm:ss"));
+        if (date.isValid()) {
+            const QString zone = match.captured(2);
+            int offset = 0;
+            if (zone != QLatin1String("Z")) {
+                const QString digits = QString(zone).remove(QLatin1Char(':'));
+                offset = (digits.mid(1, 2).toInt() * 3600 + digits.mid(3, 2).toInt() * 60) *
+                         (zone.startsWith(QLatin1Char('-')) ? -1 : 1);
+            }
+            date.setTimeZone(QTimeZone(offset));
+            return date;
+        }
+    }
+    static const QRegularExpression plain(QStringLiteral("^\\d{4}-\\d{2}-\\d{2}T(\\d{2}):\\d{2}:\\d{2}$"));
+    const auto match = plain.match(text);
+    if (!match.hasMatch())
+        return std::nullopt;
+    QDateTime date = QDateTime::fromString(text, QStringLiteral("yyyy-MM-ddTHH:mm:ss"));
+    if (date.isValid())
+        return date;
+    // The 12-hour form: hours 1 to 12 without a day half, 12 being midnight.
+    const int hour = match.captured(1).toInt();
+    if (hour < 1 || hour > 12)
+        return std::nullopt;
+    QString morning = text;
+    morning.replace(11, 2, QStringLiteral("%1").arg(hour % 12, 2, 10, QLatin1Char('0')));
+    date = QDateTime::fromString(morning, QStringLiteral("yyyy-MM-ddTHH:mm:ss"));
+    return date.isValid() ? std::optional<QDateTime>(date) : std::nullopt;
+}
