@@ -56,7 +56,7 @@ QString secondsToMMHHSS(quint64 seconds);
 // translation key to its text. The hour keys are deliberately used the other way round from
 // the day keys: one hour reads "ManageUpdates_UpdateGui_hours", several "..._hour".
 QString durationStringFromSeconds(qint64 seconds, const std::function<QString(const QString &)> &label);
-// The same with the texts of the current interface language.
+// The same with the texts of the current interface language (LocalString::forKey).
 QString durationStringFromSeconds(qint64 seconds);
 
 } // namespace StringAddition

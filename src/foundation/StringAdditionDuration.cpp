@@ -2,6 +2,8 @@
 // translated labels.
 #include "foundation/StringAddition.h"
 
+#include "foundation/LocalString.h"
+
 namespace StringAddition {
 
 QString durationStringFromSeconds(qint64 seconds, const std::function<QString(const QString &)> &label)
@@ -31,6 +33,11 @@ QString durationStringFromSeconds(qint64 seconds, const std::function<QString(co
         return QStringLiteral("%1 %2 %3 %4").arg(n(minutes), minuteLabel, n(secs), secondLabel);
     }
     return QStringLiteral("%1 %2 %3 %4 %5 %6").arg(n(hours), hourLabel, n(minutes), minuteLabel, n(secs), secondLabel);
+}
+
+QString durationStringFromSeconds(qint64 seconds)
+{
+    return durationStringFromSeconds(seconds, [](const QString &key) { return LocalString::forKey(key); });
 }
 
 } // namespace StringAddition
