@@ -1,0 +1,167 @@
+#include "foundation/KeychainStore.h"
+
+#include "foundation/Log.h"
+
+#include <QStringDecoder>
+
+namespace {
+
+NQError makeError(int code, const QString &message)
+{
+    return NQError(QString::fromLatin1(KeychainStore::kErrorDomain), code,
+                   {{NQError::kLocalizedDescriptionKey, message}});
+}
+
+void report(NQErrorOpt *out, const NQError &error)
+{
+    if (out)
+        *out = error;
+}
+
+// UTF-16 with an unpaired surrogate has no UTF-8 form; Qt would silently substitute it.
+bool hasUtf8Form(const QString &text)
+{
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const QChar c = text.at(i);
+        if (c.isHighSurrogate()) {
+            if (i + 1 >= text.size() || !text.at(i + 1).isLowSurrogate())
+                return false;
+            ++i;
+        } else if (c.isLowSurrogate()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+KeychainStore::KeychainStore(QString service, std::shared_ptr<SecretBackend> backend)
+    : m_service(std::move(service)), m_backend(backend ? std::move(backend) : SecretBackend::systemDefault())
+{
+}
+
+KeychainStore KeychainStore::keyChainStoreWithService(const QString &service)
+{
+    return KeychainStore(service);
+}
+
+QString KeychainStore::defaultService()
+{
+    return QStringLiteral("com.pelorin.vpn.mac");
+}
+
+QString KeychainStore::stringForKey(const QString &key, NQErrorOpt *error) const
+{
+    if (error)
+        error->reset();
+    if (key.isNull()) {
+        report(error, argumentError(QStringLiteral("the key must not to be nil")));
+        return {};
+    }
+    if (m_service.isEmpty()) {
+        report(error, unexpectedError());
+        return {};
+    }
+    const SecretBackend::Result found = m_backend->find(m_service, key);
+    if (found.status == SecretBackend::ItemNotFound)
+        return {};
+    if (!found.ok()) {
+        report(error, securityError(found));
+        return {};
+    }
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    QString text = decoder.decode(found.data);
+    if (decoder.hasError()) {
+        report(error, conversionError(QStringLiteral("failed to convert data to string")));
+        return {};
+    }
+    if (text.isNull())
+        text = QLatin1String(""); // an empty item is an empty string, not a missing one
+    return text;
+}
+
+bool KeychainStore::setString(const QString &value, const QString &key, NQErrorOpt *error) const
+{
+    if (error)
+        error->reset();
+    if (key.isNull()) {
+        report(error, argumentError(QStringLiteral("the key must not to be nil")));
+        return false;
+    }
+    if (value.isNull())
+        return removeItemForKey(key, error);
+    if (!hasUtf8Form(value)) {
+        report(error, conversionError(QStringLiteral("failed to convert string to data")));
+        return false;
+    }
+    if (m_service.isEmpty()) {
+        report(error, unexpectedError());
+        return false;
+    }
+    const QByteArray data = value.toUtf8();
+    const SecretBackend::Result found = m_backend->find(m_service, key);
+    SecretBackend::Result written;
+    if (found.status == SecretBackend::Success || found.status == SecretBackend::InteractionNotAllowed)
+        written = m_backend->update(m_service, key, data);
+    else if (found.status == SecretBackend::ItemNotFound)
+        written = m_backend->add(m_service, key, data);
+    else
+        written = found;
+    if (!written.ok()) {
+        report(error, securityError(written));
+        return false;
+    }
+    return true;
+}
+
+bool KeychainStore::setObject(const QString &value, const QString &key, NQErrorOpt *error) const
+{
+    return value.isNull() ? removeItemForKey(key, error) : setString(value, key, error);
+}
+
+bool KeychainStore::removeItemForKey(const QString &key, NQErrorOpt *error) const
+{
+    if (error)
+        error->reset();
+    if (key.isNull()) {
+        report(error, argumentError(QStringLiteral("the key must not to be nil")));
+        return false;
+    }
+    if (m_service.isEmpty()) {
+        report(error, unexpectedError());
+        return false;
+    }
+    const SecretBackend::Result removed = m_backend->remove(m_service, key);
+    if (removed.ok() || removed.status == SecretBackend::ItemNotFound)
+        return true;
+    report(error, securityError(removed));
+    return false;
+}
+
+NQError KeychainStore::argumentError(const QString &message)
+{
+    NQLog::line(QStringLiteral("error: [%1] %2").arg(kArgumentErrorCode).arg(message));
+    return makeError(kArgumentErrorCode, message);
+}
+
+NQError KeychainStore::conversionError(const QString &message)
+{
+    NQLog::line(QStringLiteral("error: [%1] %2").arg(kConversionErrorCode).arg(message));
+    return makeError(kConversionErrorCode, message);
+}
+
+NQError KeychainStore::securityError(const SecretBackend::Result &result)
+{
+    const QString message = result.message.isEmpty() ? QStringLiteral("Security error has occurred.") : result.message;
+    NQLog::line(QStringLiteral("OSStatus error: [%1] %2").arg(result.status).arg(message));
+    return makeError(result.status, message);
+}
+
+// Raised where the item's attributes cannot be built (a store without a service name).
+NQError KeychainStore::unexpectedError()
+{
+    const QString message = QStringLiteral("Unexpected error has occurred.");
+    NQLog::line(QStringLiteral("error: [%1] %2").arg(kUnexpectedErrorCode).arg(message));
+    return makeError(kUnexpectedErrorCode, message);
+}

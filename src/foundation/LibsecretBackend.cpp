@@ -1,0 +1,224 @@
+// libsecret (through GIO) must come before Qt: GIO has members named "signals".
+#include <libsecret/secret.h>
+
+#include "foundation/LibsecretBackend.h"
+
+#include <QString>
+
+#include <memory>
+
+namespace {
+
+const SecretSchema kSchema = {"com.pelorin.vpn.mac.GenericPassword",
+                              SECRET_SCHEMA_DONT_MATCH_NAME,
+                              {{"service", SECRET_SCHEMA_ATTRIBUTE_STRING},
+                               {"account", SECRET_SCHEMA_ATTRIBUTE_STRING},
+                               {nullptr, SECRET_SCHEMA_ATTRIBUTE_STRING}},
+                              0,
+                              nullptr,
+                              nullptr,
+                              nullptr,
+                              nullptr,
+                              nullptr,
+                              nullptr,
+                              nullptr};
+
+using Status = SecretBackend::Status;
+using Result = SecretBackend::Result;
+
+const QString kLockedMessage = QStringLiteral("The keyring holding the item is locked.");
+
+// Maps a libsecret/GLib failure to the keychain's numbering, keeping the system's own text.
+Result fromError(GError *error, int fallback = Status::InternalComponent)
+{
+    Result result;
+    result.status = fallback;
+    if (!error) {
+        result.message = QStringLiteral("The secret service gave no answer.");
+        return result;
+    }
+    result.message = QString::fromUtf8(error->message);
+    if (error->domain == SECRET_ERROR && error->code == SECRET_ERROR_IS_LOCKED)
+        result.status = Status::InteractionNotAllowed;
+    else if (error->domain == SECRET_ERROR && error->code == SECRET_ERROR_NO_SUCH_OBJECT)
+        result.status = Status::ItemNotFound;
+    else if (error->domain == G_IO_ERROR && error->code == G_IO_ERROR_CANCELLED)
+        result.status = Status::UserCanceled;
+    else if (error->domain == G_DBUS_ERROR &&
+             (error->code == G_DBUS_ERROR_SERVICE_UNKNOWN || error->code == G_DBUS_ERROR_NAME_HAS_NO_OWNER ||
+              error->code == G_DBUS_ERROR_NO_SERVER || error->code == G_DBUS_ERROR_DISCONNECTED ||
+              error->code == G_DBUS_ERROR_SPAWN_EXEC_FAILED || error->code == G_DBUS_ERROR_SPAWN_SERVICE_NOT_FOUND))
+        result.status = Status::NotAvailable;
+    else if (error->domain == G_IO_ERROR && error->code == G_IO_ERROR_CLOSED)
+        result.status = Status::NotAvailable;
+    g_error_free(error);
+    return result;
+}
+
+Result failure(int status, const QString &message)
+{
+    Result result;
+    result.status = status;
+    result.message = message;
+    return result;
+}
+
+struct HashTableDeleter {
+    void operator()(GHashTable *table) const { g_hash_table_unref(table); }
+};
+struct ItemListDeleter {
+    void operator()(GList *list) const { g_list_free_full(list, g_object_unref); }
+};
+using Attributes = std::unique_ptr<GHashTable, HashTableDeleter>;
+using ItemList = std::unique_ptr<GList, ItemListDeleter>;
+
+Attributes attributesFor(const QByteArray &service, const QByteArray &account)
+{
+    // The table borrows the strings: the callers keep the byte arrays alive.
+    Attributes table(g_hash_table_new(g_str_hash, g_str_equal));
+    g_hash_table_insert(table.get(), const_cast<char *>("service"), const_cast<char *>(service.constData()));
+    g_hash_table_insert(table.get(), const_cast<char *>("account"), const_cast<char *>(account.constData()));
+    return table;
+}
+
+} // namespace
+
+std::shared_ptr<LibsecretBackend> LibsecretBackend::connect(QString *message)
+{
+    GError *error = nullptr;
+    SecretService *service = secret_service_get_sync(SECRET_SERVICE_OPEN_SESSION, nullptr, &error);
+    if (!service) {
+        if (message)
+            *message = fromError(error, Status::NotAvailable).message;
+        return nullptr;
+    }
+    return std::shared_ptr<LibsecretBackend>(new LibsecretBackend(service));
+}
+
+LibsecretBackend::LibsecretBackend(SecretService *service) : m_service(service) {}
+
+LibsecretBackend::~LibsecretBackend()
+{
+    g_object_unref(m_service);
+}
+
+namespace {
+
+// All items of (service, account), locked ones included; nullopt-like failure in *result.
+ItemList search(SecretService *secretService, const QString &service, const QString &account, Result *result)
+{
+    const QByteArray serviceUtf8 = service.toUtf8();
+    const QByteArray accountUtf8 = account.toUtf8();
+    Attributes attributes = attributesFor(serviceUtf8, accountUtf8);
+    GError *error = nullptr;
+    GList *items =
+        secret_service_search_sync(secretService, &kSchema, attributes.get(), SECRET_SEARCH_ALL, nullptr, &error);
+    if (error) {
+        *result = fromError(error);
+        return ItemList();
+    }
+    if (!items)
+        *result =
+            failure(Status::ItemNotFound, QStringLiteral("The specified item could not be found in the keychain."));
+    return ItemList(items);
+}
+
+bool anyLocked(GList *items)
+{
+    for (GList *it = items; it; it = it->next)
+        if (secret_item_get_locked(SECRET_ITEM(it->data)))
+            return true;
+    return false;
+}
+
+} // namespace
+
+Result LibsecretBackend::find(const QString &service, const QString &account)
+{
+    std::lock_guard lock(m_mutex);
+    Result result;
+    ItemList items = search(m_service, service, account, &result);
+    if (!items)
+        return result;
+    SecretItem *item = SECRET_ITEM(items->data);
+    if (secret_item_get_locked(item))
+        return failure(Status::InteractionNotAllowed, kLockedMessage);
+    GError *error = nullptr;
+    if (!secret_item_load_secret_sync(item, nullptr, &error))
+        return fromError(error);
+    SecretValue *value = secret_item_get_secret(item);
+    if (!value)
+        return failure(Status::InteractionNotAllowed, kLockedMessage);
+    gsize length = 0;
+    const gchar *bytes = secret_value_get(value, &length);
+    result.data = QByteArray(bytes, static_cast<qsizetype>(length));
+    secret_value_unref(value);
+    return result;
+}
+
+Result LibsecretBackend::update(const QString &service, const QString &account, const QByteArray &data)
+{
+    std::lock_guard lock(m_mutex);
+    Result result;
+    ItemList items = search(m_service, service, account, &result);
+    if (!items)
+        return result;
+    if (anyLocked(items.get()))
+        return failure(Status::InteractionNotAllowed, kLockedMessage);
+    SecretValue *value = secret_value_new(data.constData(), data.size(), "text/plain");
+    for (GList *it = items.get(); it; it = it->next) {
+        GError *error = nullptr;
+        if (!secret_item_set_secret_sync(SECRET_ITEM(it->data), value, nullptr, &error)) {
+            secret_value_unref(value);
+            return fromError(error);
+        }
+    }
+    secret_value_unref(value);
+    return result;
+}
+
+Result LibsecretBackend::add(const QString &service, const QString &account, const QByteArray &data)
+{
+    std::lock_guard lock(m_mutex);
+    GError *error = nullptr;
+    SecretCollection *collection =
+        secret_collection_for_alias_sync(m_service, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr, &error);
+    if (!collection) {
+        return error ? fromError(error)
+                     : failure(Status::NotAvailable, QStringLiteral("The secret service has no default keyring."));
+    }
+    if (secret_collection_get_locked(collection)) {
+        g_object_unref(collection);
+        return failure(Status::InteractionNotAllowed, kLockedMessage);
+    }
+    const QByteArray serviceUtf8 = service.toUtf8();
+    const QByteArray accountUtf8 = account.toUtf8();
+    const QByteArray label = QStringLiteral("%1 (%2)").arg(service, account).toUtf8();
+    Attributes attributes = attributesFor(serviceUtf8, accountUtf8);
+    SecretValue *value = secret_value_new(data.constData(), data.size(), "text/plain");
+    SecretItem *item = secret_item_create_sync(collection, &kSchema, attributes.get(), label.constData(), value,
+                                               SECRET_ITEM_CREATE_NONE, nullptr, &error);
+    secret_value_unref(value);
+    g_object_unref(collection);
+    if (!item)
+        return fromError(error);
+    g_object_unref(item);
+    return {};
+}
+
+Result LibsecretBackend::remove(const QString &service, const QString &account)
+{
+    std::lock_guard lock(m_mutex);
+    Result result;
+    ItemList items = search(m_service, service, account, &result);
+    if (!items)
+        return result;
+    if (anyLocked(items.get()))
+        return failure(Status::InteractionNotAllowed, kLockedMessage);
+    for (GList *it = items.get(); it; it = it->next) {
+        GError *error = nullptr;
+        if (!secret_item_delete_sync(SECRET_ITEM(it->data), nullptr, &error))
+            return fromError(error);
+    }
+    return result;
+}

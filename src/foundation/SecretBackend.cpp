@@ -1,0 +1,41 @@
+#include "foundation/SecretBackend.h"
+
+#include "foundation/FileSecretBackend.h"
+#include "foundation/LibsecretBackend.h"
+#include "foundation/Log.h"
+
+#include <mutex>
+
+namespace {
+std::mutex g_mutex;
+std::shared_ptr<SecretBackend> g_backend;
+} // namespace
+
+std::shared_ptr<SecretBackend> SecretBackend::systemDefault()
+{
+    std::lock_guard lock(g_mutex);
+    if (g_backend)
+        return g_backend;
+    const OsLog log("KeychainStore");
+    if (qEnvironmentVariable("PELORIN_SECRET_STORE") == QLatin1String("file")) {
+        g_backend = std::make_shared<FileSecretBackend>(FileSecretBackend::defaultFilePath());
+        log.info(QStringLiteral("Keeping secrets in %1 (PELORIN_SECRET_STORE=file).")
+                     .arg(FileSecretBackend::defaultFilePath()));
+        return g_backend;
+    }
+    QString reason;
+    if (auto secretService = LibsecretBackend::connect(&reason)) {
+        g_backend = std::move(secretService);
+        return g_backend;
+    }
+    g_backend = std::make_shared<FileSecretBackend>(FileSecretBackend::defaultFilePath());
+    log.error(QStringLiteral("No secret service answers (%1); keeping secrets in the file %2 instead.")
+                  .arg(reason, FileSecretBackend::defaultFilePath()));
+    return g_backend;
+}
+
+void SecretBackend::setSystemDefaultForTesting(std::shared_ptr<SecretBackend> backend)
+{
+    std::lock_guard lock(g_mutex);
+    g_backend = std::move(backend);
+}
