@@ -13,6 +13,7 @@ PACKAGES=(
   openvpn sudo iproute2 iputils-ping procps psmisc openssl easy-rsa
   # tests: secret service, independent WebSocket clients, a display for screenshots
   gnome-keyring dbus dbus-x11 libsecret-tools python3 python3-websockets
+  chromium
   xvfb xauth fonts-dejavu-core
 )
 

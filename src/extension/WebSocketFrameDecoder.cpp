@@ -1,0 +1,137 @@
+#include "extension/WebSocketFrameDecoder.h"
+
+#include "extension/WebSocketFrame.h"
+
+#include <limits>
+
+namespace WebSocketFrameDecoder {
+
+namespace {
+constexpr int kOpText = 1;
+constexpr int kOpClose = 8;
+constexpr int kOpPing = 9;
+
+unsigned char byteAt(const QByteArray &raw, qsizetype i)
+{
+    return i < raw.size() ? static_cast<unsigned char>(raw[i]) : 0;
+}
+
+Step refuse(const char *text)
+{
+    Step step;
+    step.failure = QString::fromLatin1(text);
+    return step;
+}
+
+Step next(long tag, std::uint64_t length)
+{
+    Step step;
+    step.nextTag = tag;
+    step.nextLength = length;
+    return step;
+}
+
+Step header(const QByteArray &raw)
+{
+    const unsigned char b0 = byteAt(raw, 0);
+    const unsigned char b1 = byteAt(raw, 1);
+    // These two checks negate the whole byte before testing the bit, so they never reject:
+    // first fragments and unmasked frames are let through, as the extension has always seen.
+    if ((static_cast<unsigned>(!b0) & 0x80u) != 0)
+        return refuse("Can't decode fragmented frames!");
+    if ((static_cast<unsigned>(!b1) & 0x80u) != 0)
+        return refuse("Can only handle websocket frames with masks!");
+    const int opcode = b0 & 0x0F;
+    if (opcode != kOpText && opcode != kOpClose && opcode != kOpPing)
+        return refuse(kUnsupportedFrame);
+    const int l7 = b1 & 0x7F;
+    if (l7 == 126)
+        return next(ExtendedLengthRead + opcode, 2);
+    if (l7 == 127)
+        return next(ExtendedLengthRead + opcode, 8);
+    return next(PayloadRead + opcode, static_cast<std::uint64_t>(l7) + 4);
+}
+
+Step extendedLength(long tag, const QByteArray &raw)
+{
+    std::uint64_t length = 0;
+    const int bytes = raw.size() == 2 ? 2 : 8;
+    for (int i = 0; i < bytes; ++i)
+        length = (length << 8) | byteAt(raw, i);
+    // A declared length near 2^64 must not wrap into a small read.
+    const std::uint64_t withKey =
+        length > std::numeric_limits<std::uint64_t>::max() - 4 ? std::numeric_limits<std::uint64_t>::max() : length + 4;
+    return next(tag + 16, withKey);
+}
+
+Step payload(long tag, const QByteArray &raw)
+{
+    QByteArray data = unmask(raw);
+    Step step = next(HeaderRead, 2);
+    switch (tag & 0x0F) {
+    case kOpText:
+        step.text = std::move(data);
+        break;
+    case kOpClose:
+        // Echoes the second and first masking-key bytes where a status code would go; the
+        // extension relies on nothing else, and this is what it has always been sent.
+        step.reply = QByteArray("\x88\x02", 2);
+        step.reply.append(static_cast<char>(byteAt(raw, 1)));
+        step.reply.append(static_cast<char>(byteAt(raw, 0)));
+        break;
+    case kOpPing:
+        step.reply = WebSocketFrame::webSocketFrameData(data);
+        step.reply[0] = static_cast<char>(0x8A);
+        break;
+    default:
+        return refuse(kUnsupportedFrame);
+    }
+    return step;
+}
+} // namespace
+
+QByteArray unmask(const QByteArray &raw)
+{
+    QByteArray data;
+    if (raw.size() <= 4)
+        return data;
+    data.resize(raw.size() - 4);
+    const char *in = raw.constData();
+    char *out = data.data();
+    for (qsizetype i = 4; i < raw.size(); ++i)
+        out[i - 4] = static_cast<char>(in[i] ^ in[i % 4]);
+    return data;
+}
+
+Step readStep(long tag, const QByteArray &raw)
+{
+    if (tag == HeaderRead)
+        return header(raw);
+    if (tag > ExtendedLengthRead && tag < PayloadRead)
+        return extendedLength(tag, raw);
+    if (tag > PayloadRead && tag < PayloadRead + 16)
+        return payload(tag, raw);
+    return refuse(kUnsupportedFrame);
+}
+
+} // namespace WebSocketFrameDecoder
+
+bool WebSocketFrameReader::feed(const QByteArray &bytes)
+{
+    if (m_failed)
+        return false;
+    m_buffer.append(bytes);
+    while (static_cast<std::uint64_t>(m_buffer.size()) >= m_length) {
+        const qsizetype n = static_cast<qsizetype>(m_length);
+        const auto step = WebSocketFrameDecoder::readStep(m_tag, m_buffer.left(n));
+        m_buffer.remove(0, n);
+        m_handler(step);
+        if (!step.failure.isEmpty() || step.nextTag == 0) {
+            m_failed = true;
+            return false;
+        }
+        m_tag = step.nextTag;
+        m_length = step.nextLength;
+    }
+    return true;
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+// A concurrent queue: tasks run on a fixed set of threads in no guaranteed order relative to
+// each other. The socket layer delivers its callbacks here; SerialQueue puts per-socket order
+// back on top.
+class WorkerPool {
+public:
+    using Task = std::function<void()>;
+
+    explicit WorkerPool(int threadCount);
+    // Waits for running tasks, drops queued ones, joins the threads.
+    ~WorkerPool();
+    WorkerPool(const WorkerPool &) = delete;
+    WorkerPool &operator=(const WorkerPool &) = delete;
+
+    void async(Task task);
+    int threadCount() const { return static_cast<int>(m_threads.size()); }
+
+    // The process-wide default-priority pool (never destroyed, so callbacks still in flight
+    // at exit never meet a dead pool).
+    static std::shared_ptr<WorkerPool> globalDefault();
+
+private:
+    void run();
+
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    std::deque<Task> m_tasks;
+    bool m_stopping = false;
+    std::vector<std::thread> m_threads;
+};

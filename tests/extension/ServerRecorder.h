@@ -1,0 +1,56 @@
+#pragma once
+
+#include "extension/CVWebSocketServer.h"
+#include "foundation/MainQueue.h"
+
+#include <QList>
+#include <QStringList>
+
+// Records the server's delegate callbacks and checks they all arrive on the main thread.
+class ServerRecorder : public CVWebSocketServerDelegate {
+public:
+    int accepted = 0;
+    int disconnected = 0;
+    QList<QByteArray> messages;
+    QList<AsyncSocketPtr> messageConnections;
+    QStringList errors;
+    QList<QByteArray> errorData;
+    bool offMainThread = false;
+    std::function<void(const QByteArray &, const AsyncSocketPtr &)> onMessage;
+
+    void webSocketServerDidAcceptConnection(CVWebSocketServer *, const AsyncSocketPtr &) override
+    {
+        check();
+        ++accepted;
+    }
+    void webSocketServerDidReceiveData(CVWebSocketServer *, const QByteArray &data, const AsyncSocketPtr &c) override
+    {
+        check();
+        messages << data;
+        messageConnections << c;
+        if (onMessage)
+            onMessage(data, c);
+    }
+    void webSocketServerClientDisconnected(CVWebSocketServer *, const AsyncSocketPtr &) override
+    {
+        check();
+        ++disconnected;
+    }
+    void webSocketServerCouldNotParseRawData(CVWebSocketServer *, const QByteArray &raw, const AsyncSocketPtr &,
+                                             const NQError &error) override
+    {
+        check();
+        if (error.domain() == QLatin1String("com.corvane.webSocketServer") && error.code() == 1)
+            errors << error.localizedDescription();
+        else
+            errors << QStringLiteral("unexpected error ") + error.debugDescription();
+        errorData << raw;
+    }
+
+private:
+    void check()
+    {
+        if (!MainQueue::isMainThread())
+            offMainThread = true;
+    }
+};
