@@ -151,7 +151,7 @@
     <message id="ConnectingToTheSecureServerIn">
         <source>Connecting to the secure server in %@…</source>
         <extracomment>Overlay while connecting; %@ is the server's country name</extracomment>
-        <translation>Verbindung zum sicheren Server: %@…</translation>
+        <translation>Sichere Verbindung wird hergestellt: %@…</translation>
     </message>
     <message id="vpn_setup_failed_check_internet">
         <source>VPN setup failed. Please check your Internet connection.</source>
@@ -231,7 +231,7 @@
     <message id="Reconnect required">
         <source>Reconnect required</source>
         <extracomment>Settings alert title</extracomment>
-        <translation>Neue Verbindung erforderlich</translation>
+        <translation>Erneute Verbindung erforderlich</translation>
     </message>
     <message id="Please reconect to apply changes.">
         <source>Please reconect to apply changes.</source>

@@ -131,7 +131,7 @@
     <message id="Disconnect">
         <source>Disconnect</source>
         <extracomment>Main button: stop the VPN</extracomment>
-        <translation>Katkaise</translation>
+        <translation>Katkaise yhteys</translation>
     </message>
     <message id="Cancel">
         <source>Cancel</source>
@@ -231,7 +231,7 @@
     <message id="Reconnect required">
         <source>Reconnect required</source>
         <extracomment>Settings alert title</extracomment>
-        <translation>Uudelleenyhdistäminen tarvitaan</translation>
+        <translation>Yhteys on muodostettava uudelleen</translation>
     </message>
     <message id="Please reconect to apply changes.">
         <source>Please reconect to apply changes.</source>
