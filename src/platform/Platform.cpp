@@ -20,3 +20,13 @@ void Platform::setInstance(std::unique_ptr<Platform> platform)
     std::lock_guard lock(g_mutex);
     g_instance = std::move(platform);
 }
+
+QString Platform::loginItemPath(const QString &appName)
+{
+    return QStringLiteral("/Applications/%1.app").arg(appName);
+}
+
+bool Platform::addLoginItemNamed(const QString &applicationPath, const QString &)
+{
+    return addLoginItem(applicationPath);
+}

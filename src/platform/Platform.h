@@ -53,6 +53,12 @@ public:
     virtual bool deleteLoginItem(const QString &name) = 0;
     // Argument the login item passes so a start at login can be told from a start by hand.
     virtual QString loginItemArgument() = 0;
+    // The path this program is registered under as a login item, given its name
+    // ("/Applications/<name>.app" unless the platform knows better).
+    virtual QString loginItemPath(const QString &appName);
+    // Adds a login item shown as `name` that starts `applicationPath`; where the platform
+    // derives the name from the path, the same as addLoginItem.
+    virtual bool addLoginItemNamed(const QString &applicationPath, const QString &name);
 
     // Program and arguments that install a downloaded update package with administrator
     // rights; the exit status tells success.

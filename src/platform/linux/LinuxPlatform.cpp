@@ -280,10 +280,14 @@ QStringList LinuxPlatform::loginItemNames()
 
 bool LinuxPlatform::addLoginItem(const QString &applicationPath)
 {
+    return addLoginItemNamed(applicationPath, QFileInfo(applicationPath).completeBaseName());
+}
+
+bool LinuxPlatform::addLoginItemNamed(const QString &applicationPath, const QString &name)
+{
     const QString dir = autostartDirectory();
-    if (!QDir().mkpath(dir))
+    if (name.isEmpty() || name.contains(QLatin1Char('/')) || !QDir().mkpath(dir))
         return false;
-    const QString name = QFileInfo(applicationPath).completeBaseName();
     QSaveFile file(dir + QLatin1Char('/') + name + QStringLiteral(".desktop"));
     if (!file.open(QIODevice::WriteOnly | QIODevice::Text))
         return false;
@@ -296,6 +300,13 @@ bool LinuxPlatform::addLoginItem(const QString &applicationPath)
         << "X-GNOME-Autostart-enabled=true\n";
     out.flush();
     return file.commit();
+}
+
+QString LinuxPlatform::loginItemPath(const QString &appName)
+{
+    if (QCoreApplication::instance())
+        return QCoreApplication::applicationFilePath();
+    return Platform::loginItemPath(appName);
 }
 
 bool LinuxPlatform::deleteLoginItem(const QString &name)

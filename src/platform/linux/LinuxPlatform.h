@@ -49,6 +49,9 @@ public:
     bool addLoginItem(const QString &applicationPath) override;
     bool deleteLoginItem(const QString &name) override;
     QString loginItemArgument() override;
+    // The running program (an autostart entry must start something that exists).
+    QString loginItemPath(const QString &appName) override;
+    bool addLoginItemNamed(const QString &applicationPath, const QString &name) override;
 
     QStringList installerCommand(const QString &packagePath) override;
     QString updatePackageName() override;
