@@ -26,7 +26,8 @@ endfunction()
 
 # pelorin_add_test(<name> SOURCES ... [LIBS ...] [ENV ...] [LABELS ...] [TIMEOUT s])
 # A QtTest executable registered with CTest. Tests run headless and with a private HOME and
-# XDG folders so they never touch the developer's own settings or keychain.
+# XDG folders and the file secret store, so they never touch the developer's own settings or
+# keychain (the keyring tests start a private keyring and ask for it themselves).
 function(pelorin_add_test name)
   cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;ENV;LABELS" ${ARGN})
   find_package(Qt6 REQUIRED COMPONENTS Test)
@@ -42,7 +43,7 @@ function(pelorin_add_test name)
   set_tests_properties(${name} PROPERTIES
     TIMEOUT ${ARG_TIMEOUT}
     LABELS "${ARG_LABELS}"
-    ENVIRONMENT "QT_QPA_PLATFORM=offscreen;HOME=${home};XDG_CONFIG_HOME=${home}/.config;XDG_DATA_HOME=${home}/.local/share;XDG_CACHE_HOME=${home}/.cache;XDG_RUNTIME_DIR=${home}/run;PELORIN_SOURCE_DIR=${PROJECT_SOURCE_DIR};PELORIN_BINARY_DIR=${CMAKE_BINARY_DIR};${ARG_ENV}")
+    ENVIRONMENT "QT_QPA_PLATFORM=offscreen;PELORIN_SECRET_STORE=file;HOME=${home};XDG_CONFIG_HOME=${home}/.config;XDG_DATA_HOME=${home}/.local/share;XDG_CACHE_HOME=${home}/.cache;XDG_RUNTIME_DIR=${home}/run;PELORIN_SOURCE_DIR=${PROJECT_SOURCE_DIR};PELORIN_BINARY_DIR=${CMAKE_BINARY_DIR};${ARG_ENV}")
   file(MAKE_DIRECTORY ${home}/run)
   file(CHMOD ${home}/run DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
 endfunction()

@@ -36,6 +36,8 @@ inline void enter(int argc, char **argv)
         return;
     }
     qputenv("PELORIN_KEYRING_SESSION", "1");
+    // The suite keeps secrets in files by default; inside the private keyring we want the real thing.
+    qunsetenv("PELORIN_SECRET_STORE");
     std::vector<char *> args{const_cast<char *>("dbus-run-session"), const_cast<char *>("--"),
                              const_cast<char *>(script.constData())};
     for (int i = 0; i < argc; ++i)
