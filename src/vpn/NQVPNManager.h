@@ -91,4 +91,6 @@ private:
     TunnelProfileFiles m_files;
     std::shared_ptr<TunnelStateReporter> m_reporter;
     std::unique_ptr<TunnelProcess> m_process;
+    // Replies that arrive after the manager is gone only reach their completion.
+    std::shared_ptr<char> m_alive = std::make_shared<char>();
 };

@@ -1,0 +1,170 @@
+// The tunnel output parser and ovpncli's log reader: the two ends of the marker protocol.
+#include "OvpnLogReader.h"
+#include "vpn/TunnelOutputParser.h"
+
+#include <QtTest>
+
+class TestVpnOutput : public QObject {
+    Q_OBJECT
+private slots:
+    void markerRules_data();
+    void markerRules();
+    void chunksAreNeverJoined();
+    void nonUtf8ChunkIsIgnored();
+    void readerLinesAreTheSameForAnySplit();
+    void readerMarksTheTunnelStates();
+    void readerEndings();
+    void readerLogLinesNeverCarryMarkers();
+    void readerPassesLongLinesOnInPieces();
+};
+
+void TestVpnOutput::markerRules_data()
+{
+    QTest::addColumn<QString>("chunk");
+    QTest::addColumn<int>("state"); // -1: no state
+    QTest::newRow("state line with CONNECTED") << "ovpncli: state CONNECTED\n" << 3;
+    QTest::newRow("DISCONNECTED is not CONNECTED") << ">STATE:1700000000,DISCONNECTED\n" << 1;
+    QTest::newRow("connect and disconnect in one chunk") << "CONNECTED\nDISCONNECTED\n" << 1;
+    QTest::newRow("AUTH_FAILED alone") << "AUTH: Received control message: AUTH_FAILED\n" << 0;
+    QTest::newRow("AUTH_FAILED with signal exit") << "AUTH_FAILED\nExiting due to signal 15\n" << 1;
+    QTest::newRow("AUTH_FAILED with CONNECTED") << "AUTH_FAILED CONNECTED" << 3;
+    QTest::newRow("connect error") << "connect error, openvpn ended" << 1;
+    QTest::newRow("killall") << "killall ran" << 1;
+    QTest::newRow("case matters") << "connected\nauth_failed\nDisconnected" << -1;
+    QTest::newRow("plain log") << "openvpn: TUN/TAP device tun0 opened\n" << -1;
+    QTest::newRow("Connect Error capitalised") << "Connect error" << -1;
+}
+
+void TestVpnOutput::markerRules()
+{
+    QFETCH(QString, chunk);
+    QFETCH(int, state);
+    const auto parsed = TunnelOutputParser::parse(chunk.toUtf8());
+    QVERIFY(parsed);
+    QCOMPARE(parsed->text, chunk);
+    QCOMPARE(parsed->state ? int(*parsed->state) : -1, state);
+}
+
+void TestVpnOutput::chunksAreNeverJoined()
+{
+    const QByteArray marker = "ovpncli: state CONNECTED\n";
+    // Whatever the split, neither half on its own is a marker: the tunnel is not reported up.
+    for (int cut = 16; cut < 24; ++cut) {
+        QVERIFY(!TunnelOutputParser::parse(marker.left(cut))->state);
+        QVERIFY(!TunnelOutputParser::parse(marker.mid(cut))->state);
+    }
+}
+
+void TestVpnOutput::nonUtf8ChunkIsIgnored()
+{
+    QVERIFY(!TunnelOutputParser::parse(QByteArray("CONNECTED \xff\xfe", 12)));
+    // A multi-byte character cut in half at the end of a chunk is not valid UTF-8 either.
+    QVERIFY(!TunnelOutputParser::parse(QByteArray("CONNECTED \xc3")));
+    QCOMPARE(TunnelOutputParser::parse(QByteArray("CONNECTED \xc3\xa9"))->state, VpnStateConnected);
+    QCOMPARE(TunnelOutputParser::parse(QByteArray())->state, std::nullopt);
+}
+
+namespace {
+const std::string kOpenVpnLog = "2024-01-01 OpenVPN 2.6.14 x86_64-pc-linux-gnu\n"
+                                "TUN/TAP device tun0 opened\r\n"
+                                "Initialization Sequence Completed\n"
+                                "SIGUSR1[soft,ping-restart] received, process restarting\n"
+                                "Initialization Sequence Completed\n"
+                                "partial line without end";
+
+std::vector<std::string> readAll(OvpnLogReader &reader, const std::vector<std::string_view> &pieces)
+{
+    std::vector<std::string> lines;
+    for (auto piece : pieces)
+        for (auto &line : reader.feed(piece))
+            lines.push_back(line);
+    return lines;
+}
+} // namespace
+
+void TestVpnOutput::readerLinesAreTheSameForAnySplit()
+{
+    OvpnLogReader whole;
+    const auto expected = readAll(whole, {kOpenVpnLog});
+    for (std::size_t cut = 0; cut <= kOpenVpnLog.size(); ++cut) {
+        OvpnLogReader split;
+        const std::string_view log(kOpenVpnLog);
+        QCOMPARE(readAll(split, {log.substr(0, cut), log.substr(cut)}), expected);
+    }
+    OvpnLogReader bytewise;
+    std::vector<std::string_view> bytes;
+    for (std::size_t i = 0; i < kOpenVpnLog.size(); ++i)
+        bytes.push_back(std::string_view(kOpenVpnLog).substr(i, 1));
+    QCOMPARE(readAll(bytewise, bytes), expected);
+}
+
+void TestVpnOutput::readerMarksTheTunnelStates()
+{
+    OvpnLogReader reader;
+    const auto lines = readAll(reader, {kOpenVpnLog});
+    std::vector<std::optional<VpnState>> states;
+    for (const auto &line : lines)
+        if (auto state = TunnelOutputParser::stateFor(QString::fromStdString(line)))
+            states.push_back(state);
+    // Up, down for the soft restart, up again; the CR of the second line is gone.
+    QCOMPARE(states,
+             (std::vector<std::optional<VpnState>>{VpnStateConnected, VpnStateDisconnected, VpnStateConnected}));
+    QCOMPARE(lines[1], std::string("openvpn: TUN/TAP device tun0 opened"));
+    QVERIFY(reader.connected());
+
+    OvpnLogReader rejected;
+    const auto authLines = readAll(rejected, {"AUTH: Received control message: AUTH_FAILED\n"});
+    QCOMPARE(TunnelOutputParser::stateFor(QString::fromStdString(authLines.back())), VpnStateAuthFailed);
+    QVERIFY(rejected.authFailed());
+}
+
+void TestVpnOutput::readerEndings()
+{
+    const auto finalState = [](OvpnLogReader &reader, int signalNumber, int status) {
+        const auto lines = reader.finish(signalNumber, status);
+        return TunnelOutputParser::stateFor(QString::fromStdString(lines.back()));
+    };
+    OvpnLogReader stopped;
+    readAll(stopped, {"Initialization Sequence Completed\n"});
+    QCOMPARE(finalState(stopped, 15, 0), VpnStateDisconnected);
+
+    OvpnLogReader dropped;
+    readAll(dropped, {"Initialization Sequence Completed\n"});
+    QCOMPARE(finalState(dropped, 0, 1), VpnStateDisconnected);
+
+    OvpnLogReader neverUp;
+    QCOMPARE(finalState(neverUp, 0, 1), VpnStateDisconnected);
+
+    // After an authentication failure the exit must not hide the reason.
+    OvpnLogReader rejected;
+    readAll(rejected, {"AUTH_FAILED\n"});
+    QCOMPARE(finalState(rejected, 0, 1), std::nullopt);
+
+    // A partial last line is still passed on before the final marker.
+    OvpnLogReader partial;
+    const auto lines = (readAll(partial, {"no newline"}), partial.finish(0, 0));
+    QCOMPARE(lines.front(), std::string("openvpn: no newline"));
+}
+
+void TestVpnOutput::readerLogLinesNeverCarryMarkers()
+{
+    for (const char *line : {"x CONNECTED y", "DISCONNECTED", "AUTH_FAILED", "Exiting due to signal 2", "connect error",
+                             "killall openvpn"}) {
+        const std::string out = OvpnLogReader::neutralised(line);
+        QVERIFY2(!TunnelOutputParser::stateFor(QString::fromStdString(out)), out.c_str());
+    }
+}
+
+void TestVpnOutput::readerPassesLongLinesOnInPieces()
+{
+    OvpnLogReader reader;
+    const std::string longLine(OvpnLogReader::kMaxLineBytes, 'a');
+    // At the limit: one piece once the line ends; one byte over: two pieces, nothing lost.
+    QCOMPARE(reader.feed(longLine + "\n").size(), std::size_t(1));
+    const auto pieces = reader.feed(longLine + "b\n");
+    QCOMPARE(pieces.size(), std::size_t(2));
+    QCOMPARE(pieces[1], std::string("openvpn: b"));
+}
+
+QTEST_GUILESS_MAIN(TestVpnOutput)
+#include "tst_vpn_output.moc"
