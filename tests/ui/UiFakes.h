@@ -1,0 +1,181 @@
+#pragma once
+
+#include "foundation/AppStorageManager.h"
+#include "foundation/FileSecretBackend.h"
+#include "shell/AlertPresenter.h"
+#include "shell/UrlOpener.h"
+#include "ui/ChromeLauncher.h"
+#include "ui/ExtensionControl.h"
+#include "ui/LocationLookup.h"
+#include "ui/LoginItemControl.h"
+#include "ui/UiServices.h"
+#include "ui/UpdateService.h"
+#include "ui/VpnEngine.h"
+
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <memory>
+
+// Stand-ins for everything the screens talk to. Each records what it was asked and answers
+// what the test set up; completions are kept so a test decides when (and how) they finish.
+class FakeVpnEngine : public VpnEngine {
+public:
+    QList<NQVPNCountry> countries;
+    std::optional<NQVPNCountry> current;
+    StateCallback callback;
+    QList<CountriesCompletion> pendingCountries;
+    QList<QPair<qint64, ConfigCompletion>> pendingConfigs;
+    QList<QPair<QString, QString>> starts;
+    int stops = 0;
+    QStringList knownFlags{QStringLiteral("de"), QStringLiteral("ua"), QStringLiteral("us")};
+
+    QList<NQVPNCountry> availableCountries() const override { return countries; }
+    std::optional<NQVPNCountry> currentCountry() const override { return current; }
+    void setCurrentCountry(const std::optional<NQVPNCountry> &country) override { current = country; }
+    void getCountries(CountriesCompletion completion) override { pendingCountries << completion; }
+    void getCountryVPNConfig(qint64 id, ConfigCompletion completion) override
+    {
+        pendingConfigs << qMakePair(id, completion);
+    }
+    void startVPNConnectionWithConfigContent(const QString &content, const QString &name) override
+    {
+        starts << qMakePair(content, name);
+    }
+    void stopVPNConnection() override { ++stops; }
+    bool hasConnectionStateCallback() const override { return bool(callback); }
+    void setOnConnectionStateChange(StateCallback cb) override { callback = std::move(cb); }
+    QString flagForCountryCode(const QString &code) const override
+    {
+        if (code.isNull() || code == QLatin1String("Unknown"))
+            return QStringLiteral("flags/flag_unknown.svg");
+        return knownFlags.contains(code.toLower()) ? QStringLiteral("flags/%1.svg").arg(code.toLower()) : QString();
+    }
+};
+
+class FakeLocation : public LocationLookup {
+public:
+    QList<Completion> pending;
+    void checkMyLocation(Completion completion) override { pending << completion; }
+    // Finishes the oldest pending lookup.
+    void answer(const QString &ip, const QString &code, const QString &error = QString())
+    {
+        pending.takeFirst()(ip, code, QString(), error);
+    }
+};
+
+class FakeAlerts : public AlertPresenter {
+public:
+    QList<AlertRequest> shown;
+    long answer = kDefaultButtonTag;
+    void runModal(const AlertRequest &alert, std::function<void(long)> done) override
+    {
+        shown << alert;
+        done(answer);
+    }
+};
+
+class FakeUrls : public UrlOpener {
+public:
+    QStringList opened;
+    bool openUrl(const QString &url) override
+    {
+        opened << url;
+        return true;
+    }
+};
+
+class FakeChrome : public ChromeLauncher {
+public:
+    QList<QStringList> launches;
+    NQErrorOpt failWith;
+    NQErrorOpt openGoogleChrome(const QStringList &arguments) override
+    {
+        launches << arguments;
+        return failWith;
+    }
+};
+
+class FakeExtension : public ExtensionControl {
+public:
+    AppStorageManager *storage = nullptr;
+    bool chrome = true;
+    bool extension = true;
+    QStringList sent;
+    bool isChromeInstalled() override { return chrome; }
+    bool isChromeExtensionInstalled() override { return extension; }
+    // Like the bridge, the commands store the flag before telling the extensions.
+    void sendEnableAdsBlocker() override
+    {
+        storage->storeAdsBlockerEnabled(true);
+        sent << QStringLiteral("ON");
+    }
+    void sendDisableAdsBlocker() override
+    {
+        storage->storeAdsBlockerEnabled(false);
+        sent << QStringLiteral("OFF");
+    }
+};
+
+class FakeLoginItems : public LoginItemControl {
+public:
+    bool listed = false;
+    QList<bool> calls;
+    bool appIsInLoginItems() override { return listed; }
+    void setLaunchAtLogin(bool enabled) override
+    {
+        calls << enabled;
+        listed = enabled;
+    }
+};
+
+class FakeUpdates : public UpdateService {
+public:
+    QList<std::function<void(bool)>> checks;
+    int downloads = 0;
+    void checkForUpdateWithCompletion(std::function<void(bool)> completion) override { checks << completion; }
+    void downloadAndInstallPKG() override { ++downloads; }
+};
+
+// A complete set of fakes over a settings store in a private folder, installed as the
+// process-wide store too (the interface language is read from there).
+struct UiFixture {
+    QTemporaryDir dir;
+    AppStorageManager &storage;
+    FakeVpnEngine vpn;
+    FakeLocation location;
+    FakeAlerts alerts;
+    FakeUrls urls;
+    FakeChrome chrome;
+    FakeExtension extension;
+    FakeLoginItems loginItems;
+    FakeUpdates updates;
+    UiServices services{vpn, location, alerts, urls, chrome, extension, loginItems, updates, storage};
+
+    UiFixture() : storage(install(dir)) { extension.storage = &storage; }
+    ~UiFixture() { AppStorageManager::setSharedManagerForTesting(nullptr); }
+
+    static AppStorageManager &install(const QTemporaryDir &dir)
+    {
+        auto store = std::make_unique<AppStorageManager>(
+            dir.filePath(QStringLiteral("settings.conf")),
+            KeychainStore(QStringLiteral("com.pelorin.vpn.mac"),
+                          std::make_shared<FileSecretBackend>(dir.filePath(QStringLiteral("s.json")))));
+        AppStorageManager &ref = *store;
+        AppStorageManager::setSharedManagerForTesting(std::move(store));
+        return ref;
+    }
+};
+
+inline NQVPNCountry country(const QString &name, const QString &iso, const QString &continent, qint64 id = 1,
+                            bool isDefault = false)
+{
+    NQVPNCountry c;
+    c.countryName = name;
+    c.countryIso = iso;
+    c.continent = continent;
+    c.countryId = id;
+    c.isDefault = isDefault;
+    c.serverAddress = QStringLiteral("10.0.0.%1").arg(id);
+    return c;
+}
