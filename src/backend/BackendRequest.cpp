@@ -33,7 +33,7 @@ void logLine(const QString &pattern, const QString &a = {}, const QString &b = {
 
 // The state of one request in flight; shared by the reply's and the timer's handlers.
 struct Job {
-    BackendRequest::Spec spec;
+    BackendRequest::Options options;
     BackendRequest::Completion completion;
     bool timedOut = false;
 };
@@ -41,7 +41,7 @@ struct Job {
 void finish(const std::shared_ptr<Job> &job, QNetworkReply *reply)
 {
     BackendRequest::Result result;
-    const auto &log = job->spec.log;
+    const auto &log = job->options.log;
     result.error = URLSessionError::fromReply(*reply, job->timedOut);
     if (result.error) {
         result.transportFailed = true;
@@ -70,39 +70,40 @@ void finish(const std::shared_ptr<Job> &job, QNetworkReply *reply)
 
 void start(const std::shared_ptr<Job> &job)
 {
-    const auto &spec = job->spec;
-    logLine(spec.log.start);
+    const auto &options = job->options;
+    logLine(options.log.start);
     QByteArray payload;
-    if (spec.jsonBody) {
-        logLine(spec.log.endpoint, spec.url, BackendRequest::dictionaryDescription(*spec.jsonBody));
-        const auto serialized = BackendRequest::serializeJson(*spec.jsonBody);
+    if (options.jsonBody) {
+        logLine(options.log.endpoint, options.url, BackendRequest::dictionaryDescription(*options.jsonBody));
+        const auto serialized = BackendRequest::serializeJson(*options.jsonBody);
         if (!serialized) {
             BackendRequest::Result result;
-            result.error = BackendRequest::identityError(-1, spec.log.serializeError);
-            logLine(spec.log.failure, result.error->debugDescription());
+            result.error = BackendRequest::identityError(-1, options.log.serializeError);
+            logLine(options.log.failure, result.error->debugDescription());
             // Never from inside send(): the caller may not be ready for its own completion yet.
             MainQueue::async([job, result] { job->completion(result); });
             return;
         }
         payload = *serialized;
     } else {
-        logLine(spec.log.endpoint, spec.url);
+        logLine(options.log.endpoint, options.url);
     }
 
-    QNetworkRequest request{QUrl(spec.url, QUrl::TolerantMode)};
+    QNetworkRequest request{QUrl(options.url, QUrl::TolerantMode)};
     request.setAttribute(QNetworkRequest::CacheLoadControlAttribute,
-                         spec.cachePolicy == BackendRequest::CachePolicy::ReloadIgnoringLocalCacheData
+                         options.cachePolicy == BackendRequest::CachePolicy::ReloadIgnoringLocalCacheData
                              ? QNetworkRequest::AlwaysNetwork
                              : QNetworkRequest::PreferNetwork);
-    for (const auto &[name, value] : spec.headers)
+    for (const auto &[name, value] : options.headers)
         request.setRawHeader(name, value);
 
-    QNetworkReply *reply = BackendRequest::sharedSession().sendCustomRequest(request, spec.method, payload);
+    QNetworkReply *reply = BackendRequest::sharedSession().sendCustomRequest(request, options.method, payload);
     // Our own timer rather than Qt's transfer time-out: it ends the request after the same
     // total time whatever the server trickles, and tells a time-out from a cancel.
     auto *timer = new QTimer(reply);
     timer->setSingleShot(true);
-    const double seconds = spec.timeoutSeconds > 0 ? spec.timeoutSeconds : NQConfig::shared().appHttpDefaultTimeout;
+    const double seconds =
+        options.timeoutSeconds > 0 ? options.timeoutSeconds : NQConfig::shared().appHttpDefaultTimeout;
     timer->start(static_cast<int>(std::lround(seconds * 1000)));
     QObject::connect(timer, &QTimer::timeout, reply, [job, reply] {
         job->timedOut = true;
@@ -129,9 +130,9 @@ BackendRequest::LogLines BackendRequest::LogLines::named(const QString &name)
             request + QStringLiteral(". request finish. response body = %1")};
 }
 
-void BackendRequest::send(Spec spec, Completion completion)
+void BackendRequest::send(Options options, Completion completion)
 {
-    auto job = std::make_shared<Job>(Job{std::move(spec), std::move(completion)});
+    auto job = std::make_shared<Job>(Job{std::move(options), std::move(completion)});
     if (MainQueue::isMainThread())
         start(job);
     else

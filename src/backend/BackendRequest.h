@@ -47,7 +47,7 @@ public:
 
     enum class CachePolicy { UseProtocolCachePolicy, ReloadIgnoringLocalCacheData };
 
-    struct Spec {
+    struct Options {
         LogLines log;
         QString url;
         QByteArray method = "GET";
@@ -72,7 +72,7 @@ public:
     using Completion = std::function<void(const Result &)>;
 
     // Starts the request. Safe from any thread; the completion runs once on the main thread.
-    static void send(Spec spec, Completion completion);
+    static void send(Options options, Completion completion);
 
     // The session every backend request shares; lives on the main thread. Main thread only.
     static QNetworkAccessManager &sharedSession();

@@ -30,11 +30,11 @@ void BackofficeApiDesktop::checkMyLocation(LocationCompletion completion)
         return;
     }
     requestInFlight = true;
-    BackendRequest::Spec spec; // this lookup writes no request log lines
-    spec.log.deserializeError = QStringLiteral("Deserialize response failed.");
+    BackendRequest::Options options; // this lookup writes no request log lines
+    options.log.deserializeError = QStringLiteral("Deserialize response failed.");
     const QString host = AppConfig::hostUrl();
-    spec.url = QStringLiteral("%1/api1/helper/iptocountry").arg(host.isNull() ? QStringLiteral("(null)") : host);
-    BackendRequest::send(std::move(spec), [completion](const BackendRequest::Result &result) {
+    options.url = QStringLiteral("%1/api1/helper/iptocountry").arg(host.isNull() ? QStringLiteral("(null)") : host);
+    BackendRequest::send(std::move(options), [completion](const BackendRequest::Result &result) {
         requestInFlight = false;
         if (result.error) {
             completion({}, {}, {}, result.error->localizedDescription());

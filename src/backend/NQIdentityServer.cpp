@@ -42,12 +42,12 @@ void NQIdentityServer::labelsettingsForLabelID(const QString &labelID, const QSt
                                                int mark, const QString &languageCode, const QString &appVersion,
                                                LabelSettingsCompletion completion)
 {
-    BackendRequest::Spec spec;
-    spec.log = BackendRequest::LogLines::named(QStringLiteral("labelsettings"));
+    BackendRequest::Options options;
+    options.log = BackendRequest::LogLines::named(QStringLiteral("labelsettings"));
     const QString endpoint = QStringLiteral("%1/api1/Configuration/labelsettings").arg(slot(AppConfig::hostUrl()));
-    spec.url = QStringLiteral("%1/%2/%3/%4/%5")
-                   .arg(endpoint, slot(labelID), slot(languageCode), slot(deviceId), slot(appVersion));
-    BackendRequest::send(std::move(spec), [completion](const BackendRequest::Result &result) {
+    options.url = QStringLiteral("%1/%2/%3/%4/%5")
+                      .arg(endpoint, slot(labelID), slot(languageCode), slot(deviceId), slot(appVersion));
+    BackendRequest::send(std::move(options), [completion](const BackendRequest::Result &result) {
         if (result.error) {
             completion({}, {}, {}, result.error);
             return;
@@ -62,11 +62,11 @@ void NQIdentityServer::labelsettingsForLabelID(const QString &labelID, const QSt
 void NQIdentityServer::fetchBrowserExtensionConfigForLabelID(const QString &labelID, const QString &browser,
                                                              BrowserConfigCompletion completion)
 {
-    BackendRequest::Spec spec;
-    spec.log = BackendRequest::LogLines::named(QStringLiteral("BrowseConfiguration"));
+    BackendRequest::Options options;
+    options.log = BackendRequest::LogLines::named(QStringLiteral("BrowseConfiguration"));
     const QString endpoint = QStringLiteral("%1/api1/Configuration/extensiondownload").arg(slot(AppConfig::hostUrl()));
-    spec.url = QStringLiteral("%1/%2/%3").arg(endpoint, slot(labelID), slot(browser));
-    BackendRequest::send(std::move(spec), [completion](const BackendRequest::Result &result) {
+    options.url = QStringLiteral("%1/%2/%3").arg(endpoint, slot(labelID), slot(browser));
+    BackendRequest::send(std::move(options), [completion](const BackendRequest::Result &result) {
         if (result.error) {
             completion(false, {}, result.error);
             return;
@@ -91,19 +91,19 @@ void NQIdentityServer::reportAnalyticsEventForLabelID(const QString &labelID, co
                                                       const QString &countryCode, const QString &appVersion, int mark,
                                                       bool isInstall, AnalyticsCompletion completion)
 {
-    BackendRequest::Spec spec;
-    spec.log = installEventLines();
-    spec.url = QStringLiteral("%1/Configuration/installstats").arg(slot(AppConfig::hostUrl()));
-    spec.method = "POST";
-    spec.headers = {{"Content-Type", "application/json"}};
+    BackendRequest::Options options;
+    options.log = installEventLines();
+    options.url = QStringLiteral("%1/Configuration/installstats").arg(slot(AppConfig::hostUrl()));
+    options.method = "POST";
+    options.headers = {{"Content-Type", "application/json"}};
     QVariantMap body{{QStringLiteral("labelId"), labelID},      {QStringLiteral("mac"), deviceID},
                      {QStringLiteral("isoLang"), languageCode}, {QStringLiteral("isInstall"), isInstall},
                      {QStringLiteral("lang"), languageCode},    {QStringLiteral("appVer"), appVersion},
                      {QStringLiteral("machineId"), machineID},  {QStringLiteral("mark"), 0}};
     if (!countryCode.isNull())
         body.insert(QStringLiteral("country"), countryCode);
-    spec.jsonBody = body;
-    BackendRequest::send(std::move(spec), [completion](const BackendRequest::Result &result) {
+    options.jsonBody = body;
+    BackendRequest::send(std::move(options), [completion](const BackendRequest::Result &result) {
         if (result.error) {
             completion(false, result.error);
             return;

@@ -36,15 +36,15 @@ void NQIdentityServer::registerVpnForLabelID(const QString &labelID, const QStri
                                              quint64 deviceType, bool keyFromStore, RegisterVpnCompletion completion)
 {
     const auto slot = [](const QString &value) { return value.isNull() ? QStringLiteral("(null)") : value; };
-    BackendRequest::Spec spec;
-    spec.log = BackendRequest::LogLines::named(QStringLiteral("registerVpn"));
-    spec.url = QStringLiteral("%1/api1/vpnapi/create/%2/%3/%4?deviceType=%5&keyFromStore=%6&engine=1")
-                   .arg(slot(AppConfig::hostUrl()), slot(labelID), slot(key), slot(deviceID))
-                   .arg(deviceType)
-                   .arg(keyFromStore ? QStringLiteral("true") : QStringLiteral("false"));
-    spec.cachePolicy = BackendRequest::CachePolicy::ReloadIgnoringLocalCacheData;
-    const QString failureLine = spec.log.failure;
-    BackendRequest::send(std::move(spec), [completion, failureLine](const BackendRequest::Result &result) {
+    BackendRequest::Options options;
+    options.log = BackendRequest::LogLines::named(QStringLiteral("registerVpn"));
+    options.url = QStringLiteral("%1/api1/vpnapi/create/%2/%3/%4?deviceType=%5&keyFromStore=%6&engine=1")
+                      .arg(slot(AppConfig::hostUrl()), slot(labelID), slot(key), slot(deviceID))
+                      .arg(deviceType)
+                      .arg(keyFromStore ? QStringLiteral("true") : QStringLiteral("false"));
+    options.cachePolicy = BackendRequest::CachePolicy::ReloadIgnoringLocalCacheData;
+    const QString failureLine = options.log.failure;
+    BackendRequest::send(std::move(options), [completion, failureLine](const BackendRequest::Result &result) {
         if (result.error) {
             completion({}, result.error);
             return;

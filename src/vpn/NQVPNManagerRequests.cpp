@@ -26,9 +26,9 @@ NQError deserializeError(const QString &requestName, const BackendRequest::Resul
     return NQError(QLatin1String(NQVPNManager::kErrorDomain), NQVPNManager::kDeserializeErrorCode, info);
 }
 
-BackendRequest::Spec getSpec(const QString &url, BackendRequest::LogLines log)
+BackendRequest::Options getSpec(const QString &url, BackendRequest::LogLines log)
 {
-    BackendRequest::Spec spec;
+    BackendRequest::Options spec;
     spec.log = std::move(log);
     spec.url = url;
     spec.method = "GET";

@@ -20,10 +20,10 @@ struct Outcome {
 };
 
 // Sends and waits until the completion ran; gives the completion a moment to run twice.
-Outcome run(BackendRequest::Spec spec)
+Outcome run(BackendRequest::Options options)
 {
     auto outcome = std::make_shared<Outcome>();
-    BackendRequest::send(std::move(spec), [outcome](const BackendRequest::Result &result) {
+    BackendRequest::send(std::move(options), [outcome](const BackendRequest::Result &result) {
         ++outcome->calls;
         outcome->onMainThread = MainQueue::isMainThread();
         outcome->result = result;
@@ -34,9 +34,9 @@ Outcome run(BackendRequest::Spec spec)
     return *outcome;
 }
 
-BackendRequest::Spec spec(const QString &url)
+BackendRequest::Options options(const QString &url)
 {
-    BackendRequest::Spec s;
+    BackendRequest::Options s;
     s.log = BackendRequest::LogLines::named(QStringLiteral("probe"));
     s.url = url;
     return s;
@@ -56,7 +56,7 @@ private slots:
                          ScriptedHttpServer::response(200, "application/json", R"({"a":1})"));
         LogCapture log;
         const QString url = server.baseUrl() + QStringLiteral("/x/y");
-        const Outcome o = run(spec(url));
+        const Outcome o = run(options(url));
         QCOMPARE(o.calls, 1);
         QVERIFY(o.onMainThread);
         QVERIFY(!o.result.error);
@@ -77,7 +77,7 @@ private slots:
         const QByteArray page = "<html><body>Bad gateway</body></html>";
         server.setAction(ScriptedHttpServer::Action::Answer, ScriptedHttpServer::response(502, "text/html", page));
         LogCapture log;
-        const Outcome o = run(spec(server.baseUrl()));
+        const Outcome o = run(options(server.baseUrl()));
         QVERIFY(!o.result.transportFailed);
         QCOMPARE(o.result.httpStatus, 502);
         QCOMPARE(o.result.body, page);
@@ -107,7 +107,7 @@ private slots:
         ScriptedHttpServer server;
         server.setAction(ScriptedHttpServer::Action(action));
         LogCapture log;
-        const Outcome o = run(spec(server.baseUrl() + "/t"));
+        const Outcome o = run(options(server.baseUrl() + "/t"));
         QCOMPARE(o.calls, 1);
         QVERIFY(o.result.transportFailed);
         QVERIFY(o.result.error);
@@ -124,7 +124,7 @@ private slots:
         probe.listen(QHostAddress::LocalHost, 0);
         const quint16 port = probe.serverPort();
         probe.close();
-        const Outcome o = run(spec(QStringLiteral("http://127.0.0.1:%1/").arg(port)));
+        const Outcome o = run(options(QStringLiteral("http://127.0.0.1:%1/").arg(port)));
         QVERIFY(o.result.error);
         QCOMPARE(o.result.error->code(), URLSessionError::kCannotConnectToHost);
         QCOMPARE(o.result.error->localizedDescription(), QStringLiteral("Could not connect to the server."));
@@ -139,7 +139,7 @@ private slots:
         auto calls = std::make_shared<std::atomic<int>>(0);
         auto mainThread = std::make_shared<std::atomic<bool>>(false);
         QThread *worker = QThread::create([&] {
-            BackendRequest::send(spec(server.baseUrl()), [calls, mainThread](const BackendRequest::Result &r) {
+            BackendRequest::send(options(server.baseUrl()), [calls, mainThread](const BackendRequest::Result &r) {
                 mainThread->store(MainQueue::isMainThread() && r.json.isArray());
                 ++*calls;
             });
@@ -156,7 +156,7 @@ private slots:
         ScriptedHttpServer server;
         server.setAction(ScriptedHttpServer::Action::Answer,
                          ScriptedHttpServer::response(200, "application/json", R"({"sent":true})"));
-        BackendRequest::Spec s = spec(server.baseUrl() + "/post");
+        BackendRequest::Options s = options(server.baseUrl() + "/post");
         s.method = "POST";
         s.headers = {{"Content-Type", "application/json"}};
         s.jsonBody = QVariantMap{{"b", 2}, {"a", "x y"}};
@@ -177,7 +177,7 @@ private slots:
     void unserialisableBodyIsRefusedWithoutSending()
     {
         ScriptedHttpServer server;
-        BackendRequest::Spec s = spec(server.baseUrl());
+        BackendRequest::Options s = options(server.baseUrl());
         s.method = "POST";
         s.jsonBody = QVariantMap{{"mac", QString()}};
         LogCapture log;
