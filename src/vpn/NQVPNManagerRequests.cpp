@@ -28,13 +28,13 @@ NQError deserializeError(const QString &requestName, const BackendRequest::Resul
 
 BackendRequest::Options getSpec(const QString &url, BackendRequest::LogLines log)
 {
-    BackendRequest::Options spec;
-    spec.log = std::move(log);
-    spec.url = url;
-    spec.method = "GET";
-    spec.cachePolicy = BackendRequest::CachePolicy::UseProtocolCachePolicy;
-    spec.timeoutSeconds = kRequestTimeoutSeconds;
-    return spec;
+    BackendRequest::Options options;
+    options.log = std::move(log);
+    options.url = url;
+    options.method = "GET";
+    options.cachePolicy = BackendRequest::CachePolicy::UseProtocolCachePolicy;
+    options.timeoutSeconds = kRequestTimeoutSeconds;
+    return options;
 }
 } // namespace
 
