@@ -27,29 +27,31 @@ namespace NQTask {
 
 QString run(const QString &command)
 {
-    QProcess process;
+    // The output is passed through "cat": its end tells when the command closed its output,
+    // which may be long before the command itself ends.
+    QProcess producer;
+    QProcess reader;
+    producer.setStandardOutputProcess(&reader);
     // Standard error stays ours (it lands in the log file); standard input is not shared, so
     // a command cannot take lines meant for the program.
-    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    process.start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), command});
-    process.closeWriteChannel();
-    if (!process.waitForStarted(-1)) {
-        logger().error(QStringLiteral("Run External Task ERROR: '%1', 'success': '%2'.")
-                           .arg(process.errorString(), QStringLiteral("NO")));
+    producer.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    producer.setStandardInputFile(QProcess::nullDevice());
+    reader.start(QStringLiteral("/bin/cat"), {});
+    producer.start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), command});
+    if (!reader.waitForStarted(-1)) {
+        logger().error(
+            QStringLiteral("Run External Task FAILED with error: %1.").arg(QStringLiteral("Can't read file.")));
         return {};
     }
-    // Read until the command closes its output; its exit status does not matter.
-    QByteArray data;
-    bool closed = false;
-    QObject::connect(&process, &QProcess::readChannelFinished, [&closed] { closed = true; });
-    while (!closed && data.size() < kMaxOutputBytes) {
-        if (!process.waitForReadyRead(-1)) {
-            data += process.readAllStandardOutput();
-            break;
-        }
-        data += process.readAllStandardOutput();
+    if (!producer.waitForStarted(-1)) {
+        logger().error(QStringLiteral("Run External Task ERROR: '%1', 'success': '%2'.")
+                           .arg(producer.errorString(), QStringLiteral("NO")));
+        return {};
     }
-    data += process.readAllStandardOutput();
+    QByteArray data;
+    while (data.size() < kMaxOutputBytes && (reader.waitForReadyRead(-1) || reader.bytesAvailable() > 0))
+        data += reader.readAllStandardOutput();
+    data += reader.readAllStandardOutput();
     if (data.isEmpty()) {
         logger().error(QStringLiteral("Run External Task WARNING: '%1'.").arg(QStringLiteral("Missing output data.")));
         logger().error(
@@ -64,7 +66,7 @@ QString run(const QString &command)
         return {};
     }
     // The status is not waited for. A command that closed its output but goes on running is
-    // ended when `process` goes out of scope.
+    // ended when `producer` goes out of scope.
     return text;
 }
 

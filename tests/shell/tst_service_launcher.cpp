@@ -77,7 +77,7 @@ private slots:
         log.clear();
         service.vpnCloseService();
         QVERIFY(log.osTexts().contains(QStringLiteral("|VPN| Close service. BEGIN")));
-        QVERIFY(std::any_of(log.osTexts().cbegin(), log.osTexts().cend(), [](const QString &t) {
+        QVERIFY(std::ranges::any_of(log.osTexts(), [](const QString &t) {
             return t.startsWith(QStringLiteral("|VPN| Close service. DONE with fatal error: '"));
         }));
         QVERIFY(!QFile::exists(dir.filePath(QStringLiteral("openvpn.last_pid"))));

@@ -1,0 +1,249 @@
+#include "ShellFakes.h"
+#include "UpdateServer.h"
+#include "foundation/BundleExtended.h"
+#include "foundation/EventBus.h"
+#include "foundation/EventNames.h"
+#include "shell/AppUpdateManager.h"
+#include "support/LogCapture.h"
+
+#include <QDir>
+#include <QSignalSpy>
+#include <QTest>
+
+namespace {
+constexpr auto kExecutable = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner;
+
+QByteArray readAll(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+} // namespace
+
+class TestAppUpdateManager : public QObject {
+    Q_OBJECT
+
+    std::unique_ptr<ShellSandbox> m_sandbox;
+    std::unique_ptr<UpdateServer> m_server;
+    QString m_installerLog;
+    int m_appReady = 0;
+    int m_hideUpdate = 0;
+
+    // Installs a sandbox whose installer is a script exiting with `status`.
+    void makeWorld(int status, const QString &packagePath = QStringLiteral("/package"))
+    {
+        m_server = std::make_unique<UpdateServer>();
+        auto *scratch = new QTemporaryDir; // freed with the test object
+        scratch->setAutoRemove(true);
+        connect(this, &QObject::destroyed, [scratch] { delete scratch; });
+        const QString resources = scratch->filePath(QStringLiteral("res"));
+        QDir().mkpath(resources);
+        UpdateServer::writeConfig(resources, m_server->url(QStringLiteral("/latest")), m_server->url(packagePath));
+        const QString installer = scratch->filePath(QStringLiteral("installer.sh"));
+        m_installerLog = scratch->filePath(QStringLiteral("installer.log"));
+        QFile script(installer);
+        QVERIFY(script.open(QIODevice::WriteOnly));
+        script.write(
+            QStringLiteral("#!/bin/sh\necho \"$@\" >> '%1'\nexit %2\n").arg(m_installerLog).arg(status).toUtf8());
+        script.close();
+        QVERIFY(script.setPermissions(kExecutable));
+        m_sandbox = std::make_unique<ShellSandbox>(
+            LinuxPlatform::Overrides{.resourcesDirectory = resources, .installer = installer});
+        AppUpdateManager::setSharedManagerForTesting(nullptr);
+    }
+
+private slots:
+    void init()
+    {
+        EventBus::defaultCenter().reset();
+        BundleExtended::setInfoDictionaryForTesting(
+            QVariantMap{{BundleExtended::kShortVersionKey, QStringLiteral("2.1.0")},
+                        {BundleExtended::kVersionKey, QStringLiteral("45")},
+                        {BundleExtended::kNameKey, QStringLiteral("PelorinVPN")}});
+        m_appReady = m_hideUpdate = 0;
+        EventBus::defaultCenter().addObserver(this, QLatin1String(Events::NOTIFICATION_APP_READY),
+                                              [this](const Event &) { ++m_appReady; });
+        EventBus::defaultCenter().addObserver(this, QLatin1String(Events::NT_HIDE_UPDATE),
+                                              [this](const Event &) { ++m_hideUpdate; });
+    }
+    void cleanup()
+    {
+        AppUpdateManager::setSharedManagerForTesting(nullptr);
+        m_sandbox.reset();
+        m_server.reset();
+        EventBus::defaultCenter().reset();
+        BundleExtended::setInfoDictionaryForTesting(std::nullopt);
+    }
+
+    void compareVersionsByIntegerComponents_data()
+    {
+        QTest::addColumn<QString>("a");
+        QTest::addColumn<QString>("b");
+        QTest::addColumn<QString>("greater");
+        QTest::newRow("equal keeps first") << "1.2"
+                                           << "1.2.0"
+                                           << "1.2";
+        QTest::newRow("numeric not textual") << "1.9"
+                                             << "1.10"
+                                             << "1.10";
+        QTest::newRow("build number") << "2.1.0.45"
+                                      << "2.1.1"
+                                      << "2.1.1";
+        QTest::newRow("line feed") << "2.1.0.45"
+                                   << "2.1.0.45\n"
+                                   << "2.1.0.45";
+        QTest::newRow("garbage counts 0") << "2.1.0.45"
+                                          << "<html>oops</html>"
+                                          << "2.1.0.45";
+        QTest::newRow("leading digits") << "3rc.1"
+                                        << "3.0"
+                                        << "3rc.1";
+        QTest::newRow("longer wins on extra") << "1.0"
+                                              << "1.0.0.1"
+                                              << "1.0.0.1";
+    }
+    void compareVersionsByIntegerComponents()
+    {
+        QFETCH(QString, a);
+        QFETCH(QString, b);
+        QFETCH(QString, greater);
+        QCOMPARE(AppUpdateManager::compareVersions(a, b), greater);
+    }
+
+    void checkAgainstTheServer_data()
+    {
+        QTest::addColumn<QByteArray>("latest");
+        QTest::addColumn<bool>("available");
+        QTest::newRow("same") << QByteArray("2.1.0.45") << false;
+        QTest::newRow("same with line feed") << QByteArray("2.1.0.45\n") << false;
+        QTest::newRow("newer") << QByteArray("2.1.1") << true;
+        QTest::newRow("older") << QByteArray("2.0.9.99") << false;
+        QTest::newRow("garbage") << QByteArray("<html>502 Bad Gateway</html>") << false;
+    }
+    void checkAgainstTheServer()
+    {
+        QFETCH(QByteArray, latest);
+        QFETCH(bool, available);
+        makeWorld(0);
+        m_server->latest = latest;
+        LogCapture log;
+        std::optional<bool> answer;
+        AppUpdateManager::sharedManager().checkForUpdateWithCompletion([&](bool a) { answer = a; });
+        QTRY_VERIFY(answer.has_value());
+        QCOMPARE(*answer, available);
+        QVERIFY(
+            log.lines().contains(QStringLiteral("|AppUpdateManager| Latest Version :\n") + QString::fromUtf8(latest)));
+    }
+
+    void unreachableCheckSaysNoUpdate()
+    {
+        makeWorld(0);
+        UpdateServer::writeConfig(m_sandbox->overrides().resourcesDirectory,
+                                  QStringLiteral("http://127.0.0.1:1/latest"), QString());
+        LogCapture log;
+        std::optional<bool> answer;
+        AppUpdateManager::sharedManager().checkForUpdateWithCompletion([&](bool a) { answer = a; });
+        QTRY_VERIFY(answer.has_value());
+        QVERIFY(!*answer);
+        QVERIFY(log.lines().last().startsWith(QStringLiteral("Error: ")));
+    }
+
+    void successfulInstallReplacesOldPackageAndQuits()
+    {
+        makeWorld(0);
+        m_server->package = QByteArray(300 * 1024, 'p');
+        const QString downloads = m_sandbox->overrides().downloadsDirectory;
+        QDir().mkpath(downloads);
+        QFile old(downloads + QStringLiteral("/PelorinVPN.deb"));
+        QVERIFY(old.open(QIODevice::WriteOnly));
+        old.write("old package");
+        old.close();
+
+        AppUpdateManager &updates = AppUpdateManager::sharedManager();
+        int installed = 0;
+        updates.setInstalledHandler([&] { ++installed; });
+        QSignalSpy progress(&updates, &AppUpdateManager::downloadProgress);
+        LogCapture log;
+        updates.downloadAndInstallPKG();
+        QVERIFY(updates.isDownloading());
+        QTRY_COMPARE(installed, 1);
+        QVERIFY(!updates.isDownloading());
+        QCOMPARE(m_hideUpdate, 1);
+        QCOMPARE(m_appReady, 0);
+        QCOMPARE(readAll(downloads + QStringLiteral("/PelorinVPN.deb")), m_server->package);
+        QCOMPARE(readAll(m_installerLog), downloads.toUtf8() + "/PelorinVPN.deb\n");
+        QVERIFY(!progress.isEmpty());
+        QCOMPARE(progress.last().at(0).toLongLong(), qint64(m_server->package.size()));
+        QVERIFY(log.lines().contains(
+            QStringLiteral("|AppUpdateManager| Installation termination status = 0 and reason = 1.")));
+        QCOMPARE(QDir(downloads).entryList(QDir::Files | QDir::Hidden), QStringList{QStringLiteral("PelorinVPN.deb")});
+    }
+
+    void failingInstallerKeepsRunningAndPostsAppReady()
+    {
+        makeWorld(1);
+        m_server->package = "pkg";
+        AppUpdateManager &updates = AppUpdateManager::sharedManager();
+        int installed = 0;
+        updates.setInstalledHandler([&] { ++installed; });
+        LogCapture log;
+        updates.downloadAndInstallPKG();
+        QTRY_COMPARE(m_appReady, 1);
+        QVERIFY(!updates.isDownloading());
+        QCOMPARE(installed, 0);
+        QCOMPARE(m_hideUpdate, 0);
+        QVERIFY(log.lines().contains(QStringLiteral("|AppUpdateManager| Installation failed with status: 1")));
+        QVERIFY(log.lines().contains(QStringLiteral("|NQVPNManager| post NT_APP_READY")));
+    }
+
+    void undeletableOldPackageStopsTheUpdate()
+    {
+        makeWorld(0);
+        m_server->package = "pkg";
+        const QString blocked = m_sandbox->overrides().downloadsDirectory + QStringLiteral("/PelorinVPN.deb");
+        QVERIFY(QDir().mkpath(blocked + QStringLiteral("/inside")));
+        AppUpdateManager &updates = AppUpdateManager::sharedManager();
+        LogCapture log;
+        updates.downloadAndInstallPKG();
+        QTRY_COMPARE(m_appReady, 1);
+        QVERIFY(!updates.isDownloading());
+        QVERIFY(std::ranges::any_of(log.lines(), [](const QString &l) {
+            return l.startsWith(QStringLiteral("|AppUpdateManager| Failed to delete existing file: "));
+        }));
+        QVERIFY(!QFile::exists(m_installerLog));
+        QVERIFY(QFileInfo(blocked + QStringLiteral("/inside")).isDir()); // nothing of the user's lost
+    }
+
+    void missingPackageOnServerIsADownloadError()
+    {
+        makeWorld(0, QStringLiteral("/nothing-here"));
+        AppUpdateManager &updates = AppUpdateManager::sharedManager();
+        LogCapture log;
+        updates.downloadAndInstallPKG();
+        QTRY_COMPARE(m_appReady, 1);
+        QVERIFY(!updates.isDownloading());
+        QVERIFY(std::ranges::any_of(log.lines(), [](const QString &l) {
+            return l.startsWith(QStringLiteral("|AppUpdateManager| Download error: "));
+        }));
+        QVERIFY(!QFile::exists(m_installerLog));
+        QCOMPARE(QDir(m_sandbox->overrides().downloadsDirectory).entryList(QDir::Files | QDir::Hidden), QStringList());
+    }
+
+    void installerThatCannotStartIsReported()
+    {
+        makeWorld(0);
+        Platform::setInstance(std::make_unique<LinuxPlatform>(
+            LinuxPlatform::Overrides{.applicationSupportDirectory = m_sandbox->overrides().applicationSupportDirectory,
+                                     .downloadsDirectory = m_sandbox->overrides().downloadsDirectory,
+                                     .installer = m_sandbox->dir.filePath(QStringLiteral("no-such-installer"))}));
+        LogCapture log;
+        AppUpdateManager::sharedManager().installPKGAtPath(QStringLiteral("/nonexistent.deb"));
+        QTRY_COMPARE(m_appReady, 1);
+        QVERIFY(std::ranges::any_of(log.lines(), [](const QString &l) {
+            return l.startsWith(QStringLiteral("|AppUpdateManager| Error launching installer: "));
+        }));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestAppUpdateManager)
+#include "tst_app_update_manager.moc"
