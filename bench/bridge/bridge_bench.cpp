@@ -1,0 +1,156 @@
+// Bridge throughput: N clients x M text frames (Node's ws as load generator) against our
+// server, QtWebSockets' QWebSocketServer and Node's ws server, then the blocked-domain
+// handler against an empty and a 10 000-domain map. Loopback only.
+//   bridge_bench [clients=50] [frames=2000] [payload bytes=64]
+#include "extension/BrowserExtensionApi.h"
+#include "foundation/FileSecretBackend.h"
+#include "platform/linux/LinuxPlatform.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTimer>
+#include <QWebSocket>
+#include <QWebSocketServer>
+
+#include <algorithm>
+#include <cstdio>
+
+namespace {
+const QString kDir = QStringLiteral(PELORIN_BENCH_DIR);
+
+struct Counter : CVWebSocketServerDelegate {
+    CVWebSocketServer *server = nullptr;
+    qint64 expected = 0, count = 0;
+    void webSocketServerDidReceiveData(CVWebSocketServer *, const QByteArray &, const AsyncSocketPtr &) override
+    {
+        if (++count == expected)
+            server->send(QStringLiteral("done"));
+    }
+};
+
+// Runs the Node load client against `port`; milliseconds, or -1.
+double runLoad(quint16 port, int clients, int frames, int size)
+{
+    QProcess load;
+    load.setWorkingDirectory(kDir);
+    load.start(QStringLiteral("node"), {kDir + QStringLiteral("/load_client.js"), QString::number(port),
+                                        QString::number(clients), QString::number(frames), QString::number(size)});
+    while (load.state() != QProcess::NotRunning)
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+    const QByteArray out = load.readAllStandardOutput();
+    if (load.exitCode() != 0 || !out.startsWith("elapsed_ms")) {
+        std::fprintf(stderr, "load client failed: %s %s\n", out.constData(), load.readAllStandardError().constData());
+        return -1;
+    }
+    return out.split(' ').value(1).trimmed().toDouble();
+}
+
+double benchOurs(int clients, int frames, int size)
+{
+    Counter counter;
+    counter.expected = qint64(clients) * frames;
+    auto server = CVWebSocketServer::initWithPort(0, &counter);
+    counter.server = server.get();
+    return runLoad(server->port(), clients, frames, size);
+}
+
+double benchQt(int clients, int frames, int size)
+{
+    QWebSocketServer server(QStringLiteral("bench"), QWebSocketServer::NonSecureMode);
+    server.listen(QHostAddress::LocalHost, 0);
+    qint64 count = 0;
+    const qint64 expected = qint64(clients) * frames;
+    QList<QWebSocket *> sockets;
+    QObject::connect(&server, &QWebSocketServer::newConnection, [&] {
+        QWebSocket *ws = server.nextPendingConnection();
+        sockets << ws;
+        QObject::connect(ws, &QWebSocket::textMessageReceived, [&](const QString &) {
+            if (++count == expected)
+                for (QWebSocket *s : sockets)
+                    s->sendTextMessage(QStringLiteral("done"));
+        });
+    });
+    const double ms = runLoad(server.serverPort(), clients, frames, size);
+    qDeleteAll(sockets);
+    return ms;
+}
+
+double benchNode(int clients, int frames, int size)
+{
+    QProcess server;
+    server.setWorkingDirectory(kDir);
+    server.start(QStringLiteral("node"),
+                 {kDir + QStringLiteral("/node_server.js"), QString::number(qint64(clients) * frames)});
+    if (!server.waitForReadyRead(10000))
+        return -1;
+    const quint16 port = server.readAllStandardOutput().split(' ').value(1).trimmed().toUShort();
+    const double ms = runLoad(port, clients, frames, size);
+    server.kill();
+    server.waitForFinished();
+    return ms;
+}
+
+double cookieRate(int storedDomains, int messages)
+{
+    QTemporaryDir dir;
+    AppStorageManager storage(
+        dir.filePath(QStringLiteral("s.conf")),
+        KeychainStore(QStringLiteral("bench"), std::make_shared<FileSecretBackend>(dir.filePath(QStringLiteral("k")))));
+    LinuxPlatform platform;
+    BrowserExtensionApi api(&storage, &platform);
+    QVariantMap map;
+    for (int i = 0; i < storedDomains; ++i)
+        map.insert(QStringLiteral("stored%1.example").arg(i), i % 7 + 1);
+    api.storage().storeBlockedDomains(map);
+    QElapsedTimer timer;
+    timer.start();
+    for (int i = 0; i < messages; ++i)
+        api.dispatchMessage(QStringLiteral("Cookie%tracker%1.example%<EOF>").arg(i % 500));
+    const double seconds = timer.nsecsElapsed() / 1e9;
+    api.storage().flush();
+    return messages / seconds;
+}
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    const int clients = argc > 1 ? std::atoi(argv[1]) : 50;
+    const int frames = argc > 2 ? std::atoi(argv[2]) : 2000;
+    const int size = argc > 3 ? std::atoi(argv[3]) : 64;
+    if (!QFile::exists(kDir + QStringLiteral("/node_modules/ws"))) {
+        std::fprintf(stderr, "run 'npm install' in %s first\n", qPrintable(kDir));
+        return 1;
+    }
+    const double total = double(clients) * frames;
+    std::printf("%d clients x %d frames of %d bytes (%.0f messages), loopback\n", clients, frames, size, total);
+    if (qEnvironmentVariableIsSet("BRIDGE_BENCH_COOKIES_ONLY"))
+        goto cookies;
+    {
+        const double ours = benchOurs(clients, frames, size);
+        const double qt = benchQt(clients, frames, size);
+        const double node = benchNode(clients, frames, size);
+        auto rate = [&](double ms) { return ms > 0 ? total / (ms / 1000.0) : 0.0; };
+        std::printf("  CVWebSocketServer   %10.0f msg/s  (%.0f ms)\n", rate(ours), ours);
+        std::printf("  QWebSocketServer    %10.0f msg/s  (%.0f ms)\n", rate(qt), qt);
+        std::printf("  node ws             %10.0f msg/s  (%.0f ms)\n", rate(node), node);
+        if (ours > 0 && qt > 0 && node > 0)
+            std::printf("  ours / Qt = %.2f, ours / node ws = %.2f\n", rate(ours) / rate(qt), rate(ours) / rate(node));
+    }
+cookies:
+
+    const int messages = 10000;
+    cookieRate(10000, messages); // warm-up
+    // Interleaved and best of three, so machine noise does not pose as growth.
+    double empty = 0, full = 0;
+    for (int round = 0; round < 3; ++round) {
+        full = std::max(full, cookieRate(10000, messages));
+        empty = std::max(empty, cookieRate(0, messages));
+    }
+    std::printf("%d \"Cookie%%\" messages: %.0f msg/s over an empty map, %.0f msg/s over 10 000 stored domains "
+                "(ratio %.2f)\n",
+                messages, empty, full, full / empty);
+    return 0;
+}
