@@ -14,14 +14,14 @@
         <translation>days</translation>
     </message>
     <message id="ManageUpdates_UpdateGui_hour">
-        <source>hour</source>
-        <extracomment>Duration label: hour</extracomment>
-        <translation>hour</translation>
+        <source>hours</source>
+        <extracomment>Duration label used for more than one hour (the hour keys are used the other way round from the day keys)</extracomment>
+        <translation>hours</translation>
     </message>
     <message id="ManageUpdates_UpdateGui_hours">
-        <source>hours</source>
-        <extracomment>Duration label: hours</extracomment>
-        <translation>hours</translation>
+        <source>hour</source>
+        <extracomment>Duration label used for one hour or less (the hour keys are used the other way round from the day keys)</extracomment>
+        <translation>hour</translation>
     </message>
     <message id="ManageUpdates_UpdateGui_minutes">
         <source>minutes</source>

@@ -14,14 +14,14 @@
         <translation>dager</translation>
     </message>
     <message id="ManageUpdates_UpdateGui_hour">
-        <source>hour</source>
-        <extracomment>Duration label: hour</extracomment>
-        <translation>time</translation>
+        <source>hours</source>
+        <extracomment>Duration label used for more than one hour (the hour keys are used the other way round from the day keys)</extracomment>
+        <translation>timer</translation>
     </message>
     <message id="ManageUpdates_UpdateGui_hours">
-        <source>hours</source>
-        <extracomment>Duration label: hours</extracomment>
-        <translation>timer</translation>
+        <source>hour</source>
+        <extracomment>Duration label used for one hour or less (the hour keys are used the other way round from the day keys)</extracomment>
+        <translation>time</translation>
     </message>
     <message id="ManageUpdates_UpdateGui_minutes">
         <source>minutes</source>

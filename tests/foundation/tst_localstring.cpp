@@ -5,6 +5,7 @@
 #include "foundation/LanguageNames.h"
 #include "foundation/LanguagesTableSource.h"
 #include "foundation/LocalString.h"
+#include "foundation/StringAddition.h"
 #include "support/LogCapture.h"
 
 #include <QTemporaryDir>
@@ -139,6 +140,18 @@ private slots:
         LocalString::setAppLanguageCode(QStringLiteral("no"));
         QCOMPARE(LocalString::forKey(QStringLiteral("Disconnect")), QStringLiteral("Koble fra"));
         QCOMPARE(LocalString::appLanguageName(), QStringLiteral("Norsk"));
+    }
+
+    void durationsReadNaturallyDespiteTheSwappedHourKeys()
+    {
+        // The duration text picks the hour keys the other way round from the day keys; the
+        // tables carry the texts so that the words still agree with the numbers.
+        QCOMPARE(StringAddition::durationStringFromSeconds(7200), QStringLiteral("2 hours 0 minutes 0 seconds"));
+        QCOMPARE(StringAddition::durationStringFromSeconds(3660), QStringLiteral("1 hour 1 minutes 0 seconds"));
+        QCOMPARE(StringAddition::durationStringFromSeconds(2 * 86400),
+                 QStringLiteral("2 days 48 hours 0 minutes 0 seconds"));
+        LocalString::setAppLanguageCode(QStringLiteral("de"));
+        QCOMPARE(StringAddition::durationStringFromSeconds(7200), QStringLiteral("2 Stunden 0 Minuten 0 Sekunden"));
     }
 
     void lookupReplacesAppNameAndReturnsMissingKeys()
