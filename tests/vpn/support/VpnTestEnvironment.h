@@ -15,7 +15,15 @@
 // stand-in sudo), settings store, event bus and manager. Undone on destruction.
 class VpnTestEnvironment {
 public:
-    explicit VpnTestEnvironment(const QString &hostUrl = QStringLiteral("http://127.0.0.1:9"))
+    // Folders left empty are made under the environment's own root.
+    struct Places {
+        QString helpersDirectory;
+        QString sudoPath;
+        QString temporaryDirectory;
+    };
+
+    explicit VpnTestEnvironment(const QString &hostUrl = QStringLiteral("http://127.0.0.1:9"), Places places = {})
+        : m_places(std::move(places))
     {
         QDir(root()).mkpath(QStringLiteral("resources"));
         QDir(root()).mkpath(QStringLiteral("helpers"));
@@ -27,7 +35,7 @@ public:
         overrides.temporaryDirectory = temporaryDirectory();
         overrides.resourcesDirectory = root() + QStringLiteral("/resources");
         overrides.helpersDirectory = helpersDirectory();
-        overrides.sudoPath = root() + QStringLiteral("/sudo");
+        overrides.sudoPath = m_places.sudoPath.isEmpty() ? root() + QStringLiteral("/sudo") : m_places.sudoPath;
         overrides.applicationSupportDirectory = root() + QStringLiteral("/data");
         Platform::setInstance(std::make_unique<LinuxPlatform>(overrides));
         AppStorageManager::setSharedManagerForTesting(std::make_unique<AppStorageManager>(
@@ -46,8 +54,15 @@ public:
     VpnTestEnvironment &operator=(const VpnTestEnvironment &) = delete;
 
     QString root() const { return m_dir.path(); }
-    QString temporaryDirectory() const { return root() + QStringLiteral("/run/tmp"); }
-    QString helpersDirectory() const { return root() + QStringLiteral("/helpers"); }
+    QString temporaryDirectory() const
+    {
+        return m_places.temporaryDirectory.isEmpty() ? root() + QStringLiteral("/run/tmp")
+                                                     : m_places.temporaryDirectory;
+    }
+    QString helpersDirectory() const
+    {
+        return m_places.helpersDirectory.isEmpty() ? root() + QStringLiteral("/helpers") : m_places.helpersDirectory;
+    }
     NQVPNManager &manager() const { return NQVPNManager::sharedManager(); }
     AppStorageManager &storage() const { return AppStorageManager::sharedManager(); }
 
@@ -71,4 +86,5 @@ public:
 
 private:
     QTemporaryDir m_dir;
+    Places m_places;
 };
