@@ -1,0 +1,167 @@
+// pelorin_ui_gallery --out DIR [--lang CODE]: draws the splash, the home screen in its
+// states, the server list tabs, the settings with the language list open, the About view,
+// the update panel and an alert into DIR/<lang>-<name>.png.
+#include "GalleryServices.h"
+
+#include "foundation/AppStorageManager.h"
+#include "foundation/EventBus.h"
+#include "foundation/EventNames.h"
+#include "foundation/FileSecretBackend.h"
+#include "foundation/LocalString.h"
+#include "ui/ClustersVC.h"
+#include "ui/HomeMainPanelVC.h"
+#include "ui/SettingsVC.h"
+#include "ui/UiText.h"
+#include "ui/UpdateVC.h"
+#include "ui/widgets/HomeWidget.h"
+#include "ui/widgets/MessageBoxAlertPresenter.h"
+#include "ui/widgets/SplashWidget.h"
+#include "ui/widgets/UiStyle.h"
+#include "vpn/VpnState.h"
+
+#include <QApplication>
+#include <QCommandLineParser>
+#include <QDir>
+#include <QMessageBox>
+#include <QTemporaryDir>
+
+#include <cstdio>
+
+namespace {
+
+QString g_out;
+QString g_lang;
+
+void settle()
+{
+    for (int i = 0; i < 6; ++i)
+        QApplication::processEvents();
+}
+
+void shoot(QWidget &widget, const QString &name)
+{
+    settle();
+    const QString path = QStringLiteral("%1/%2-%3.png").arg(g_out, g_lang, name);
+    if (!widget.grab().save(path))
+        std::fprintf(stderr, "cannot write %s\n", qPrintable(path));
+    else
+        std::printf("%s\n", qPrintable(path));
+}
+
+NQVPNCountry cluster(const char *name, const char *iso, const char *continent, int id, bool isDefault = false)
+{
+    NQVPNCountry c;
+    c.countryName = QString::fromUtf8(name);
+    c.countryIso = QString::fromLatin1(iso);
+    c.continent = QString::fromLatin1(continent);
+    c.countryId = id;
+    c.isDefault = isDefault;
+    c.enabled = true;
+    c.serverAddress = QStringLiteral("185.220.%1.17").arg(id);
+    return c;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QApplication app(argc, argv);
+    QCommandLineParser parser;
+    parser.addOption({QStringLiteral("out"), QStringLiteral("Folder for the PNG files."), QStringLiteral("dir")});
+    parser.addOption(
+        {QStringLiteral("lang"), QStringLiteral("Interface language."), QStringLiteral("code"), QStringLiteral("en")});
+    parser.process(app);
+    g_out = parser.value(QStringLiteral("out"));
+    g_lang = parser.value(QStringLiteral("lang"));
+    if (g_out.isEmpty() || !QDir().mkpath(g_out)) {
+        std::fprintf(stderr, "usage: pelorin_ui_gallery --out DIR [--lang CODE]\n");
+        return 2;
+    }
+
+    QTemporaryDir dir;
+    auto store = std::make_unique<AppStorageManager>(
+        dir.filePath(QStringLiteral("settings.conf")),
+        KeychainStore(QStringLiteral("com.pelorin.vpn.mac"),
+                      std::make_shared<FileSecretBackend>(dir.filePath(QStringLiteral("s.json")))));
+    AppStorageManager &storage = *store;
+    AppStorageManager::setSharedManagerForTesting(std::move(store));
+    LocalString::setAppLanguageCode(g_lang);
+    storage.storeDeviceUUID(QStringLiteral("6F1C2A9E-4B7D-4E21-9C3A-1D2E5F60A7B8"));
+    storage.storeAppAutorunEnabled(true);
+    storage.storeAutoupdate(true);
+
+    GalleryVpn vpn;
+    vpn.countries = {cluster("Germany", "DE", "Europe", 1, true), cluster("Finland", "FI", "Europe", 2),
+                     cluster("Ukraine", "UA", "Europe", 3),       cluster("United States", "US", "North America", 4),
+                     cluster("Brazil", "BR", "South America", 5), cluster("Japan", "JP", "Asia", 6),
+                     cluster("India", "IN", "Asia", 7),           cluster("Australia", "AU", "Australia", 8),
+                     cluster("South Africa", "ZA", "Africa", 9),  cluster("Mexico", "MX", "South America", 10)};
+    GalleryLocation location;
+    MessageBoxAlertPresenter alerts;
+    GalleryUrls urls;
+    GalleryChrome chrome;
+    GalleryExtension extension;
+    GalleryLoginItems loginItems;
+    GalleryUpdates updates;
+    UiServices services{vpn, location, alerts, urls, chrome, extension, loginItems, updates, storage};
+
+    SplashWidget splash;
+    splash.show();
+    shoot(splash, QStringLiteral("splash"));
+    splash.hide();
+
+    HomeWidget home(services);
+    home.setWindowTitle(UiText::forKey(QStringLiteral("<app_name>")));
+    home.show();
+    EventBus::defaultCenter().post(Events::NOTIFICATION_CLUSTERS_LOADED,
+                                   {{Events::NQVpnKeyClustersArray, QVariant::fromValue(vpn.countries)}});
+    shoot(home, QStringLiteral("disconnected"));
+
+    home.clusters().clickRow(2); // Ukraine
+    home.panel().clickConnect();
+    shoot(home, QStringLiteral("connecting"));
+
+    vpn.configs.takeFirst()(QStringLiteral("client\n"), std::nullopt);
+    storage.storeVPNStatus(VpnStateConnected);
+    vpn.callback(VpnStateConnected);
+    settle();
+    for (int i = 0; i < 3725; ++i)
+        home.panel().timerUpdateSessionDuration();
+    shoot(home, QStringLiteral("connected"));
+
+    home.panel().clickInfo();
+    shoot(home, QStringLiteral("context-menu"));
+    home.panel().hideContextMenu();
+
+    home.clusters().clickFavourite(0, true);
+    home.clusters().clickFavourite(2, true);
+    home.clusters().clickTabFavourites();
+    shoot(home, QStringLiteral("favourites"));
+    home.clusters().clickTabAllLocations();
+
+    EventBus::defaultCenter().post(Events::NT_TOGGLE_ABOUT);
+    shoot(home, QStringLiteral("about"));
+    EventBus::defaultCenter().post(Events::NT_HIDE_ABOUT);
+
+    EventBus::defaultCenter().post(Events::NT_TOGGLE_UPDATE);
+    shoot(home, QStringLiteral("update-none"));
+    home.update().setUpdateView();
+    shoot(home, QStringLiteral("update-found"));
+    EventBus::defaultCenter().post(Events::NT_HIDE_UPDATE);
+
+    EventBus::defaultCenter().post(Events::SHOW_SETTINGS);
+    settle();
+    home.settings().clickCompression(true);
+    home.settings().clickLangauge();
+    shoot(home, QStringLiteral("settings-languages"));
+
+    AlertRequest alert;
+    alert.title = QStringLiteral("Error");
+    alert.message = UiText::forKey(QStringLiteral("installing_vpn_configuration_failed"));
+    alert.buttons = {{UiText::forKey(QStringLiteral("Retry")), 1000}, {UiText::forKey(QStringLiteral("Cancel")), 1001}};
+    QMessageBox *box = MessageBoxAlertPresenter::build(alert, nullptr);
+    box->show();
+    shoot(*box, QStringLiteral("alert"));
+    delete box;
+    return 0;
+}

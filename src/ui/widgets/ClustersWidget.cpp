@@ -1,0 +1,132 @@
+#include "ui/widgets/ClustersWidget.h"
+
+#include "ui/ClustersVC.h"
+#include "ui/UiText.h"
+#include "ui/VpnEngine.h"
+#include "ui/widgets/FitLabel.h"
+#include "ui/widgets/UiStyle.h"
+
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QListWidget>
+#include <QMouseEvent>
+#include <QPushButton>
+#include <QVBoxLayout>
+
+#include "vpn/FlagUtils.h"
+
+namespace {
+constexpr int kRowHeight = 38;
+} // namespace
+
+ClustersWidget::ClustersWidget(ClustersVC &clusters, QWidget *parent) : QWidget(parent), m_vc(clusters)
+{
+    setAttribute(Qt::WA_StyledBackground);
+    setStyleSheet(QStringLiteral("ClustersWidget { background: #16253b; }"));
+    auto *root = new QVBoxLayout(this);
+    root->setContentsMargins(0, 0, 0, 0);
+    root->setSpacing(0);
+    auto *tabs = new QHBoxLayout;
+    tabs->setContentsMargins(8, 8, 8, 4);
+    tabs->setSpacing(4);
+    m_tabAll = new QPushButton(this);
+    m_tabFavourites = new QPushButton(this);
+    for (QPushButton *tab : {m_tabAll, m_tabFavourites}) {
+        tab->setCheckable(true);
+        tab->setCursor(Qt::PointingHandCursor);
+        tabs->addWidget(tab, 1);
+    }
+    root->addLayout(tabs);
+    m_list = new QListWidget(this);
+    m_list->setSelectionMode(QAbstractItemView::SingleSelection);
+    m_list->setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
+    m_list->viewport()->installEventFilter(this);
+    root->addWidget(m_list, 1);
+    m_overlay = new QLabel(this); // dims the list and takes its clicks while busy
+    m_overlay->setAlignment(Qt::AlignCenter);
+    m_overlay->setStyleSheet(QStringLiteral("background: rgba(15,27,45,150);"));
+
+    QObject::connect(m_tabAll, &QPushButton::clicked, this, [this] { m_vc.clickTabAllLocations(); });
+    QObject::connect(m_tabFavourites, &QPushButton::clicked, this, [this] { m_vc.clickTabFavourites(); });
+    QObject::connect(
+        &m_vc, &ClustersVC::changed, this, [this] { render(); }, Qt::QueuedConnection);
+    render();
+}
+
+bool ClustersWidget::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == m_list->viewport() && event->type() == QEvent::MouseButtonPress) {
+        const auto *mouse = static_cast<QMouseEvent *>(event);
+        const QListWidgetItem *item = m_list->itemAt(mouse->position().toPoint());
+        m_vc.clickRow(item ? m_list->row(item) : -1);
+        return true;
+    }
+    return QWidget::eventFilter(watched, event);
+}
+
+void ClustersWidget::resizeEvent(QResizeEvent *event)
+{
+    QWidget::resizeEvent(event);
+    m_overlay->setGeometry(rect());
+}
+
+QWidget *ClustersWidget::makeRow(int row)
+{
+    ClustersTableSource &source = m_vc.currentSource();
+    const ClusterRecord record = source.recordAt(row);
+    auto *cell = new QWidget;
+    auto *layout = new QHBoxLayout(cell);
+    layout->setContentsMargins(10, 0, 8, 0);
+    layout->setSpacing(8);
+    auto *flag = new QLabel(cell);
+    flag->setFixedSize(24, 18);
+    QString flagPath = FlagUtils::defaultInstance().getFlagForCountryCode(record->countryIso);
+    if (flagPath.isNull())
+        flagPath = FlagUtils::defaultInstance().getFlagForCountryCode(QStringLiteral("Unknown"));
+    flag->setPixmap(UiStyle::pixmap(flagPath, flag->size(), devicePixelRatioF()));
+    auto *name = new FitLabel(cell);
+    name->setText(record->countryName);
+    auto *star = new QPushButton(cell);
+    star->setProperty("flat", true);
+    star->setCursor(Qt::PointingHandCursor);
+    star->setFixedSize(26, 26);
+    star->setIcon(
+        QIcon(UiStyle::pixmap(record->clusterFavourited ? QStringLiteral("star_on") : QStringLiteral("star_off"),
+                              QSize(18, 18), devicePixelRatioF())));
+    star->setIconSize(QSize(18, 18));
+    const bool on = record->clusterFavourited;
+    QObject::connect(star, &QPushButton::clicked, this, [this, row, on] { m_vc.clickFavourite(row, !on); });
+    auto *marker = new QLabel(cell);
+    marker->setFixedSize(18, 18);
+    marker->setPixmap(UiStyle::pixmap(record->clusterSelected ? QStringLiteral("location_virtualIP")
+                                                              : QStringLiteral("location_default"),
+                                      marker->size(), devicePixelRatioF()));
+    layout->addWidget(flag);
+    layout->addWidget(name, 1);
+    layout->addWidget(star);
+    layout->addWidget(marker);
+    return cell;
+}
+
+void ClustersWidget::render()
+{
+    m_tabAll->setText(UiText::forKey(QStringLiteral("All locations")));
+    m_tabFavourites->setText(UiText::forKey(QStringLiteral("Favourites")));
+    for (QPushButton *tab : {m_tabAll, m_tabFavourites})
+        tab->setFont(UiStyle::fittedFont(font(), tab->text(), tab->width() - 16));
+    const bool favourites = m_vc.selectedTab() == ClustersVC::Favourites;
+    m_tabAll->setChecked(!favourites);
+    m_tabFavourites->setChecked(favourites);
+
+    ClustersTableSource &source = m_vc.currentSource();
+    m_list->clear();
+    for (int row = 0; row < source.numberOfRows(); ++row) {
+        auto *item = new QListWidgetItem(m_list);
+        item->setSizeHint(QSize(0, kRowHeight));
+        m_list->setItemWidget(item, makeRow(row));
+    }
+    const QSignalBlocker block(m_list);
+    m_list->setCurrentRow(source.selectedRow());
+    m_overlay->setVisible(m_vc.loadingOverlayVisible());
+    m_overlay->raise();
+}

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "ui/ContextMenuView.h"
+
+#include <QFrame>
+
+class QPushButton;
+
+// The context menu's four entries.
+class ContextMenuWidget : public QFrame {
+public:
+    ContextMenuWidget(ContextMenuView &menu, QWidget *parent = nullptr);
+    void retranslate();
+
+private:
+    ContextMenuView &m_menu;
+    QList<QPushButton *> m_entries;
+};

@@ -1,0 +1,37 @@
+#include "ui/widgets/MessageBoxAlertPresenter.h"
+
+#include "ui/widgets/UiStyle.h"
+
+#include <QMessageBox>
+#include <QPushButton>
+
+QMessageBox *MessageBoxAlertPresenter::build(const AlertRequest &alert, QWidget *parent)
+{
+    auto *box = new QMessageBox(parent);
+    box->setStyleSheet(UiStyle::styleSheet());
+    box->setIconPixmap(UiStyle::pixmap(QStringLiteral("AppIcon"), QSize(48, 48), box->devicePixelRatioF()));
+    if (!alert.title.isNull())
+        box->setText(QStringLiteral("<b>%1</b>").arg(alert.title.toHtmlEscaped()));
+    if (!alert.message.isNull())
+        box->setInformativeText(alert.message);
+    for (const AlertRequest::Button &button : alert.buttons) {
+        QPushButton *added = box->addButton(button.title, QMessageBox::AcceptRole);
+        added->setProperty("tag", QVariant::fromValue<qlonglong>(button.tag));
+        added->setMinimumWidth(90);
+    }
+    if (!alert.buttons.isEmpty())
+        box->setDefaultButton(qobject_cast<QPushButton *>(box->buttons().first()));
+    return box;
+}
+
+void MessageBoxAlertPresenter::runModal(const AlertRequest &alert, std::function<void(long tag)> done)
+{
+    QMessageBox *box = build(alert, m_parent);
+    if (alert.buttons.isEmpty())
+        box->addButton(QMessageBox::Ok)->setProperty("tag", QVariant::fromValue<qlonglong>(kDefaultButtonTag));
+    box->exec();
+    const QAbstractButton *pressed = box->clickedButton();
+    const long tag = pressed ? static_cast<long>(pressed->property("tag").toLongLong()) : kDefaultButtonTag;
+    box->deleteLater();
+    done(tag);
+}
