@@ -1,5 +1,7 @@
 #include "extension/WebSocketFrameDecoder.h"
 
+#include <QList>
+
 #include <cstdint>
 #include <cstdlib>
 

@@ -40,30 +40,21 @@ struct Job {
 
 void finish(const std::shared_ptr<Job> &job, QNetworkReply *reply)
 {
-    BackendRequest::Result result;
     const auto &log = job->options.log;
-    result.error = URLSessionError::fromReply(*reply, job->timedOut);
-    if (result.error) {
+    if (NQErrorOpt transportError = URLSessionError::fromReply(*reply, job->timedOut)) {
+        BackendRequest::Result result;
+        result.error = std::move(transportError);
         result.transportFailed = true;
         logLine(log.failure, result.error->debugDescription());
         logLine(log.finish, BackendRequest::bodyDescription({}, false));
         job->completion(result);
         return;
     }
+    BackendRequest::Result result = BackendRequest::resultForBody(reply->readAll(), log.deserializeError);
     result.httpStatus = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
-    result.body = reply->readAll();
     logLine(log.success);
-    result.json = QJsonDocument::fromJson(result.body, &result.parseError);
-    result.parsed = result.parseError.error == QJsonParseError::NoError && !result.json.isNull();
-    if (result.parsed) {
+    if (result.parsed)
         logLine(log.deserialized);
-    } else {
-        NQError error = BackendRequest::identityError(-1, log.deserializeError);
-        QVariantMap info = error.userInfo();
-        info.insert(QStringLiteral("NSUnderlyingError"),
-                    QVariant::fromValue(BackendRequest::jsonParseError(result.parseError)));
-        result.error = NQError(error.domain(), error.code(), info);
-    }
     logLine(log.finish, BackendRequest::bodyDescription(result.body, true));
     job->completion(result);
 }
@@ -137,6 +128,21 @@ void BackendRequest::send(Options options, Completion completion)
         start(job);
     else
         MainQueue::async([job] { start(job); });
+}
+
+BackendRequest::Result BackendRequest::resultForBody(const QByteArray &body, const QString &deserializeError)
+{
+    Result result;
+    result.body = body;
+    result.json = QJsonDocument::fromJson(result.body, &result.parseError);
+    result.parsed = result.parseError.error == QJsonParseError::NoError && !result.json.isNull();
+    if (!result.parsed) {
+        NQError error = identityError(-1, deserializeError);
+        QVariantMap info = error.userInfo();
+        info.insert(QStringLiteral("NSUnderlyingError"), QVariant::fromValue(jsonParseError(result.parseError)));
+        result.error = NQError(error.domain(), error.code(), info);
+    }
+    return result;
 }
 
 QNetworkAccessManager &BackendRequest::sharedSession()

@@ -74,6 +74,10 @@ public:
     // Starts the request. Safe from any thread; the completion runs once on the main thread.
     static void send(Options options, Completion completion);
 
+    // The outcome of an HTTP answer with `body`: the parsed JSON, or the deserialisation
+    // error carrying `deserializeError` as its message. Pure: no logging, no network.
+    static Result resultForBody(const QByteArray &body, const QString &deserializeError);
+
     // The session every backend request shares; lives on the main thread. Main thread only.
     static QNetworkAccessManager &sharedSession();
 

@@ -1,5 +1,6 @@
 #include "backend/NQIdentityServer.h"
 
+#include "backend/BackendAnswers.h"
 #include "backend/BackendRequest.h"
 #include "foundation/AppConfig.h"
 
@@ -13,13 +14,6 @@ namespace {
 QString slot(const QString &value)
 {
     return value.isNull() ? QStringLiteral("(null)") : value;
-}
-
-// A string under `key`; anything else (absent, null, a number) counts as absent.
-QString stringValue(const QJsonObject &object, const QString &key)
-{
-    const QJsonValue value = object.value(key);
-    return value.isString() ? value.toString() : QString();
 }
 
 BackendRequest::LogLines installEventLines()
@@ -48,14 +42,8 @@ void NQIdentityServer::labelsettingsForLabelID(const QString &labelID, const QSt
     options.url = QStringLiteral("%1/%2/%3/%4/%5")
                       .arg(endpoint, slot(labelID), slot(languageCode), slot(deviceId), slot(appVersion));
     BackendRequest::send(std::move(options), [completion](const BackendRequest::Result &result) {
-        if (result.error) {
-            completion({}, {}, {}, result.error);
-            return;
-        }
-        const QJsonObject object = result.json.object();
-        completion(stringValue(object, QStringLiteral("support")),
-                   stringValue(object, QStringLiteral("linkafterinstall")),
-                   stringValue(object, QStringLiteral("linkafteruninstall")), std::nullopt);
+        const BackendAnswers::LabelSettings answer = BackendAnswers::labelSettings(result);
+        completion(answer.support, answer.linkAfterInstall, answer.linkAfterUninstall, answer.error);
     });
 }
 
@@ -67,22 +55,8 @@ void NQIdentityServer::fetchBrowserExtensionConfigForLabelID(const QString &labe
     const QString endpoint = QStringLiteral("%1/api1/Configuration/extensiondownload").arg(slot(AppConfig::hostUrl()));
     options.url = QStringLiteral("%1/%2/%3").arg(endpoint, slot(labelID), slot(browser));
     BackendRequest::send(std::move(options), [completion](const BackendRequest::Result &result) {
-        if (result.error) {
-            completion(false, {}, result.error);
-            return;
-        }
-        const QJsonObject object = result.json.object();
-        const bool success = object.value(QStringLiteral("success")).toBool();
-        const QString url = stringValue(object, QStringLiteral("url"));
-        if (url.isNull()) {
-            completion(
-                success, {},
-                BackendRequest::identityError(
-                    -1, QStringLiteral(
-                            "Deserialize key 'url' from response body failed for request 'BrowseConfiguration'.")));
-            return;
-        }
-        completion(success, url, std::nullopt);
+        const BackendAnswers::ExtensionLink answer = BackendAnswers::extensionLink(result);
+        completion(answer.success, answer.url, answer.error);
     });
 }
 
@@ -121,12 +95,18 @@ std::optional<QDateTime> NQIdentityServer::dateFromTesselString(const QString &t
         if (date.isValid()) {
             const QString zone = match.captured(2);
             int offset = 0;
+            int minutes = 0;
             if (zone != QLatin1String("Z")) {
                 const QString digits = QString(zone).remove(QLatin1Char(':'));
-                offset = (digits.mid(1, 2).toInt() * 3600 + digits.mid(3, 2).toInt() * 60) *
-                         (zone.startsWith(QLatin1Char('-')) ? -1 : 1);
+                minutes = digits.mid(3, 2).toInt();
+                offset =
+                    (digits.mid(1, 2).toInt() * 3600 + minutes * 60) * (zone.startsWith(QLatin1Char('-')) ? -1 : 1);
             }
-            date.setTimeZone(QTimeZone(offset));
+            // "+42:00" or "+01:75" names no zone; taken as one it would make an invalid date.
+            const QTimeZone timeZone(offset);
+            if (!timeZone.isValid() || minutes > 59)
+                return std::nullopt;
+            date.setTimeZone(timeZone);
             return date;
         }
     }

@@ -1,34 +1,14 @@
 // The VPN account requests of NQIdentityServer.
+#include "backend/BackendAnswers.h"
 #include "backend/BackendRequest.h"
 #include "backend/NQIdentityServer.h"
 #include "foundation/AppConfig.h"
 #include "foundation/AppStorageManager.h"
-#include "foundation/ErrorIdentity.h"
 #include "foundation/Log.h"
-
-#include <QJsonObject>
-#include <QRegularExpression>
 
 namespace {
 
-constexpr int kResponseUnknownCode = -21;
 constexpr quint64 kDesktopDeviceType = 2;
-
-// An integer read the way the platform's integerValue reads it: numbers are truncated,
-// booleans are 0/1, text gives its leading integer.
-qint64 integerValue(const QJsonValue &value)
-{
-    if (value.isBool())
-        return value.toBool() ? 1 : 0;
-    if (value.isDouble())
-        return static_cast<qint64>(value.toDouble());
-    if (value.isString()) {
-        static const QRegularExpression leading(QStringLiteral("^\\s*([+-]?\\d+)"));
-        const auto match = leading.match(value.toString());
-        return match.hasMatch() ? match.captured(1).toLongLong() : 0;
-    }
-    return 0;
-}
 
 } // namespace
 
@@ -45,39 +25,8 @@ void NQIdentityServer::registerVpnForLabelID(const QString &labelID, const QStri
     options.cachePolicy = BackendRequest::CachePolicy::ReloadIgnoringLocalCacheData;
     const QString failureLine = options.log.failure;
     BackendRequest::send(std::move(options), [completion, failureLine](const BackendRequest::Result &result) {
-        if (result.error) {
-            completion({}, result.error);
-            return;
-        }
-        if (!result.json.isObject()) {
-            const NQError error =
-                BackendRequest::identityError(kResponseUnknownCode, QStringLiteral("Response unknown"));
-            NQLog::line(QStringLiteral("Request: registerVpn FAILED with error: '%1'.").arg(error.debugDescription()));
-            completion({}, error);
-            return;
-        }
-        const QJsonObject object = result.json.object();
-        // JSON null counts as absent; each absent key is logged and reading goes on.
-        const auto present = [&](const QString &name) {
-            const QJsonValue value = object.value(name);
-            if (!value.isUndefined() && !value.isNull())
-                return true;
-            NQLog::line(failureLine.arg(ErrorIdentity::errorForMissingKey(name).debugDescription()));
-            return false;
-        };
-        const auto text = [&](const QString &name) {
-            if (!present(name))
-                return QString();
-            const QJsonValue value = object.value(name);
-            return value.isString() ? value.toString() : value.toVariant().toString();
-        };
-        RegisterVpnResponse response;
-        if (present(QStringLiteral("success")))
-            response.success = integerValue(object.value(QStringLiteral("success"))) != 0;
-        response.message = text(QStringLiteral("message"));
-        response.username = text(QStringLiteral("username"));
-        response.password = text(QStringLiteral("password"));
-        completion(response, std::nullopt);
+        const BackendAnswers::RegisterVpn answer = BackendAnswers::registerVpn(result, failureLine);
+        completion(answer.response, answer.error);
     });
 }
 

@@ -7,6 +7,7 @@
 #include <plist/plist.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <limits>
 #include <memory>
 
@@ -59,9 +60,12 @@ QVariant toVariant(plist_t node, int depth)
         return list;
     }
     case PLIST_STRING: {
-        char *text = nullptr;
-        plist_get_string_val(node, &text);
-        return takeString(text);
+        // A string holding a NUL byte ends there. The copying getter asserts on such a string
+        // (ending the program), and the length the library keeps can run past what it copied,
+        // so the text is read in place only up to its terminator.
+        uint64_t length = 0;
+        const char *text = plist_get_string_ptr(node, &length);
+        return text ? QString::fromUtf8(text, static_cast<qsizetype>(strnlen(text, length))) : QString();
     }
     case PLIST_BOOLEAN: {
         uint8_t value = 0;

@@ -4,27 +4,12 @@
 #include "backend/BackendRequest.h"
 #include "foundation/AppConfig.h"
 #include "foundation/AppStorageManager.h"
-#include "foundation/ErrorIdentity.h"
-
-#include <QJsonArray>
-#include <QJsonObject>
+#include "foundation/NQConfig.h"
+#include "vpn/VpnAnswers.h"
 
 namespace {
 // This desktop client's device type in the backend's numbering.
 constexpr int kDeviceType = 2;
-// The profile and server-list requests wait this long, like every backend request.
-constexpr double kRequestTimeoutSeconds = 60;
-
-NQError deserializeError(const QString &requestName, const BackendRequest::Result &result)
-{
-    QVariantMap info{{QLatin1String(NQError::kLocalizedDescriptionKey),
-                      QStringLiteral("Deserialize response body failed for request '%1'.").arg(requestName)}};
-    // JSON of the wrong shape has no parser error to pass on.
-    if (!result.parsed)
-        info.insert(QStringLiteral("NSUnderlyingError"),
-                    QVariant::fromValue(BackendRequest::jsonParseError(result.parseError)));
-    return NQError(QLatin1String(NQVPNManager::kErrorDomain), NQVPNManager::kDeserializeErrorCode, info);
-}
 
 BackendRequest::Options getSpec(const QString &url, BackendRequest::LogLines log)
 {
@@ -33,7 +18,8 @@ BackendRequest::Options getSpec(const QString &url, BackendRequest::LogLines log
     options.url = url;
     options.method = "GET";
     options.cachePolicy = BackendRequest::CachePolicy::UseProtocolCachePolicy;
-    options.timeoutSeconds = kRequestTimeoutSeconds;
+    // The configured time-out of every backend request (60 s; shorter where tests ask for it).
+    options.timeoutSeconds = NQConfig::shared().appHttpDefaultTimeout;
     return options;
 }
 } // namespace
@@ -57,16 +43,7 @@ void NQVPNManager::getCountries(CountriesCompletion completion)
     BackendRequest::send(getSpec(requestUrl(QStringLiteral("serverlist"), {}), silent),
                          [this, alive = std::weak_ptr<char>(m_alive),
                           completion = std::move(completion)](const BackendRequest::Result &result) {
-                             QList<NQVPNCountry> countries;
-                             NQErrorOpt error;
-                             if (result.transportFailed)
-                                 error = result.error;
-                             else if (result.parsed && result.json.isArray())
-                                 for (const QJsonValue &element : result.json.array())
-                                     countries.append(
-                                         NQVPNCountry::initWithDictionary(element.toObject().toVariantMap()));
-                             else
-                                 error = deserializeError(QStringLiteral("getCountries"), result);
+                             auto [countries, error] = VpnAnswers::countries(result);
                              // Replaced even on failure: an earlier good list does not outlive a failed refresh.
                              if (!alive.expired()) {
                                  m_availableCountries = countries;
@@ -87,26 +64,7 @@ void NQVPNManager::getCountryVPNConfig(qint64 countryId, ConfigCompletion comple
     log.deserializeError = QStringLiteral("Deserialize response body failed for request 'getCountryVPNConfig'.");
     const QString url = requestUrl(QStringLiteral("serverovpn"), QStringLiteral("/%1").arg(countryId));
     BackendRequest::send(getSpec(url, log), [completion = std::move(completion)](const BackendRequest::Result &result) {
-        if (result.transportFailed) {
-            completion({}, {}, result.error);
-            return;
-        }
-        if (!result.parsed || !result.json.isObject()) {
-            completion({}, {}, deserializeError(QStringLiteral("getCountryVPNConfig"), result));
-            return;
-        }
-        const QJsonObject body = result.json.object();
-        QString values[2];
-        NQErrorOpt error;
-        const QString keys[] = {QStringLiteral("ovpn"), QStringLiteral("serverAddress"), QStringLiteral("serverPort")};
-        for (int i = 0; i < 3; ++i) {
-            const QJsonValue value = body.value(keys[i]);
-            // A later missing key replaces the error of an earlier one.
-            if (value.isUndefined() || value.isNull())
-                error = ErrorIdentity::errorForMissingKey(keys[i]);
-            else if (i < 2)
-                values[i] = value.isString() ? value.toString() : value.toVariant().toString();
-        }
-        completion(values[0], values[1], error);
+        const VpnAnswers::CountryVPNConfig answer = VpnAnswers::countryVPNConfig(result);
+        completion(answer.ovpn, answer.serverAddress, answer.error);
     });
 }

@@ -323,6 +323,10 @@ private slots:
         QTest::newRow("local") << "2024-03-01T23:20:30" << QDateTime(QDate(2024, 3, 1), QTime(23, 20, 30));
         QTest::newRow("garbage") << "01.03.2024" << QDateTime();
         QTest::newRow("bad month") << "2024-13-01T10:20:30Z" << QDateTime();
+        QTest::newRow("offset past 14 hours") << "2024-03-01T10:20:30+42:00" << QDateTime();
+        QTest::newRow("offset minutes past 59") << "2024-03-01T10:20:30-0175" << QDateTime();
+        QTest::newRow("widest offset") << "2024-03-01T10:20:30-14:00"
+                                       << QDateTime(QDate(2024, 3, 2), QTime(0, 20, 30), QTimeZone::utc());
     }
     void tesselDates()
     {

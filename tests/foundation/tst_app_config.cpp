@@ -185,6 +185,14 @@ private slots:
         QCOMPARE(PropertyList::dictionaryFromData(binaryPlist(body)), expected);
     }
 
+    void stringWithNulByteEndsThere()
+    {
+        // libplist's copying string getter asserts on these, which would end the program.
+        const QByteArray body = QByteArray("<dict><key>text</key><string>a") + '\0' + "b</string></dict>";
+        QCOMPARE(PropertyList::dictionaryFromData(xmlPlist(body)).value_or(QVariantMap()),
+                 (QVariantMap{{"text", QStringLiteral("a")}}));
+    }
+
     void oversizedFileIsRefusedUnread()
     {
         QByteArray padded = xmlPlist("<dict><key>Host URL</key><string>http://big.example</string></dict>");
