@@ -70,6 +70,13 @@ void BrowserExtensionApi::startServer()
                         .arg(port)
                         .arg(QCoreApplication::applicationFilePath()));
     }
+    if (!m_server && error && error->domain() == QLatin1String(NQError::kPosixDomain) && error->code() == EADDRINUSE) {
+        NQLog::line(QStringLiteral("|BrowserExtension| cannot listen on port %1: another program is using it, so the "
+                                   "browser extension cannot connect. Stop that program, or choose another port "
+                                   "with %2 or the \"%3\" setting.")
+                        .arg(port)
+                        .arg(QLatin1String(kPortEnvironmentVariable), QLatin1String(kPortSettingKey)));
+    }
 }
 
 void BrowserExtensionApi::send(const QString &text)

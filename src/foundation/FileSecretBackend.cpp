@@ -77,7 +77,13 @@ SecretBackend::Result FileSecretBackend::save(const QJsonObject &items)
     QJsonObject root;
     root.insert(kVersionKey, 1);
     root.insert(kItemsKey, items);
-    file.write(QJsonDocument(root).toJson(QJsonDocument::Compact));
+    const QByteArray data = QJsonDocument(root).toJson(QJsonDocument::Compact);
+    // flush() reports a full disk; commit() alone would replace the secrets with an empty file.
+    if (file.write(data) != data.size() || !file.flush()) {
+        const QString why = file.errorString();
+        file.cancelWriting();
+        return failure(InternalComponent, QStringLiteral("Cannot write the secrets file %1: %2").arg(m_path, why));
+    }
     if (!file.commit())
         return failure(InternalComponent,
                        QStringLiteral("Cannot write the secrets file %1: %2").arg(m_path, file.errorString()));

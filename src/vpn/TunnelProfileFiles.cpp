@@ -20,7 +20,9 @@ bool writeAtomically(const QString &path, const QByteArray &data, QString *why)
         return false;
     }
     file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    if (file.write(data) != data.size()) {
+    // flush() reports a full disk; commit() alone would keep an empty file (its own flush
+    // error is dropped).
+    if (file.write(data) != data.size() || !file.flush()) {
         *why = file.errorString();
         file.cancelWriting();
         return false;
@@ -93,7 +95,8 @@ QString TunnelProfileFiles::writeCredentialsToTemporaryFileWithUsername(const QS
     QString path;
     // A file holding "(null)" would only surface later as a puzzling authentication failure.
     if (username.isNull() || password.isNull())
-        why = QStringLiteral("no VPN user name and password have been stored for this device yet");
+        why = QStringLiteral("no VPN user name and password could be read: none is stored for this device yet, "
+                             "or the keychain cannot be reached");
     else
         path = entryPath(m_temporaryDirectory(), QLatin1String(kCredentialsFileName), &why);
     const QString content = username + QLatin1Char('\n') + password;
@@ -124,8 +127,10 @@ QString TunnelProfileFiles::prepare(const QString &config, const QString &countr
         NQLog::line(QStringLiteral("|NQVPNManager| Failed to create temporary credentials file."));
         return {};
     }
-    QString ignored;
-    writeAtomically(profilePath, rewriteAuthUserPass(config, credentialsPath).toUtf8(), &ignored);
+    // The start goes on either way; the line says why the client will then ask for a password.
+    QString why;
+    if (!writeAtomically(profilePath, rewriteAuthUserPass(config, credentialsPath).toUtf8(), &why))
+        NQLog::line(QStringLiteral("|NQVPNManager| Failed to write temporary OpenVPN config file: %1").arg(why));
     return profilePath;
 }
 

@@ -1,0 +1,264 @@
+// Faults on this machine: sudo refusing, the tunnel client killed mid-session, a temporary
+// folder that is read-only or full, a keychain that is locked or gone, and the extension port
+// taken. Each leaves a log line that names the cause, and the user's settings and credentials
+// read back as they were.
+#include "extension/BrowserExtensionApi.h"
+#include "foundation/FileSecretBackend.h"
+#include "support/LogCapture.h"
+#include "vpn/support/VpnTestEnvironment.h"
+
+#include <QProcess>
+#include <QTcpServer>
+#include <QtTest>
+
+#include <csignal>
+#include <mutex>
+
+namespace {
+constexpr int kWaitMs = 15000;
+
+const QByteArray kPassingSudo = "#!/bin/sh\nexec \"$@\"\n";
+const QByteArray kRefusingSudo = "#!/bin/sh\necho 'sudo: a password is required' >&2\nexit 1\n";
+// Reports a tunnel and stays until killed; its pid is left next to it.
+const QByteArray kConnectingClient = "#!/bin/sh\necho $$ > \"$(dirname \"$0\")/pid\"\n"
+                                     "printf 'ovpncli: state CONNECTED\\n'\nwhile :; do sleep 1; done\n";
+
+// A keychain that can be locked or taken away while the program runs.
+class FlakySecrets : public SecretBackend {
+public:
+    explicit FlakySecrets(const QString &path) : m_file(path) {}
+    std::optional<int> failure;
+    Result find(const QString &s, const QString &a) override { return failure ? fail() : m_file.find(s, a); }
+    Result update(const QString &s, const QString &a, const QByteArray &d) override
+    {
+        return failure ? fail() : m_file.update(s, a, d);
+    }
+    Result add(const QString &s, const QString &a, const QByteArray &d) override
+    {
+        return failure ? fail() : m_file.add(s, a, d);
+    }
+    Result remove(const QString &s, const QString &a) override { return failure ? fail() : m_file.remove(s, a); }
+    QString name() const override { return QStringLiteral("flaky"); }
+
+private:
+    Result fail() const { return {*failure, {}, QStringLiteral("The keyring cannot be reached.")}; }
+    FileSecretBackend m_file;
+};
+
+QStringList matching(const QStringList &lines, const QString &prefix)
+{
+    QStringList found;
+    for (const QString &line : lines)
+        if (line.startsWith(prefix))
+            found << line;
+    return found;
+}
+} // namespace
+
+class TestFaultLocal : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir m_dir;
+    QString m_mount;
+    std::shared_ptr<FlakySecrets> m_secrets;
+    std::unique_ptr<VpnTestEnvironment> m_env;
+    std::mutex m_mutex;
+    QList<int> m_states;
+
+    QList<int> reported()
+    {
+        std::lock_guard lock(m_mutex);
+        return m_states;
+    }
+    // A fresh world whose temporary folder is `tmp` (empty: the default) and whose user has an
+    // account, a language and a stored state.
+    void makeWorld(const QString &tmp = {})
+    {
+        m_secrets = std::make_shared<FlakySecrets>(m_dir.filePath(QStringLiteral("secrets.json")));
+        SecretBackend::setSystemDefaultForTesting(m_secrets);
+        m_env = std::make_unique<VpnTestEnvironment>(QStringLiteral("http://127.0.0.1:9"),
+                                                     VpnTestEnvironment::Places{{}, {}, tmp});
+        m_env->storage().storeVPNCredentials(QStringLiteral("kept-user"), QStringLiteral("kept-pass"));
+        m_env->storage().storeAppLanguageCode(QStringLiteral("de"));
+        m_env->storage().storeVPNStatus(1);
+        m_env->manager().setOnConnectionStateChange([this](int state) {
+            std::lock_guard lock(m_mutex);
+            m_states << state;
+        });
+    }
+    void expectNothingLost()
+    {
+        m_secrets->failure.reset();
+        QCOMPARE(m_env->storage().getVpnCredentials().username, QStringLiteral("kept-user"));
+        QCOMPARE(m_env->storage().getVpnCredentials().password, QStringLiteral("kept-pass"));
+        QCOMPARE(m_env->storage().appLanguageCode(), QStringLiteral("de"));
+    }
+    // A small tmpfs at m_mount with `fill` bytes taken, its "tmp" folder as the temporary folder.
+    bool mountTemporaryFolder(const QString &options, int fill, bool readOnly)
+    {
+        m_mount = m_dir.filePath(QStringLiteral("mnt"));
+        QDir().mkpath(m_mount);
+        if (QProcess::execute(QStringLiteral("mount"), {"-t", "tmpfs", "-o", options, "tmpfs", m_mount}) != 0) {
+            m_mount.clear();
+            return false;
+        }
+        QDir(m_mount).mkpath(QStringLiteral("tmp"));
+        QFile::setPermissions(m_mount + QStringLiteral("/tmp"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        QFile filler(m_mount + QStringLiteral("/fill"));
+        if (filler.open(QIODevice::WriteOnly))
+            filler.write(QByteArray(fill, 'f'));
+        filler.close();
+        return !readOnly || QProcess::execute(QStringLiteral("mount"), {"-o", "remount,ro", m_mount}) == 0;
+    }
+
+private slots:
+    void init() { m_states.clear(); }
+    void cleanup()
+    {
+        if (m_env && QFile::exists(m_env->root() + QStringLiteral("/helpers/pid")))
+            QProcess::execute(QStringLiteral("pkill"), {"-KILL", "-F", m_env->root() + QStringLiteral("/helpers/pid")});
+        m_env.reset();
+        SecretBackend::setSystemDefaultForTesting(nullptr);
+        if (!m_mount.isEmpty())
+            QProcess::execute(QStringLiteral("umount"), {m_mount});
+        m_mount.clear();
+    }
+
+    void tunnelFaults_data()
+    {
+        QTest::addColumn<QByteArray>("sudo");
+        QTest::addColumn<QString>("mount"); // tmpfs options; empty: no mount
+        QTest::addColumn<int>("fill");
+        QTest::addColumn<bool>("readOnly");
+        QTest::addColumn<bool>("kill");
+        QTest::addColumn<QList<int>>("states");
+        QTest::addColumn<QStringList>("logs"); // prefixes of expected log lines
+        const QString writeFailed = "|NQVPNManager| Failed to write temporary OpenVPN config file: ";
+        QTest::newRow("sudo refuses") << kRefusingSudo << QString() << 0 << false << false << QList<int>{2}
+                                      << QStringList{"|NQVPNManager| OpenVPN process terminated with exit code: 1"};
+        QTest::newRow("client killed") << kPassingSudo << QString() << 0 << false << true << QList<int>{2, 3}
+                                       << QStringList{"|NQVPNManager| OpenVPN process terminated with exit code: 9"};
+        QTest::newRow("tmp read-only") << kPassingSudo << "size=64k" << 0 << true << false << QList<int>{}
+                                       << QStringList{writeFailed + "Read-only file system",
+                                                      "|NQVPNManager| Failed to create temporary configuration file."};
+        QTest::newRow("tmp full") << kPassingSudo << "size=8k" << 8192 << false << false << QList<int>{}
+                                  << QStringList{writeFailed + "No space left on device",
+                                                 "|NQVPNManager| Failed to create temporary configuration file."};
+        // Room for the profile and the credentials but not for the rewritten profile.
+        QTest::newRow("tmp full at the rewrite") << kPassingSudo << "size=8k" << 0 << false << false << QList<int>{2, 3}
+                                                 << QStringList{writeFailed + "No space left on device"};
+    }
+    void tunnelFaults()
+    {
+        QFETCH(QByteArray, sudo);
+        QFETCH(QString, mount);
+        QFETCH(int, fill);
+        QFETCH(bool, readOnly);
+        QFETCH(bool, kill);
+        QFETCH(QList<int>, states);
+        QFETCH(QStringList, logs);
+        if (!mount.isEmpty() && !mountTemporaryFolder(mount, fill, readOnly))
+            QSKIP("a small tmpfs cannot be mounted here (needs root and mount rights)");
+        makeWorld(mount.isEmpty() ? QString() : m_mount + QStringLiteral("/tmp"));
+        m_env->writeFile(QStringLiteral("sudo"), sudo, true);
+        m_env->writeFile(QStringLiteral("helpers/ovpncli"), kConnectingClient, true);
+        LogCapture log;
+        m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client\nauth-user-pass\n"),
+                                                             QStringLiteral("DE"));
+        QTRY_COMPARE_WITH_TIMEOUT(reported(), states, kWaitMs);
+        if (kill) {
+            QFile pidFile(m_env->root() + QStringLiteral("/helpers/pid"));
+            QVERIFY(pidFile.open(QIODevice::ReadOnly));
+            QCOMPARE(::kill(static_cast<pid_t>(pidFile.readAll().trimmed().toLongLong()), SIGKILL), 0);
+        }
+        for (const QString &prefix : logs)
+            QTRY_VERIFY2_WITH_TIMEOUT(!matching(log.lines(), prefix).isEmpty(), qPrintable(prefix), kWaitMs);
+        if (sudo == kRefusingSudo) // sudo's own words reach the log
+            QVERIFY(!log.lines().filter(QStringLiteral("sudo: a password is required")).isEmpty());
+        // The state follows the last output (or stays as it was when nothing started).
+        QCOMPARE(m_env->storage().getVPNStatus(), states.isEmpty() ? 1 : states.last());
+        expectNothingLost();
+    }
+
+    void keychainLockedOrGone_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::newRow("locked") << int(SecretBackend::InteractionNotAllowed);
+        QTest::newRow("gone") << int(SecretBackend::NotAvailable);
+    }
+    void keychainLockedOrGone()
+    {
+        QFETCH(int, status);
+        makeWorld();
+        m_env->writeFile(QStringLiteral("sudo"), kPassingSudo, true);
+        m_env->writeFile(QStringLiteral("helpers/ovpncli"), kConnectingClient, true);
+        m_secrets->failure = status;
+        LogCapture log;
+        // A new account cannot be stored, and a tunnel cannot be started without one.
+        m_env->storage().storeVPNCredentials(QStringLiteral("new-user"), QStringLiteral("new-pass"));
+        m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
+        const QString error = QStringLiteral("OSStatus error: [%1] The keyring cannot be reached.").arg(status);
+        QCOMPARE(log.count(error), 4); // two writes, two reads
+        QCOMPARE(matching(log.lines(), "|NQVPNManager| Failed to write temporary credentials file: ").size(), 1);
+        QCOMPARE(log.lines().last(), QStringLiteral("|NQVPNManager| Failed to create temporary credentials file."));
+        QVERIFY(reported().isEmpty());
+        QCOMPARE(m_env->storage().getVPNStatus(), 1);
+        expectNothingLost();
+    }
+
+    // The settings and secrets files on a disk that fills up: a write fails with a line, and
+    // what was stored before is still there after a restart.
+    void storesOnAFullDisk()
+    {
+        if (!mountTemporaryFolder(QStringLiteral("size=16k"), 0, false))
+            QSKIP("a small tmpfs cannot be mounted here (needs root and mount rights)");
+        const QString settings = m_mount + QStringLiteral("/settings.conf");
+        const QString secrets = m_mount + QStringLiteral("/secrets.json");
+        const auto open = [&] {
+            return std::make_unique<AppStorageManager>(
+                settings, KeychainStore(QStringLiteral("svc"), std::make_shared<FileSecretBackend>(secrets)));
+        };
+        open()->storeVPNCredentials(QStringLiteral("kept-user"), QStringLiteral("kept-pass"));
+        open()->storeAppLanguageCode(QStringLiteral("de"));
+        QFile filler(m_mount + QStringLiteral("/fill"));
+        QVERIFY(filler.open(QIODevice::Append));
+        while (filler.write(QByteArray(512, 'f')) > 0 && filler.flush()) {
+        }
+        filler.close();
+        LogCapture log;
+        auto store = open();
+        store->storeVPNCredentials(QStringLiteral("new-user"), QStringLiteral("new-pass"));
+        store->storeAppLanguageCode(QStringLiteral("fr"));
+        QCOMPARE(matching(log.lines(), "OSStatus error: [-26276] Cannot write the secrets file ").size(), 2);
+        QCOMPARE(matching(log.lines(), "|AppStorageManager| Cannot write the settings file ").size(), 1);
+        auto restarted = open();
+        QCOMPARE(restarted->getVpnCredentials().username, QStringLiteral("kept-user"));
+        QCOMPARE(restarted->getVpnCredentials().password, QStringLiteral("kept-pass"));
+        // (This process's settings cache keeps "fr" until quit; the file has the old value.)
+        QFile file(settings);
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        QVERIFY(file.readAll().contains("LanguageCode=de"));
+    }
+
+    void extensionPortTaken()
+    {
+        makeWorld();
+        QTcpServer holder;
+        QVERIFY(holder.listen(QHostAddress::Any, 0));
+        qputenv(BrowserExtensionApi::kPortEnvironmentVariable, QByteArray::number(holder.serverPort()));
+        LogCapture log;
+        BrowserExtensionApi api(&m_env->storage());
+        api.startServer();
+        qunsetenv(BrowserExtensionApi::kPortEnvironmentVariable);
+        QVERIFY(!api.browserExtWebsocket());
+        const QStringList taken = matching(
+            log.lines(), QStringLiteral("|BrowserExtension| cannot listen on port %1: ").arg(holder.serverPort()));
+        QCOMPARE(taken.size(), 1);
+        QVERIFY2(taken.first().contains("another program"), qPrintable(taken.first()));
+        api.sendScrambleNow(); // the bridge goes on without a server
+        expectNothingLost();
+    }
+};
+
+QTEST_GUILESS_MAIN(TestFaultLocal)
+#include "tst_fault_local.moc"
