@@ -30,3 +30,18 @@ bool Platform::addLoginItemNamed(const QString &applicationPath, const QString &
 {
     return addLoginItem(applicationPath);
 }
+
+QList<Platform::LoginItem> Platform::loginItems()
+{
+    QList<LoginItem> items;
+    for (const QString &name : loginItemNames())
+        items.append({name, QString()});
+    return items;
+}
+
+bool Platform::showNotification(const QString &, const QString &, quint32 *, QString *error)
+{
+    if (error)
+        *error = QStringLiteral("desktop notifications are not available on this platform");
+    return false;
+}

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QList>
 #include <QString>
 #include <QStringList>
 
@@ -16,6 +17,11 @@ public:
     struct ConsoleUser {
         QString name; // login name of the user at the graphical console
         QString home; // that user's home folder
+    };
+
+    struct LoginItem {
+        QString name; // display name
+        QString path; // the program it starts
     };
 
     virtual ~Platform() = default;
@@ -59,6 +65,12 @@ public:
     // Adds a login item shown as `name` that starts `applicationPath`; where the platform
     // derives the name from the path, the same as addLoginItem.
     virtual bool addLoginItemNamed(const QString &applicationPath, const QString &name);
+    // The visible login items with the program each starts (paths empty where unknown).
+    virtual QList<LoginItem> loginItems();
+
+    // A desktop notification. False, with the reason in `error`, when no notification
+    // service took it; on success `id` is the service's identifier for it.
+    virtual bool showNotification(const QString &title, const QString &body, quint32 *id, QString *error);
 
     // Program and arguments that install a downloaded update package with administrator
     // rights; the exit status tells success.

@@ -1,12 +1,39 @@
 #include "ShellFakes.h"
+#include "shell/LoginItemsListController.h"
 #include "shell/NQAppKit.h"
+#include "shell/NQSystemNotification.h"
 #include "shell/NQTask.h"
 #include "support/LogCapture.h"
 
+#include <QDBusAbstractAdaptor>
+#include <QDBusConnection>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QProcess>
+#include <QScopeGuard>
+#include <QSignalSpy>
+#include <QStandardPaths>
 #include <QTest>
+#include <QThread>
+
+// A stand-in notification service on a private session bus, answering from its own thread so
+// the product's blocking call can be served.
+class NotificationsService : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
+
+public:
+    QStringList received;
+
+public slots:
+    uint Notify(const QString &app, uint, const QString &, const QString &summary, const QString &body,
+                const QStringList &, const QVariantMap &, int)
+    {
+        received << app + QLatin1Char('|') + summary + QLatin1Char('|') + body;
+        return 42;
+    }
+};
 
 class TestNQTask : public QObject {
     Q_OBJECT
@@ -83,6 +110,91 @@ private slots:
         QVERIFY(std::ranges::any_of(log.osTexts(), [](const QString &t) {
             return t.endsWith(QStringLiteral("result: 'FAILED to add login item'."));
         }));
+    }
+
+    void listControllerFindsItemsByTheProgramTheyStart()
+    {
+        ShellSandbox sandbox;
+        const QString program = sandbox.dir.filePath(QStringLiteral("pelorin"));
+        const QString link = sandbox.dir.filePath(QStringLiteral("link"));
+        QVERIFY(QFile(program).open(QIODevice::WriteOnly));
+        QVERIFY(QFile::link(program, link));
+        Platform::instance().addLoginItemNamed(QStringLiteral("/usr/bin/pelorin"), QStringLiteral("Look-alike"));
+
+        LoginItemsListController controller;
+        QVERIFY(!controller.willLaunchAtLogin(program)); // same name, other program
+        LogCapture log;
+        controller.setLaunchAtLogin(true, link);
+        QVERIFY(controller.willLaunchAtLogin(program)); // links resolved on both sides
+        QVERIFY(log.lines().contains(
+            QStringLiteral("-[LoginItemsListController setLaunchAtLogin:forURL:]: 1 for itemUrl: '%1'.").arg(link)));
+        controller.setLaunchAtLogin(true, program); // already there: no second entry
+        QCOMPARE(Platform::instance().loginItems().size(), 2);
+
+        controller.setLaunchAtLogin(false, program);
+        QVERIFY(!controller.willLaunchAtLogin(link));
+        QCOMPARE(NQTask::getLoginItems(), QStringLiteral("Look-alike"));
+
+        QSignalSpy changed(&controller, &LoginItemsListController::launchAtLoginChanged);
+        controller.setLaunchAtLogin(true);
+        QVERIFY(controller.launchAtLogin());
+        QCOMPARE(changed.size(), 1);
+    }
+
+    void notificationTextAndDelivery()
+    {
+        QCOMPARE(NQSystemNotification::scriptText(QStringLiteral("m"), QString(), QString()),
+                 QStringLiteral("display notification \"m\""));
+        QCOMPARE(NQSystemNotification::scriptText(QStringLiteral("m"), QStringLiteral("t"), QStringLiteral("s")),
+                 QStringLiteral("display notification \"m\" with title \"t\" subtitle \"s\""));
+
+        ShellSandbox sandbox;
+        const QString daemon = QStandardPaths::findExecutable(QStringLiteral("dbus-daemon"));
+        if (daemon.isEmpty())
+            QSKIP("dbus-daemon is not installed");
+        QProcess bus;
+        bus.start(daemon,
+                  {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1")});
+        QVERIFY(bus.waitForReadyRead(10000));
+        const QString address = QString::fromUtf8(bus.readLine().trimmed());
+        qputenv("DBUS_SESSION_BUS_ADDRESS", address.toUtf8());
+        const auto stopBus = qScopeGuard([&bus] {
+            bus.kill();
+            bus.waitForFinished();
+        });
+
+        // A session without a notification service: a clear failure, not a hang.
+        QString failure;
+        NQSystemNotification::ShowSystemNotificationWithMessage(
+            QStringLiteral("m"), QStringLiteral("s"), {},
+            [&](bool shown, const QString &, const QString &error) { failure = shown ? QString() : error; });
+        QVERIFY2(failure.contains(QStringLiteral("org.freedesktop.Notifications")), qPrintable(failure));
+
+        QThread thread;
+        NotificationsService service;
+        service.moveToThread(&thread);
+        thread.start();
+        const auto stopThread = qScopeGuard([&thread] {
+            QDBusConnection::disconnectFromBus(QStringLiteral("svc"));
+            thread.quit();
+            thread.wait();
+        });
+        QDBusConnection connection = QDBusConnection::connectToBus(address, QStringLiteral("svc"));
+        QVERIFY(connection.registerObject(QStringLiteral("/org/freedesktop/Notifications"), &service,
+                                          QDBusConnection::ExportAllSlots));
+        QVERIFY(connection.registerService(QStringLiteral("org.freedesktop.Notifications")));
+
+        LogCapture log;
+        bool shown = false;
+        QString descriptor;
+        NQSystemNotification::ShowSystemNotificationWithMessage(
+            QStringLiteral("Connected"), QStringLiteral("Title"), QStringLiteral("Sweden"), {},
+            [&](bool ok, const QString &text, const QString &) { shown = ok, descriptor = text; });
+        QVERIFY(shown);
+        QCOMPARE(descriptor, QStringLiteral("notification 42"));
+        QCOMPARE(service.received, QStringList{QStringLiteral("PelorinVPN|Title|Sweden\nConnected")});
+        QVERIFY(log.lines().contains(QStringLiteral(
+            "|NQSystemNotification| display notification \"Connected\" with title \"Title\" subtitle \"Sweden\"")));
     }
 };
 

@@ -266,15 +266,8 @@ QString LinuxPlatform::autostartDirectory() const
 QStringList LinuxPlatform::loginItemNames()
 {
     QStringList names;
-    const QDir dir(autostartDirectory());
-    const QStringList entries = dir.entryList({QStringLiteral("*.desktop")}, QDir::Files, QDir::Name);
-    for (const QString &entry : entries) {
-        const QString path = dir.filePath(entry);
-        if (desktopEntryValue(path, QStringLiteral("Hidden")) == QLatin1String("true"))
-            continue;
-        QString name = desktopEntryValue(path, QStringLiteral("Name"));
-        names << (name.isEmpty() ? QFileInfo(entry).completeBaseName() : name);
-    }
+    for (const LoginItem &item : loginItems())
+        names << item.name;
     return names;
 }
 
@@ -333,6 +326,10 @@ QStringList LinuxPlatform::installerCommand(const QString &packagePath)
     const QString installer = pick(m_overrides.installer, "PELORIN_INSTALLER");
     if (!installer.isEmpty())
         return {installer, packagePath};
+    // The packaged program ships an installer that also starts the new version afterwards.
+    const QString shipped = helperPath(QStringLiteral("install-update"));
+    if (QFileInfo(shipped).isExecutable())
+        return {shipped, packagePath};
     const QStringList apt = {QStringLiteral("/usr/bin/apt-get"), QStringLiteral("install"), QStringLiteral("-y"),
                              QStringLiteral("--allow-downgrades"), packagePath};
     if (geteuid() == 0)

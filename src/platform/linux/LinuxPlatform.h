@@ -5,7 +5,8 @@
 #include <QHash>
 
 // Linux: XDG folders, a private runtime folder for the tunnel files, XDG autostart entries as
-// login items, and the Debian package installer.
+// login items, and the Debian package installer (the helpers folder's "install-update" when
+// it is there, else apt-get through pkexec).
 //
 // Every location can be replaced, first by the Overrides given to the constructor (tests),
 // then by an environment variable (the demo and packaged runs), then the default applies:
@@ -52,6 +53,9 @@ public:
     // The running program (an autostart entry must start something that exists).
     QString loginItemPath(const QString &appName) override;
     bool addLoginItemNamed(const QString &applicationPath, const QString &name) override;
+    QList<LoginItem> loginItems() override;
+    // Through the freedesktop notification service on the session bus.
+    bool showNotification(const QString &title, const QString &body, quint32 *id, QString *error) override;
 
     QStringList installerCommand(const QString &packagePath) override;
     QString updatePackageName() override;
