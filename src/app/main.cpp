@@ -1,8 +1,14 @@
-// pelorin-vpn: the application's entry point. The windowed interface comes with the screens;
-// until then, and whenever --headless is given or no display is available, the program runs
-// on the console with the same controller and engine.
+// pelorin-vpn: the application's entry point. With a display it runs the windowed interface;
+// with --headless (or a console mode: --list, --connect, --script, --help) or without a
+// display it runs on the console with the same controller and engine.
 #include "SignalWatcher.h"
 #include "shell/HeadlessRunner.h"
+
+#ifdef PELORIN_WITH_GUI
+#include "GuiApp.h"
+
+#include <QApplication>
+#endif
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -13,14 +19,39 @@
 #include <unistd.h>
 
 namespace {
-bool displayAvailable()
+[[maybe_unused]] bool displayAvailable()
 {
+    const QString platform = qEnvironmentVariable("QT_QPA_PLATFORM");
+    if (platform.startsWith(QLatin1String("offscreen")) || platform.startsWith(QLatin1String("minimal")))
+        return false;
     return !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
+}
+
+// Any console mode or help wins over the window; the controller's own switches do not.
+[[maybe_unused]] bool consoleRequested(int argc, char *argv[])
+{
+    for (int i = 1; i < argc; ++i) {
+        const QByteArray arg(argv[i]);
+        for (const char *option :
+             {"--headless", "--list", "--connect", "--script", "--on-connected", "--help", "-h", "--help-all", "-?"}) {
+            if (arg == option || arg.startsWith(QByteArray(option) + '='))
+                return true;
+        }
+    }
+    return false;
 }
 } // namespace
 
 int main(int argc, char *argv[])
 {
+#ifdef PELORIN_WITH_GUI
+    if (!consoleRequested(argc, argv) && displayAvailable()) {
+        QApplication app(argc, argv);
+        QCoreApplication::setApplicationName(QStringLiteral("PelorinVPN"));
+        return GuiApp::run(app);
+    }
+#endif
+
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("PelorinVPN"));
 
@@ -61,9 +92,6 @@ int main(int argc, char *argv[])
         options.mode = HeadlessRunner::Mode::Connect;
         options.target = parser.value(connect);
     }
-    if (!parser.isSet(headless) && displayAvailable())
-        out << "The windowed interface is not part of this build yet; running on the console." << Qt::endl;
-
     HeadlessRunner runner(options, out);
     SignalWatcher watcher;
     QObject::connect(&watcher, &SignalWatcher::terminationRequested, &app, [&runner, &out](int number) {

@@ -22,11 +22,24 @@ SplashWidget::SplashWidget(QWidget *parent) : QWidget(parent)
     m_timer.start();
 }
 
+void SplashWidget::setBusy(bool busy)
+{
+    if (busy == m_timer.isActive())
+        return;
+    if (busy)
+        m_timer.start();
+    else
+        m_timer.stop();
+    update();
+}
+
 void SplashWidget::paintEvent(QPaintEvent *)
 {
     QPainter painter(this);
     painter.setRenderHint(QPainter::Antialiasing);
     painter.drawPixmap(rect(), UiStyle::pixmap(QStringLiteral("splash"), size(), devicePixelRatioF()));
+    if (!m_timer.isActive())
+        return;
     const QRectF ring(width() / 2.0 - 13, 240, 26, 26);
     painter.setPen(QPen(UiStyle::kBorder, 3));
     painter.drawEllipse(ring);
