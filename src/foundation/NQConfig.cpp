@@ -17,6 +17,10 @@ NQConfig &mutableShared()
         const double fromEnvironment = qEnvironmentVariable("PELORIN_HTTP_TIMEOUT").toDouble(&ok);
         if (ok && fromEnvironment > 0)
             made.appHttpDefaultTimeout = fromEnvironment;
+        // A development backend on another address (the demo, benchmarks).
+        const QString backend = qEnvironmentVariable("PELORIN_BACKEND_URL");
+        if (!backend.isEmpty())
+            made.identityServiceHost = made.identityServiceAPI = backend;
         return made;
     }();
     return config;

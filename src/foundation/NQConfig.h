@@ -16,7 +16,8 @@ struct NQConfig {
     QString identityServiceAPI;
 
     // The process-wide record. The HTTP time-out is 60 seconds unless the environment
-    // variable PELORIN_HTTP_TIMEOUT (seconds) or setHttpTimeoutForTesting says otherwise.
+    // variable PELORIN_HTTP_TIMEOUT (seconds) or setHttpTimeoutForTesting says otherwise;
+    // PELORIN_BACKEND_URL replaces the built-in backend address (development backends).
     static const NQConfig &shared();
     // Lowers the time-out so that tests of unanswered requests do not wait a minute. Call it
     // before any request starts; it is not synchronised with readers.
