@@ -160,8 +160,20 @@ private slots:
     void installerUsesTheOverrideWithThePackagePath()
     {
         LinuxPlatform platform({.installer = "/opt/fake-installer"});
-        QCOMPARE(platform.installerCommand("/d/PelorinVPN.deb"), (QStringList{"/opt/fake-installer", "/d/PelorinVPN.deb"}));
+        QCOMPARE(platform.installerCommand("/d/PelorinVPN.deb"),
+                 (QStringList{"/opt/fake-installer", "/d/PelorinVPN.deb"}));
         QVERIFY(LinuxPlatform().installerCommand("/d/PelorinVPN.deb").contains("/d/PelorinVPN.deb"));
+
+        // A shipped installer is used only when it can be run.
+        QTemporaryDir helpers;
+        QFile shipped(helpers.path() + "/install-update");
+        QVERIFY(shipped.open(QIODevice::WriteOnly));
+        shipped.close();
+        LinuxPlatform packaged({.helpersDirectory = helpers.path()});
+        QVERIFY(packaged.installerCommand("/d/PelorinVPN.deb").first() != shipped.fileName());
+        shipped.setPermissions(QFile::ReadOwner | QFile::ExeOwner);
+        QCOMPARE(packaged.installerCommand("/d/PelorinVPN.deb"),
+                 (QStringList{shipped.fileName(), "/d/PelorinVPN.deb"}));
     }
 };
 
