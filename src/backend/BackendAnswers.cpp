@@ -6,6 +6,9 @@
 #include <QJsonObject>
 #include <QRegularExpression>
 
+#include <cmath>
+#include <limits>
+
 namespace {
 
 constexpr int kResponseUnknownCode = -21;
@@ -23,8 +26,15 @@ qint64 integerValue(const QJsonValue &value)
 {
     if (value.isBool())
         return value.toBool() ? 1 : 0;
-    if (value.isDouble())
-        return static_cast<qint64>(value.toDouble());
+    if (value.isDouble()) {
+        // Clamped first: converting an out-of-range real is undefined behaviour.
+        const double number = value.toDouble();
+        if (std::isnan(number))
+            return 0;
+        if (number >= 9.2e18 || number <= -9.2e18)
+            return number > 0 ? std::numeric_limits<qint64>::max() : std::numeric_limits<qint64>::min();
+        return static_cast<qint64>(number);
+    }
     if (value.isString()) {
         static const QRegularExpression leading(QStringLiteral("^\\s*([+-]?\\d+)"));
         const auto match = leading.match(value.toString());

@@ -40,7 +40,9 @@ std::optional<QCborValue> unwrapRoot(const QByteArray &data, NQErrorOpt *error)
         return fail(QStringLiteral("not an archive (format marker missing)"));
     const QCborValue version = envelope[kVersionKey];
     if (!version.isInteger() || version.toInteger() != kFormatVersion)
-        return fail(QStringLiteral("unsupported archive version %1").arg(version.toInteger()));
+        // Only an integer is shown: converting an out-of-range real is undefined behaviour.
+        return fail(QStringLiteral("unsupported archive version %1")
+                        .arg(version.isInteger() ? QString::number(version.toInteger()) : QStringLiteral("(none)")));
     const QCborValue root = envelope[kRootKey];
     if (root.isUndefined())
         return fail(QStringLiteral("archive has no root object"));

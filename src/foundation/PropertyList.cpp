@@ -115,9 +115,24 @@ std::optional<QVariantMap> dictionaryFromData(const QByteArray &bytes)
 {
     if (bytes.isEmpty() || bytes.size() > kMaxFileBytes)
         return std::nullopt;
+    const auto size = static_cast<uint32_t>(bytes.size());
     plist_t root = nullptr;
-    plist_from_memory(bytes.constData(), static_cast<uint32_t>(bytes.size()), &root);
-    const PlistPtr owner(root);
+    plist_from_memory(bytes.constData(), size, &root);
+    PlistPtr owner(root);
+    if (root && plist_is_binary(bytes.constData(), size)) {
+        // The binary reader can keep a key holding a NUL with a length its text does not
+        // have, and reading such a key asserts (ending the program); no call reads a key
+        // otherwise. The XML writer and reader make every key consistent, so binary lists are
+        // read through their XML form, which keeps dates to whole seconds.
+        char *xml = nullptr;
+        uint32_t xmlLength = 0;
+        plist_to_xml(root, &xml, &xmlLength);
+        root = nullptr;
+        if (xml)
+            plist_from_xml(xml, xmlLength, &root);
+        plist_to_xml_free(xml);
+        owner.reset(root);
+    }
     if (!root || plist_get_node_type(root) != PLIST_DICT)
         return std::nullopt;
     return toVariant(root, 0).toMap();

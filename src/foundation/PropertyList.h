@@ -8,7 +8,8 @@
 
 // Property lists (XML or binary) read into Qt values: dictionaries become QVariantMap, arrays
 // QVariantList, strings QString, integers qint64, reals double,
-// booleans bool, data QByteArray and dates QDateTime in UTC.
+// booleans bool, data QByteArray and dates QDateTime in UTC (whole seconds in the binary
+// format). A string holding a NUL byte ends there.
 namespace PropertyList {
 
 // Configuration files are a few kilobytes; anything past this is refused unread.

@@ -1,5 +1,6 @@
 #include "BackendFixture.h"
 #include "DevBackendProcess.h"
+#include "backend/BackendAnswers.h"
 #include "backend/NQIdentityServer.h"
 #include "foundation/AppConfig.h"
 #include "support/LogCapture.h"
@@ -257,6 +258,28 @@ private slots:
         QCOMPARE(log.lines().filter("Missing key ('").size(), 1);
         QCOMPARE(stored().username, o.username);
         QVERIFY(stored().password.isNull());
+    }
+
+    // The account reader alone; reals past the integer range must not be converted blindly
+    // (undefined behaviour, caught by the sanitizer builds).
+    void accountSuccessValues_data()
+    {
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<bool>("success");
+        QTest::newRow("huge real") << QByteArray(R"({"success":1e65})") << true;
+        QTest::newRow("huge negative real") << QByteArray(R"({"success":-1e300})") << true;
+        QTest::newRow("fraction") << QByteArray(R"({"success":0.5})") << false;
+        QTest::newRow("leading digits") << QByteArray(R"({"success":" 17x"})") << true;
+        QTest::newRow("word") << QByteArray(R"({"success":"yes"})") << false;
+    }
+    void accountSuccessValues()
+    {
+        QFETCH(QByteArray, body);
+        QFETCH(bool, success);
+        LogCapture log;
+        const auto answer = BackendAnswers::registerVpn(BackendRequest::resultForBody(body, "x"), "%1");
+        QVERIFY(!answer.error);
+        QCOMPARE(answer.response.success, success);
     }
 
     // Every failure row: the error reaches the caller and the stored pair stays.

@@ -191,6 +191,12 @@ private slots:
         const QByteArray body = QByteArray("<dict><key>text</key><string>a") + '\0' + "b</string></dict>";
         QCOMPARE(PropertyList::dictionaryFromData(xmlPlist(body)).value_or(QVariantMap()),
                  (QVariantMap{{"text", QStringLiteral("a")}}));
+        // A binary key of one UTF-16 NUL: the key getter would assert on it.
+        QByteArray binary = binaryPlist("<dict><key>ab</key><string>x</string></dict>");
+        const QByteArray asciiKey = QByteArray("\x52") + "ab"; // marker: ASCII text of two
+        QVERIFY(binary.contains(asciiKey));
+        binary.replace(asciiKey, QByteArray("\x61\0\0", 3)); // marker: UTF-16 text of one
+        QCOMPARE(PropertyList::dictionaryFromData(binary).value_or(QVariantMap()), (QVariantMap{{"", "x"}}));
     }
 
     void oversizedFileIsRefusedUnread()

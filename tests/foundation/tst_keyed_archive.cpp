@@ -213,6 +213,11 @@ private slots:
         QTest::newRow("cbor without marker") << QCborValue(QCborMap{{QStringLiteral("root"), 1}}).toCbor();
         QTest::newRow("wrong marker") << envelope(QCborValue(1), QStringLiteral("SomethingElse"));
         QTest::newRow("future version") << envelope(QCborValue(1), QString::fromLatin1(KeyedArchive::kFormatMarker), 2);
+        QTest::newRow("version is a huge real")
+            << QCborValue(QCborMap{{QStringLiteral("format"), QString::fromLatin1(KeyedArchive::kFormatMarker)},
+                                   {QStringLiteral("version"), 1e19},
+                                   {QStringLiteral("root"), 1}})
+                   .toCbor();
         QTest::newRow("root is no record") << envelope(QCborValue(QStringLiteral("LabelConfigModel")));
         QTest::newRow("record without values")
             << envelope(QCborValue(QCborTag(27), QCborArray{QStringLiteral("LabelConfigModel")}));
