@@ -7,7 +7,7 @@
 // the overhead of our stack. Needs root, /dev/net/tun and `ip netns`.
 #include "backend/NQIdentityServer.h"
 #include "foundation/Log.h"
-#include "support/TunnelLab.h"
+#include "tunnellab/TunnelLab.h"
 #include "vpn/TunnelProfileFiles.h"
 #include "vpn/support/VpnTestEnvironment.h"
 

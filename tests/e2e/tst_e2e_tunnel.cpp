@@ -3,7 +3,7 @@
 // credentials in another. Skipped, with the reason, where the machine does not allow it.
 #include "backend/NQIdentityServer.h"
 #include "support/LogCapture.h"
-#include "support/TunnelLab.h"
+#include "tunnellab/TunnelLab.h"
 #include "vpn/support/VpnTestEnvironment.h"
 
 #include <QElapsedTimer>

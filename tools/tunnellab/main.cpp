@@ -3,7 +3,7 @@
 //   pelorin-tunnel-lab BUILD_DIR          build it, print KEY=VALUE lines and READY, then keep it
 //                                         up until SIGTERM/SIGINT/SIGHUP or the parent's death
 // Everything (processes, namespaces, veth, work folder) goes away when it ends.
-#include "support/TunnelLab.h"
+#include "tunnellab/TunnelLab.h"
 
 #include <QCoreApplication>
 #include <QDir>
