@@ -2,16 +2,12 @@
 // with --headless (or a console mode: --list, --connect, --script, --help) or without a
 // display it runs on the console with the same controller and engine.
 #include "SignalWatcher.h"
+#include "platform/Platform.h"
 #include "shell/HeadlessRunner.h"
-
-#ifdef PELORIN_WITH_GUI
-#include "GuiApp.h"
-
-#include <QApplication>
-#endif
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QLibrary>
 #include <QSocketNotifier>
 #include <QTextStream>
 
@@ -19,7 +15,7 @@
 #include <unistd.h>
 
 namespace {
-[[maybe_unused]] bool displayAvailable()
+bool displayAvailable()
 {
     const QString platform = qEnvironmentVariable("QT_QPA_PLATFORM");
     if (platform.startsWith(QLatin1String("offscreen")) || platform.startsWith(QLatin1String("minimal")))
@@ -28,7 +24,7 @@ namespace {
 }
 
 // Any console mode or help wins over the window; the controller's own switches do not.
-[[maybe_unused]] bool consoleRequested(int argc, char *argv[])
+bool consoleRequested(int argc, char *argv[])
 {
     for (int i = 1; i < argc; ++i) {
         const QByteArray arg(argv[i]);
@@ -40,17 +36,28 @@ namespace {
     }
     return false;
 }
+
+using GuiMain = int (*)(int, char **);
+
+// The windowed interface's entry point, or null with the reason in `why`.
+GuiMain loadGui(QString *why)
+{
+    QLibrary module(Platform::instance().helperPath(QStringLiteral("pelorin-gui")));
+    auto entry = reinterpret_cast<GuiMain>(module.resolve("pelorin_gui_main"));
+    if (!entry)
+        *why = module.errorString();
+    return entry;
+}
 } // namespace
 
 int main(int argc, char *argv[])
 {
-#ifdef PELORIN_WITH_GUI
     if (!consoleRequested(argc, argv) && displayAvailable()) {
-        QApplication app(argc, argv);
-        QCoreApplication::setApplicationName(QStringLiteral("PelorinVPN"));
-        return GuiApp::run(app);
+        QString why;
+        if (const GuiMain gui = loadGui(&why))
+            return gui(argc, argv);
+        std::fprintf(stderr, "The window cannot be opened (%s); running on the console.\n", qPrintable(why));
     }
-#endif
 
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("PelorinVPN"));

@@ -156,8 +156,12 @@ QString LinuxPlatform::resourcesDirectory()
 QString LinuxPlatform::helperPath(const QString &name)
 {
     QString dir = pick(m_overrides.helpersDirectory, "PELORIN_HELPERS_DIR");
-    if (dir.isEmpty() && QCoreApplication::instance()) {
-        const QString installed = QCoreApplication::applicationDirPath() + QStringLiteral("/../lib/pelorin-vpn");
+    if (dir.isEmpty()) {
+        // Also asked before the application object exists (the window module is found first).
+        const QString programDir = QCoreApplication::instance()
+                                       ? QCoreApplication::applicationDirPath()
+                                       : QFileInfo(QStringLiteral("/proc/self/exe")).canonicalPath();
+        const QString installed = programDir + QStringLiteral("/../lib/pelorin-vpn");
         if (QFileInfo(installed).isDir())
             dir = QDir::cleanPath(installed);
     }
