@@ -62,8 +62,8 @@ void ManagerVpnEngine::setOnConnectionStateChange(StateCallback callback)
     // cannot overtake one still queued from the tunnel thread.
     m_manager.setOnConnectionStateChange([weak = std::weak_ptr<StateCallback>(m_callback)](int state) {
         MainQueue::async([weak, state] {
-            if (const auto callback = weak.lock())
-                (*callback)(state);
+            if (const auto target = weak.lock())
+                (*target)(state);
         });
     });
 }
