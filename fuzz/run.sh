@@ -114,14 +114,14 @@ for name in "${targets[@]}"; do
     status=1
     grep -E "ERROR: |fuzz check failed|runtime error|SUMMARY" "$log" | head -5 | sed 's/^/   /'
   fi
-  rows+=("$(printf '| %-20s | %12s | %8s | %6s | %7s | %7s | %5s | %8s | %4s | %s |' "$target" "${execs:-?}" \
+  rows+=("$(printf '| %-23s | %12s | %8s | %6s | %7s | %7s | %5s | %8s | %4s | %s |' "$target" "${execs:-?}" \
     "${speed:-?}" "${cov:-?}" "${ft:-?}" "$crashes" "$leaks" "$timeouts" "$ooms" "$verdict")")
 done
 
 echo
 echo "fuzzing for ${seconds}s per target"
-printf '| %-20s | %12s | %8s | %6s | %7s | %7s | %5s | %8s | %4s | %s |\n' target executions exec/s cov ft \
+printf '| %-23s | %12s | %8s | %6s | %7s | %7s | %5s | %8s | %4s | %s |\n' target executions exec/s cov ft \
   crashes leaks timeouts ooms result
-echo "|----------------------|--------------|----------|--------|---------|---------|-------|----------|------|--------|"
+echo "|-------------------------|--------------|----------|--------|---------|---------|-------|----------|------|--------|"
 printf '%s\n' "${rows[@]}"
 exit $status
