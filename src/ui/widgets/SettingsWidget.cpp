@@ -62,15 +62,15 @@ SettingsWidget::SettingsWidget(SettingsVC &settings, QWidget *parent) : QWidget(
     m_overlay->setAlignment(Qt::AlignCenter);
     m_overlay->setStyleSheet(QStringLiteral("background: rgba(15,27,45,190); color: #2dd4bf; font-size: 16pt;"));
 
-    auto bind = [this](const Row &row, void (SettingsVC::*action)(bool)) {
-        QObject::connect(row.toggle, &QAbstractButton::clicked, this, [this, action](bool on) { (m_vc.*action)(on); });
+    const auto bind = [this](const Row &row, auto action) {
+        QObject::connect(row.toggle, &QAbstractButton::clicked, this, action);
     };
-    bind(adBlock, &SettingsVC::clickAdBlocker);
-    bind(compression, &SettingsVC::clickCompression);
-    bind(autoconnect, &SettingsVC::clickAutoconnect);
-    bind(startup, &SettingsVC::clickRunStartup);
-    bind(exitClose, &SettingsVC::clickExitClose);
-    bind(autoupdate, &SettingsVC::clickAutoUpdate);
+    bind(adBlock, [this](bool on) { m_vc.clickAdBlocker(on); });
+    bind(compression, [this](bool on) { m_vc.clickCompression(on); });
+    bind(autoconnect, [this](bool on) { m_vc.clickAutoconnect(on); });
+    bind(startup, [this](bool on) { m_vc.clickRunStartup(on); });
+    bind(exitClose, [this](bool on) { m_vc.clickExitClose(on); });
+    bind(autoupdate, [this](bool on) { m_vc.clickAutoUpdate(on); });
     QObject::connect(close, &QPushButton::clicked, this, [this] { m_vc.clickClose(); });
     QObject::connect(m_language, &QPushButton::clicked, this, [this] { m_vc.clickLangauge(); });
     QObject::connect(m_apply, &QAbstractButton::clicked, this, [this] { m_vc.clickApply(); });
