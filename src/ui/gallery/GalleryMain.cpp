@@ -1,6 +1,8 @@
 // pelorin_ui_gallery --out DIR [--lang CODE]: draws the splash, the home screen in its
 // states, the server list tabs, the settings with the language list open, the About view,
-// the update panel and an alert into DIR/<lang>-<name>.png.
+// the update panel and an alert into DIR/<lang>-<name>.png. Every shown one-line text is
+// checked against the width of its control; a clipped one is reported and the exit status
+// is 1.
 #include "GalleryServices.h"
 
 #include "foundation/AppStorageManager.h"
@@ -19,9 +21,11 @@
 #include "ui/widgets/UiStyle.h"
 #include "vpn/VpnState.h"
 
+#include <QAbstractButton>
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QDir>
+#include <QLabel>
 #include <QMessageBox>
 #include <QTemporaryDir>
 
@@ -31,6 +35,31 @@ namespace {
 
 QString g_out;
 QString g_lang;
+int g_clipped = 0;
+// Room a text may lack before it counts as clipped (anti-aliasing, rounding).
+constexpr int kFitTolerancePx = 1;
+
+// Reports every visible one-line label or button text wider than the room its control has.
+void checkFit(const QWidget &root, const QString &screen)
+{
+    const auto report = [&](const QWidget &w, const QString &text, int room) {
+        const QString line = text.section(QLatin1Char('\n'), 0, 0);
+        const int needed = w.fontMetrics().horizontalAdvance(line);
+        if (line.isEmpty() || needed <= room + kFitTolerancePx)
+            return;
+        ++g_clipped;
+        std::fprintf(stderr, "clipped: %s %s %s '%s' needs %d px, has %d px\n", qPrintable(g_lang), qPrintable(screen),
+                     w.metaObject()->className(), qPrintable(line), needed, room);
+    };
+    for (const QLabel *label : root.findChildren<QLabel *>()) {
+        if (label->isVisibleTo(&root) && !label->wordWrap() && label->pixmap().isNull() && !label->text().contains('<'))
+            report(*label, label->text(), label->contentsRect().width() - 2 * label->margin() - label->indent());
+    }
+    for (const QAbstractButton *button : root.findChildren<QAbstractButton *>()) {
+        if (button->isVisibleTo(&root) && !button->text().isEmpty())
+            report(*button, button->text(), button->contentsRect().width());
+    }
+}
 
 void settle()
 {
@@ -41,6 +70,7 @@ void settle()
 void shoot(QWidget &widget, const QString &name)
 {
     settle();
+    checkFit(widget, name);
     const QString path = QStringLiteral("%1/%2-%3.png").arg(g_out, g_lang, name);
     if (!widget.grab().save(path))
         std::fprintf(stderr, "cannot write %s\n", qPrintable(path));
@@ -163,5 +193,5 @@ int main(int argc, char **argv)
     box->show();
     shoot(*box, QStringLiteral("alert"));
     delete box;
-    return 0;
+    return g_clipped == 0 ? 0 : 1;
 }

@@ -5,6 +5,12 @@
 #include <QMessageBox>
 #include <QPushButton>
 
+#include <algorithm>
+
+namespace {
+constexpr int kMinimumButtonWidth = 90;
+} // namespace
+
 QMessageBox *MessageBoxAlertPresenter::build(const AlertRequest &alert, QWidget *parent)
 {
     auto *box = new QMessageBox(parent);
@@ -17,7 +23,9 @@ QMessageBox *MessageBoxAlertPresenter::build(const AlertRequest &alert, QWidget 
     for (const AlertRequest::Button &button : alert.buttons) {
         QPushButton *added = box->addButton(button.title, QMessageBox::AcceptRole);
         added->setProperty("tag", QVariant::fromValue<qlonglong>(button.tag));
-        added->setMinimumWidth(90);
+        // The box does not widen a button for a long text by itself (Portuguese "Retry").
+        added->ensurePolished();
+        added->setMinimumWidth(std::max(kMinimumButtonWidth, added->sizeHint().width()));
     }
     if (!alert.buttons.isEmpty())
         box->setDefaultButton(qobject_cast<QPushButton *>(box->buttons().first()));
