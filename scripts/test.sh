@@ -1,27 +1,22 @@
 #!/usr/bin/env bash
-# Installs what is needed, builds from scratch and runs every test:
-#   asan     every target with warnings as errors, under AddressSanitizer and
+# Installs what is needed, builds from scratch and runs every test, in three stages:
+#   release  the plain optimised build (RelWithDebInfo), warnings as errors, every test;
+#   asan     every target with warnings as errors under AddressSanitizer and
 #            UndefinedBehaviorSanitizer (-O1), and every test;
 #   tsan     the threaded parts under ThreadSanitizer: socket layer and WebSocket server,
 #            HTTP completions, tunnel output handling (labels extension, backend, vpn).
 # Any sanitizer report fails the run (options and suppressions are set per test by CMake).
-# Two sanitizer builds rather than a plain one plus two keep CI on two cores well within
-# its time; the plain optimised build is the "release" stage.
 #
-#   scripts/test.sh                  asan, then tsan
-#   scripts/test.sh --quick          the plain optimised build and every test (no sanitizers)
-#   scripts/test.sh --full           release, asan and tsan
-#   STAGES="tsan" scripts/test.sh    any subset
+#   scripts/test.sh                  all three stages
+#   scripts/test.sh --quick          the release stage only
+#   STAGES="asan tsan" scripts/test.sh    any subset
 #   CTEST_ARGS="-R vpn" scripts/test.sh
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT=$(pwd)
 
-STAGES=${STAGES:-asan tsan}
-case "${1:-}" in
-  --quick) STAGES=release ;;
-  --full) STAGES="release asan tsan" ;;
-esac
+STAGES=${STAGES:-release asan tsan}
+[ "${1:-}" = --quick ] && STAGES=release
 JOBS=$(nproc)
 
 bash scripts/setup-deps.sh
