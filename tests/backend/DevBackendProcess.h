@@ -12,6 +12,9 @@
 #include <QTemporaryDir>
 #include <QTimer>
 
+#include <csignal>
+#include <sys/prctl.h>
+
 // A real pelorin-devbackend on a free loopback port, for component tests. Control calls
 // (faults, received requests) are made synchronously on a session of their own.
 class DevBackendProcess {
@@ -31,6 +34,8 @@ public:
             QStringList{QStringLiteral("--port"), QStringLiteral("0"), QStringLiteral("--data-dir"), m_dataDir} +
             extra);
         m_process.setProcessChannelMode(QProcess::SeparateChannels);
+        // A test that dies (a sanitizer stop, a crash) must not leave its backend running.
+        m_process.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
         m_process.start();
         if (!m_process.waitForStarted(5000))
             return false;
