@@ -40,20 +40,6 @@ QString nameOf(uid_t uid)
     return {};
 }
 
-QString desktopEntryValue(const QString &file, const QString &key)
-{
-    QFile f(file);
-    if (!f.open(QIODevice::ReadOnly | QIODevice::Text))
-        return {};
-    QTextStream in(&f);
-    const QString prefix = key + QLatin1Char('=');
-    while (!in.atEnd()) {
-        const QString line = in.readLine().trimmed();
-        if (line.startsWith(prefix))
-            return line.mid(prefix.size());
-    }
-    return {};
-}
 } // namespace
 
 LinuxPlatform::LinuxPlatform() : LinuxPlatform(Overrides()) {}
@@ -304,20 +290,6 @@ QString LinuxPlatform::loginItemPath(const QString &appName)
     if (QCoreApplication::instance())
         return QCoreApplication::applicationFilePath();
     return Platform::loginItemPath(appName);
-}
-
-bool LinuxPlatform::deleteLoginItem(const QString &name)
-{
-    const QDir dir(autostartDirectory());
-    bool removed = false;
-    const QStringList entries = dir.entryList({QStringLiteral("*.desktop")}, QDir::Files);
-    for (const QString &entry : entries) {
-        const QString path = dir.filePath(entry);
-        const QString entryName = desktopEntryValue(path, QStringLiteral("Name"));
-        if (entryName == name || (entryName.isEmpty() && QFileInfo(entry).completeBaseName() == name))
-            removed = QFile::remove(path) || removed;
-    }
-    return removed;
 }
 
 QString LinuxPlatform::loginItemArgument()

@@ -1,5 +1,5 @@
-// The parts of LinuxPlatform that talk to the desktop session: autostart entries read in full,
-// and notifications through the freedesktop notification service.
+// The parts of LinuxPlatform that talk to the desktop session: autostart entries (listed and
+// removed through one reader), and notifications through the freedesktop notification service.
 #include "platform/linux/LinuxPlatform.h"
 
 #include <QDBusConnection>
@@ -67,6 +67,20 @@ QList<Platform::LoginItem> LinuxPlatform::loginItems()
         items.append({name, programOf(values.value(QStringLiteral("Exec")))});
     }
     return items;
+}
+
+bool LinuxPlatform::deleteLoginItem(const QString &name)
+{
+    const QDir dir(autostartDirectory());
+    bool removed = false;
+    const QStringList entries = dir.entryList({QStringLiteral("*.desktop")}, QDir::Files);
+    for (const QString &entry : entries) {
+        const QString path = dir.filePath(entry);
+        const QString entryName = readDesktopEntry(path).value(QStringLiteral("Name"));
+        if (entryName == name || (entryName.isEmpty() && QFileInfo(entry).completeBaseName() == name))
+            removed = QFile::remove(path) || removed;
+    }
+    return removed;
 }
 
 bool LinuxPlatform::showNotification(const QString &title, const QString &body, quint32 *id, QString *error)
