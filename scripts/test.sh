@@ -4,7 +4,8 @@
 #   asan     every target with warnings as errors under AddressSanitizer and
 #            UndefinedBehaviorSanitizer (-O1), and every test;
 #   tsan     the threaded parts under ThreadSanitizer: socket layer and WebSocket server,
-#            HTTP completions, tunnel output handling (labels extension, backend, vpn).
+#            HTTP completions, tunnel output handling, the main-thread hand-off (labels
+#            extension, backend, vpn, threaded).
 # Any sanitizer report fails the run (options and suppressions are set per test by CMake).
 #
 #   scripts/test.sh                  all three stages
@@ -75,8 +76,8 @@ for stage in $STAGES; do
       dir=build/ci-tsan
       say "ThreadSanitizer build in $dir (threaded parts)"
       configure "$dir" -DCMAKE_BUILD_TYPE=Debug -DPELORIN_SANITIZE=thread -DPELORIN_EXTRAS=OFF -DCMAKE_CXX_FLAGS=-O1
-      build_tests_matching "$dir" -L 'extension|backend|vpn'
-      run_ctest "$dir" -L 'extension|backend|vpn'
+      build_tests_matching "$dir" -L 'extension|backend|vpn|threaded'
+      run_ctest "$dir" -L 'extension|backend|vpn|threaded'
       ;;
     *)
       echo "unknown stage: $stage" >&2

@@ -7,8 +7,10 @@
 #include <QTimer>
 
 #include <atomic>
+#include <deque>
 #include <map>
 #include <mutex>
+#include <utility>
 
 namespace {
 std::mutex g_mutex;
@@ -22,12 +24,53 @@ QObject *mainContext()
     return QCoreApplication::instance();
 }
 
+// Tasks cross threads through this queue rather than inside Qt's events, so the hand-off is a
+// lock the thread sanitizer can see. Each posted event carries no data and runs exactly one
+// task; both queues are first in, first out, so the n-th event runs the n-th task.
+std::mutex g_handoffMutex;
+std::deque<std::function<void()>> g_handoff;
+QObject *g_watchedContext = nullptr; // whose destruction drops what is still queued
+
+std::function<void()> takeHandedOff()
+{
+    std::lock_guard lock(g_handoffMutex);
+    if (g_handoff.empty())
+        return {};
+    std::function<void()> fn = std::move(g_handoff.front());
+    g_handoff.pop_front();
+    return fn;
+}
+
+// Qt drops the events of a destroyed application; drop their tasks with them, outside the lock,
+// since destroying a task may release a thread waiting for it.
+void dropHandedOff()
+{
+    std::deque<std::function<void()>> dropped;
+    std::lock_guard lock(g_handoffMutex);
+    dropped.swap(g_handoff);
+    g_watchedContext = nullptr;
+}
+
 void postToMain(std::function<void()> fn)
 {
     QObject *context = mainContext();
     if (!context)
         return; // no application object: nothing can run any more
-    QMetaObject::invokeMethod(context, std::move(fn), Qt::QueuedConnection);
+    bool watch;
+    {
+        std::lock_guard lock(g_handoffMutex);
+        g_handoff.push_back(std::move(fn));
+        watch = std::exchange(g_watchedContext, context) != context;
+    }
+    if (watch)
+        QObject::connect(context, &QObject::destroyed, [] { dropHandedOff(); });
+    QMetaObject::invokeMethod(
+        context,
+        [] {
+            if (auto task = takeHandedOff())
+                task();
+        },
+        Qt::QueuedConnection);
 }
 } // namespace
 

@@ -6,6 +6,7 @@
 #include <QtTest>
 
 #include <thread>
+#include <vector>
 
 class TestMainQueueEvents : public QObject {
     Q_OBJECT
@@ -69,6 +70,28 @@ private slots:
         QTRY_VERIFY(ran);
         QTest::qWait(50);
         QVERIFY(!cancelledRan);
+    }
+
+    void tasksFromManyThreadsRunOnMainInEachThreadsOrder()
+    {
+        constexpr int kThreads = 4, kTasks = 500;
+        std::vector<int> next(kThreads, 0);
+        int ran = 0, outOfOrder = 0, offMain = 0;
+        std::vector<std::thread> posters;
+        for (int t = 0; t < kThreads; ++t)
+            posters.emplace_back([&, t] {
+                for (int i = 0; i < kTasks; ++i)
+                    MainQueue::async([&, t, i] {
+                        outOfOrder += next[t]++ != i;
+                        offMain += !MainQueue::isMainThread();
+                        ++ran;
+                    });
+            });
+        for (auto &poster : posters)
+            poster.join();
+        QTRY_COMPARE(ran, kThreads * kTasks);
+        QCOMPARE(outOfOrder, 0);
+        QCOMPARE(offMain, 0);
     }
 
     void targetActionObserversRunSynchronouslyAndAreRemovedByOwner()
