@@ -72,7 +72,9 @@ public:
     bool adsBlockerEnabled() const;
     void storeAdsBlockerEnabled(bool value);
 
-    // Tunnel state (values of the tunnel controller).
+    // Tunnel state (values of the tunnel controller). Stored like setValueDeferred(): it changes
+    // on the way to every connection, where a durable write would delay the tunnel's start,
+    // and a crash makes the stored state stale whatever was written.
     int getVPNStatus() const;
     void storeVPNStatus(int value);
     void removeVPNStatus();

@@ -124,7 +124,7 @@ int AppStorageManager::getVPNStatus() const
 }
 void AppStorageManager::storeVPNStatus(int value)
 {
-    writeValue(k(kVpnStatus), value);
+    setValueDeferred(k(kVpnStatus), value);
 }
 void AppStorageManager::removeVPNStatus()
 {

@@ -5,32 +5,38 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QSaveFile>
+#include <QTemporaryFile>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 namespace {
 constexpr auto kAuthUserPass = "auth-user-pass";
 
-// Writes `data` to `path` through a side file that only this user can read; the
-// error text is set on failure.
+// Writes `data` to `path` through a side file that only this user can read, so the client
+// never reads half a file; the error text is set on failure. No sync to disk: the files live
+// only as long as the connection and are removed at every start and stop, and a sync would
+// delay the tunnel's start on a busy disk.
 bool writeAtomically(const QString &path, const QByteArray &data, QString *why)
 {
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly)) {
+    QTemporaryFile file(path + QStringLiteral(".XXXXXX")); // created with owner-only access
+    file.setAutoRemove(true);
+    if (!file.open()) {
         *why = file.errorString();
         return false;
     }
-    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    // flush() reports a full disk; commit() alone would keep an empty file (its own flush
-    // error is dropped).
     if (file.write(data) != data.size() || !file.flush()) {
         *why = file.errorString();
-        file.cancelWriting();
         return false;
     }
-    if (!file.commit()) {
-        *why = file.errorString();
+    file.close();
+    // Replaces an existing file in one step, as QFile::rename() would not.
+    if (std::rename(QFile::encodeName(file.fileName()).constData(), QFile::encodeName(path).constData()) != 0) {
+        *why = QString::fromLocal8Bit(std::strerror(errno));
         return false;
     }
+    file.setAutoRemove(false);
     return true;
 }
 

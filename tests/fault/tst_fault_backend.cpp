@@ -149,6 +149,7 @@ class TestFaultBackend : public QObject {
         store.storeVPNCredentials("kept-user", "kept-pass");
         store.storeAppLanguageCode("de");
         store.storeVPNStatus(1);
+        store.flush();
     }
     QByteArray snapshot() const { return contentOf(path("settings.conf")) + '\0' + contentOf(path("secrets.json")); }
 

@@ -138,7 +138,7 @@ void TunnelLab::writeSudo() const
     // The product runs "<sudo> <client> <profile>" and "<sudo> pkill ovpncli". The client goes
     // into the client namespace; the kill by name is kept to this lab's own clients.
     writeText(sudoPath(),
-              QStringLiteral("#!/bin/bash\n"
+              QStringLiteral("#!/bin/sh\n"
                              "if [ \"$1\" = pkill ]; then exec pkill -f \"^%1/$2 %2/\"; fi\n"
                              "exec ip netns exec %3 \"$@\"\n")
                   .arg(helpersDirectory(), root(), m_clientNs)
