@@ -1,6 +1,8 @@
-// Bridge throughput: N clients x M text frames (Node's ws as load generator) against our
-// server, QtWebSockets' QWebSocketServer and Node's ws server, then the blocked-domain
-// handler against an empty and a 10 000-domain map. Loopback only.
+// Bridge throughput: N clients x M text frames against our server, QtWebSockets'
+// QWebSocketServer and Node's ws server, under two loads: frame_blaster (prepared frames in
+// large writes, so the server sets the pace) and Node's ws client (a real client, which
+// costs about as much per message as the servers do). Then the blocked-domain handler
+// against an empty and a 10 000-domain map. Loopback only.
 //   bridge_bench [clients=50] [frames=2000] [payload bytes=64]
 #include "extension/BrowserExtensionApi.h"
 #include "foundation/FileSecretBackend.h"
@@ -8,6 +10,7 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QEventLoop>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTimer>
@@ -30,15 +33,30 @@ struct Counter : CVWebSocketServerDelegate {
     }
 };
 
-// Runs the Node load client against `port`; milliseconds, or -1.
+enum class Load { Blaster, NodeClient };
+Load g_load = Load::Blaster;
+
+// Runs the load generator against `port`; milliseconds, or -1.
 double runLoad(quint16 port, int clients, int frames, int size)
 {
     QProcess load;
     load.setWorkingDirectory(kDir);
-    load.start(QStringLiteral("node"), {kDir + QStringLiteral("/load_client.js"), QString::number(port),
-                                        QString::number(clients), QString::number(frames), QString::number(size)});
-    while (load.state() != QProcess::NotRunning)
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+    const QStringList counts = {QString::number(port), QString::number(clients), QString::number(frames),
+                                QString::number(size)};
+    if (g_load == Load::Blaster)
+        load.start(QStringLiteral(PELORIN_FRAME_BLASTER), counts);
+    else
+        load.start(QStringLiteral("node"), QStringList{kDir + QStringLiteral("/load_client.js")} + counts);
+    // Sleep in the event loop like an application would: a polling loop here would take a core
+    // from whichever server runs threads besides the main one.
+    QEventLoop loop;
+    QObject::connect(&load, &QProcess::finished, &loop, &QEventLoop::quit);
+    QObject::connect(&load, &QProcess::errorOccurred, &loop, [&](QProcess::ProcessError error) {
+        if (error == QProcess::FailedToStart)
+            loop.quit();
+    });
+    if (load.state() != QProcess::NotRunning)
+        loop.exec();
     const QByteArray out = load.readAllStandardOutput();
     if (load.exitCode() != 0 || !out.startsWith("elapsed_ms")) {
         std::fprintf(stderr, "load client failed: %s %s\n", out.constData(), load.readAllStandardError().constData());
@@ -128,8 +146,14 @@ int main(int argc, char **argv)
     std::printf("%d clients x %d frames of %d bytes (%.0f messages), loopback\n", clients, frames, size, total);
     if (qEnvironmentVariableIsSet("BRIDGE_BENCH_COOKIES_ONLY"))
         goto cookies;
-    {
+    for (const Load load : {Load::Blaster, Load::NodeClient}) {
+        g_load = load;
+        std::printf("load: %s\n", load == Load::Blaster ? "frame_blaster" : "node ws client");
         const double ours = benchOurs(clients, frames, size);
+        if (qEnvironmentVariableIsSet("BRIDGE_BENCH_OURS_ONLY")) { // for profiling our server alone
+            std::printf("  CVWebSocketServer   %10.0f msg/s  (%.0f ms)\n", total / (ours / 1000.0), ours);
+            return 0;
+        }
         const double qt = benchQt(clients, frames, size);
         const double node = benchNode(clients, frames, size);
         auto rate = [&](double ms) { return ms > 0 ? total / (ms / 1000.0) : 0.0; };
