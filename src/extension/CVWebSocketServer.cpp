@@ -7,8 +7,10 @@
 #include "foundation/MainQueue.h"
 
 #include <algorithm>
+#include <deque>
 #include <future>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 using namespace WebSocketFrameDecoder;
@@ -25,12 +27,95 @@ public:
     std::mutex mutex; // guards connections: changed on socket threads, read by send()
     std::vector<AsyncSocketPtr> connections;
 
-    template <typename F> void toMain(F fn)
+    // What the delegate hears, in the order the sockets said it. Deliveries wait in one queue
+    // that a single main-queue task drains, so a busy connection costs the main thread one
+    // wake-up per batch rather than one per message.
+    struct Delivery {
+        enum Kind { Text, Accepted, Disconnected, ParseFailure } kind;
+        AsyncSocketPtr sock;
+        QByteArray data; // the text, or the raw bytes that failed
+        std::optional<NQError> error;
+        std::shared_ptr<std::promise<void>> handled; // set once a parse failure was delivered
+    };
+    static constexpr int kDeliveriesPerTurn = 256; // then other main-thread work gets a turn
+    std::mutex deliveryMutex;
+    std::deque<Delivery> deliveries;
+    bool drainScheduled = false;
+
+    void toMain(Delivery delivery)
     {
-        MainQueue::async([weak = weak_from_this(), fn = std::move(fn)] {
-            if (auto core = weak.lock(); core && core->server && core->delegate)
-                fn(*core);
+        {
+            std::lock_guard lock(deliveryMutex);
+            deliveries.push_back(std::move(delivery));
+            if (std::exchange(drainScheduled, true))
+                return;
+        }
+        scheduleDrain();
+    }
+
+    void scheduleDrain()
+    {
+        MainQueue::async([weak = weak_from_this()] {
+            if (auto core = weak.lock())
+                core->drain();
         });
+    }
+
+    void drain()
+    {
+        for (int i = 0; i < kDeliveriesPerTurn; ++i) {
+            Delivery next;
+            {
+                std::lock_guard lock(deliveryMutex);
+                if (deliveries.empty()) {
+                    drainScheduled = false;
+                    return;
+                }
+                next = std::move(deliveries.front());
+                deliveries.pop_front();
+            }
+            deliver(next);
+        }
+        scheduleDrain();
+    }
+
+    void deliver(Delivery &d)
+    {
+        struct Done {
+            Delivery &d;
+            ~Done()
+            {
+                if (d.handled)
+                    d.handled->set_value();
+            }
+        } done{d};
+        if (!server || !delegate)
+            return;
+        switch (d.kind) {
+        case Delivery::Text:
+            delegate->webSocketServerDidReceiveData(server, d.data, d.sock);
+            break;
+        case Delivery::Accepted:
+            delegate->webSocketServerDidAcceptConnection(server, d.sock);
+            break;
+        case Delivery::Disconnected:
+            delegate->webSocketServerClientDisconnected(server, d.sock);
+            break;
+        case Delivery::ParseFailure:
+            delegate->webSocketServerCouldNotParseRawData(server, d.data, d.sock, *d.error);
+            break;
+        }
+    }
+
+    // Deliveries never run once the server is gone; a worker waiting on one is released.
+    void dropDeliveries()
+    {
+        std::deque<Delivery> dropped;
+        std::lock_guard lock(deliveryMutex);
+        dropped.swap(deliveries);
+        for (auto &d : dropped)
+            if (d.handled)
+                d.handled->set_value();
     }
 
     void socketDidAcceptNewSocket(const AsyncSocketPtr &, const AsyncSocketPtr &newSocket) override
@@ -55,9 +140,7 @@ public:
         if (!step.failure.isEmpty())
             return fail(sock, data, step.failure);
         if (step.text)
-            toMain([sock, text = *step.text](Core &core) {
-                core.delegate->webSocketServerDidReceiveData(core.server, text, sock);
-            });
+            toMain({Delivery::Text, sock, *step.text, {}, {}});
         if (!step.reply.isEmpty())
             sock->writeData(step.reply, -1.0, ReplyWrite);
         sock->readDataToLength(step.nextLength, -1.0, step.nextTag);
@@ -67,7 +150,7 @@ public:
     {
         if (tag != HandshakeWrite)
             return;
-        toMain([sock](Core &core) { core.delegate->webSocketServerDidAcceptConnection(core.server, sock); });
+        toMain({Delivery::Accepted, sock, {}, {}, {}});
         sock->readDataToLength(2, -1.0, HeaderRead);
     }
 
@@ -79,28 +162,24 @@ public:
             std::lock_guard lock(mutex);
             connections.erase(std::remove(connections.begin(), connections.end(), sock), connections.end());
         }
-        toMain([sock](Core &core) { core.delegate->webSocketServerClientDisconnected(core.server, sock); });
+        toMain({Delivery::Disconnected, sock, {}, {}, {}});
     }
 
     // Hands the failure to the delegate and waits for it, then closes the connection.
     void fail(const AsyncSocketPtr &sock, const QByteArray &raw, const QString &text)
     {
-        const NQError error(kErrorDomain, 1, {{NQError::kLocalizedDescriptionKey, text}});
-        auto report = [weak = weak_from_this(), sock, raw, error] {
-            if (auto core = weak.lock(); core && core->server && core->delegate)
-                core->delegate->webSocketServerCouldNotParseRawData(core->server, raw, sock, error);
-        };
+        Delivery failure{Delivery::ParseFailure,
+                         sock,
+                         raw,
+                         NQError(kErrorDomain, 1, {{NQError::kLocalizedDescriptionKey, text}}),
+                         {}};
         if (MainQueue::isMainThread()) {
-            report();
+            deliver(failure);
         } else {
-            // Released when the main queue has run the task, or dropped it at shutdown.
-            struct Done {
-                std::promise<void> promise;
-                ~Done() { promise.set_value(); }
-            };
-            auto done = std::make_shared<Done>();
-            std::future<void> finished = done->promise.get_future();
-            MainQueue::async([report, done = std::move(done)] { report(); });
+            // Released when the delegate has had it, or when it is dropped at shutdown.
+            failure.handled = std::make_shared<std::promise<void>>();
+            std::future<void> finished = failure.handled->get_future();
+            toMain(std::move(failure));
             finished.wait();
         }
         sock->disconnect();
@@ -134,6 +213,7 @@ CVWebSocketServer::~CVWebSocketServer()
         return;
     m_core->server = nullptr;
     m_core->delegate = nullptr;
+    m_core->dropDeliveries();
     m_core->listener->disconnect();
     std::vector<AsyncSocketPtr> connections;
     {

@@ -15,6 +15,7 @@ public:
     QList<AsyncSocketPtr> messageConnections;
     QStringList errors;
     QList<QByteArray> errorData;
+    int failedConnectionMessages = -1; // messages from the failing connection before its error
     bool offMainThread = false;
     std::function<void(const QByteArray &, const AsyncSocketPtr &)> onMessage;
 
@@ -36,10 +37,11 @@ public:
         check();
         ++disconnected;
     }
-    void webSocketServerCouldNotParseRawData(CVWebSocketServer *, const QByteArray &raw, const AsyncSocketPtr &,
+    void webSocketServerCouldNotParseRawData(CVWebSocketServer *, const QByteArray &raw, const AsyncSocketPtr &c,
                                              const NQError &error) override
     {
         check();
+        failedConnectionMessages = static_cast<int>(messageConnections.count(c));
         if (error.domain() == QLatin1String("com.corvane.webSocketServer") && error.code() == 1)
             errors << error.localizedDescription();
         else

@@ -139,6 +139,35 @@ private slots:
         QCOMPARE(server->clientCount(), 0);
     }
 
+    // Long bursts on two connections at once: per-connection order holds across every batch,
+    // and a connection's failure reaches the delegate only after all its earlier messages.
+    void burstsKeepOrderAndAFailureComesAfterItsMessages()
+    {
+        constexpr int kFrames = 1500;
+        RawClient a, b;
+        QVERIFY(a.handshake(server->port()));
+        QVERIFY(b.handshake(server->port()));
+        QByteArray burstA, burstB;
+        QList<QByteArray> expectA, expectB;
+        for (int i = 0; i < kFrames; ++i) {
+            expectA << "a" + QByteArray::number(i);
+            expectB << "b" + QByteArray::number(i);
+            burstA += RawClient::frame(0x81, expectA.last());
+            burstB += RawClient::frame(0x81, expectB.last());
+        }
+        a.write(burstA);
+        b.write(burstB + RawClient::frame(0x82, "xx"));
+        QTRY_COMPARE(recorder.messages.size(), 2 * kFrames);
+        QTRY_COMPARE(recorder.disconnected, 1);
+        QList<QByteArray> gotA, gotB;
+        for (const QByteArray &m : recorder.messages)
+            (m.startsWith('a') ? gotA : gotB) << m;
+        QCOMPARE(gotA, expectA);
+        QCOMPARE(gotB, expectB);
+        QCOMPARE(recorder.errors.size(), 1);
+        QCOMPARE(recorder.failedConnectionMessages, kFrames);
+    }
+
     void binaryAndPongFramesCloseTheConnection()
     {
         for (unsigned char b0 : {0x82, 0x8A}) {
