@@ -12,6 +12,8 @@ namespace {
 // busy client cannot hold the I/O thread for long.
 constexpr qsizetype kReadChunk = 64 * 1024;
 constexpr int kReadsPerWakeup = 16;
+// Capacity an emptied input buffer keeps for the next bytes.
+constexpr qsizetype kKeptBufferBytes = 4 * kReadChunk;
 
 NQError osError(int err)
 {
@@ -165,19 +167,22 @@ void AsyncSocket::handleReady(std::uint32_t events)
 
 void AsyncSocket::readKernelLocked()
 {
-    char chunk[kReadChunk];
     for (int i = 0; i < kReadsPerWakeup && !m_eof; ++i) {
         const qsizetype room = static_cast<qsizetype>(m_maxBuffered) - (m_in.size() - m_inPos);
         if (room <= 0)
             break;
-        const ssize_t n = ::read(m_fd, chunk, static_cast<size_t>(std::min(room, kReadChunk)));
+        if (m_inPos > 0 && m_inPos >= m_in.size() / 2) {
+            m_in.remove(0, m_inPos);
+            m_inPos = 0;
+        }
+        // Straight into the buffer's free end: no second copy.
+        const qsizetype want = std::min(room, kReadChunk);
+        const qsizetype held = m_in.size();
+        m_in.resize(held + want);
+        const ssize_t n = ::read(m_fd, m_in.data() + held, static_cast<size_t>(want));
+        m_in.resize(held + std::max<qsizetype>(n, 0));
         if (n > 0) {
-            if (m_inPos > 0 && m_inPos >= m_in.size() / 2) {
-                m_in.remove(0, m_inPos);
-                m_inPos = 0;
-            }
-            m_in.append(chunk, n);
-            if (n < std::min(room, kReadChunk))
+            if (n < want)
                 break; // drained
         } else if (n == 0) {
             m_eof = true;
@@ -223,13 +228,15 @@ void AsyncSocket::completeReadsLocked()
         QByteArray data = m_in.mid(m_inPos, take);
         m_inPos += take;
         if (m_inPos == m_in.size()) {
-            m_in.clear();
+            // Keep a normal-sized buffer for the next bytes; give back what a big message took.
+            if (m_in.capacity() > kKeptBufferBytes)
+                m_in.clear();
+            else
+                m_in.resize(0);
             m_inPos = 0;
         }
         m_reads.pop_front();
-        postLocked([data = std::move(data), tag = request.tag](AsyncSocketDelegate &d, const AsyncSocketPtr &self) {
-            d.socketDidReadData(self, data, tag);
-        });
+        postLocked({Completion::Read, request.tag, std::move(data), {}, {}});
     }
     finishIfDrainedLocked();
     if (m_state == State::Connected)
@@ -255,8 +262,7 @@ void AsyncSocket::writePendingLocked()
             continue;
         const long tag = w.tag;
         m_writes.pop_front();
-        postLocked(
-            [tag](AsyncSocketDelegate &d, const AsyncSocketPtr &self) { d.socketDidWriteDataWithTag(self, tag); });
+        postLocked({Completion::Wrote, tag, {}, {}, {}});
     }
 }
 
@@ -307,23 +313,64 @@ void AsyncSocket::closeLocked(const NQErrorOpt &error, bool report)
     m_inPos = 0;
     if (m_state != State::Idle)
         m_state = State::Disconnected;
-    if (wasOpen && report && m_serial)
-        postLocked([error](AsyncSocketDelegate &d, const AsyncSocketPtr &self) { d.socketDidDisconnect(self, error); });
+    if (wasOpen && report && m_reports)
+        postLocked({Completion::Disconnected, 0, {}, {}, error});
 }
 
-void AsyncSocket::postLocked(Callback callback)
+void AsyncSocket::postLocked(Completion completion)
 {
     ++m_callbacksInFlight;
-    m_serial->async([self = shared_from_this(), delegate = m_delegate, callback = std::move(callback)] {
-        if (auto d = delegate.lock())
-            callback(*d, self);
-        self->callbackDone();
-    });
+    m_completions.push_back(std::move(completion));
+    scheduleDrainLocked();
 }
 
-void AsyncSocket::callbackDone()
+void AsyncSocket::scheduleDrainLocked()
 {
-    std::lock_guard lock(m_mutex);
-    --m_callbacksInFlight;
-    finishIfDrainedLocked();
+    if (m_drainScheduled || !m_delegateQueue)
+        return;
+    m_drainScheduled = true;
+    m_delegateQueue->async([self = shared_from_this()] { self->drainCompletions(); });
+}
+
+void AsyncSocket::drainCompletions()
+{
+    const AsyncSocketPtr self = shared_from_this();
+    bool ranOne = false;
+    for (int i = 0;; ++i) {
+        Completion next;
+        std::shared_ptr<AsyncSocketDelegate> delegate;
+        {
+            std::lock_guard lock(m_mutex);
+            if (ranOne) {
+                --m_callbacksInFlight;
+                finishIfDrainedLocked(); // may queue the disconnection
+            }
+            if (m_completions.empty() || i == kCallbacksPerTurn) {
+                m_drainScheduled = false;
+                if (!m_completions.empty())
+                    scheduleDrainLocked(); // a turn for other sockets first
+                return;
+            }
+            next = std::move(m_completions.front());
+            m_completions.pop_front();
+            delegate = m_delegate.lock();
+        }
+        ranOne = true;
+        if (!delegate)
+            continue;
+        switch (next.kind) {
+        case Completion::Accepted:
+            delegate->socketDidAcceptNewSocket(next.listener, self);
+            break;
+        case Completion::Read:
+            delegate->socketDidReadData(self, next.data, next.tag);
+            break;
+        case Completion::Wrote:
+            delegate->socketDidWriteDataWithTag(self, next.tag);
+            break;
+        case Completion::Disconnected:
+            delegate->socketDidDisconnect(self, next.error);
+            break;
+        }
+    }
 }

@@ -1,13 +1,12 @@
 #pragma once
 
 #include "extension/AsyncSocketDelegate.h"
-#include "extension/SerialQueue.h"
+#include "extension/WorkerPool.h"
 
 #include <QString>
 
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -92,15 +91,25 @@ private:
     void finishIfDrainedLocked();
     void closeLocked(const NQErrorOpt &error, bool report);
     bool openListenerLocked(int family, std::uint16_t port, NQErrorOpt *error);
-    using Callback = std::function<void(AsyncSocketDelegate &, const AsyncSocketPtr &self)>;
-    void postLocked(Callback callback);
-    void callbackDone();
+    // A callback waiting for the delegate queue. The socket drains its own queue of these on
+    // the pool, one task per burst rather than one per callback.
+    struct Completion {
+        enum Kind { Accepted, Read, Wrote, Disconnected } kind;
+        long tag = 0;
+        QByteArray data;
+        AsyncSocketPtr listener; // Accepted
+        NQErrorOpt error;        // Disconnected
+    };
+    // Callbacks run per pool turn before the thread goes to other sockets.
+    static constexpr int kCallbacksPerTurn = 64;
+    void postLocked(Completion completion);
+    void scheduleDrainLocked();
+    void drainCompletions();
 
     mutable std::mutex m_mutex;
     State m_state = State::Idle;
     std::weak_ptr<AsyncSocketDelegate> m_delegate;
     std::shared_ptr<WorkerPool> m_delegateQueue;
-    std::shared_ptr<SerialQueue> m_serial;
     bool m_ipv4Enabled = true;
     bool m_ipv6Enabled = true;
     std::int64_t m_maxBuffered = kDefaultMaxBufferedBytes;
@@ -119,5 +128,8 @@ private:
     bool m_hangUp = false; // no longer watched: the peer hung up while reading was paused
     std::deque<ReadRequest> m_reads;
     std::deque<WriteRequest> m_writes;
-    int m_callbacksInFlight = 0;
+    std::deque<Completion> m_completions;
+    bool m_drainScheduled = false;
+    bool m_reports = false;      // opened (listening or adopted), so its end is reported
+    int m_callbacksInFlight = 0; // queued or running
 };

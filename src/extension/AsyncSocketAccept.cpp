@@ -71,7 +71,7 @@ bool AsyncSocket::acceptOnPort(std::uint16_t port, NQErrorOpt *error)
             *error = failure;
         return false;
     }
-    m_serial = SerialQueue::create(m_delegateQueue);
+    m_reports = true;
     m_state = State::Accepting;
     return true;
 }
@@ -174,9 +174,7 @@ void AsyncSocket::acceptPending(int listenFd)
             continue;
         std::lock_guard lock(client->m_mutex);
         // Runs on the new socket's own queue, so it comes before any of its reads or its end.
-        client->postLocked([listener = shared_from_this()](AsyncSocketDelegate &delegate, const AsyncSocketPtr &self) {
-            delegate.socketDidAcceptNewSocket(listener, self);
-        });
+        client->postLocked({Completion::Accepted, 0, {}, shared_from_this(), {}});
     }
 }
 
@@ -186,7 +184,7 @@ AsyncSocketPtr AsyncSocket::adopt(int fd, const AsyncSocket &listener, const QSt
     client->m_delegate = listener.m_delegate;
     client->m_delegateQueue = listener.m_delegateQueue;
     client->m_maxBuffered = listener.m_maxBuffered;
-    client->m_serial = SerialQueue::create(listener.m_delegateQueue);
+    client->m_reports = true;
     client->m_peer = peer;
     client->m_fd = fd;
     client->m_state = State::Connected;

@@ -9,8 +9,8 @@
 #include <vector>
 
 // A concurrent queue: tasks run on a fixed set of threads in no guaranteed order relative to
-// each other. The socket layer delivers its callbacks here; SerialQueue puts per-socket order
-// back on top.
+// each other. The socket layer delivers its callbacks here, each socket draining its own
+// queue of them so that per-socket order holds.
 class WorkerPool {
 public:
     using Task = std::function<void()>;
