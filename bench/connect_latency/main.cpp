@@ -70,10 +70,12 @@ int main(int argc, char **argv)
     VpnTestEnvironment env(lab.backendUrl(), {lab.helpersDirectory(), lab.sudoPath(), lab.clientTemporaryDirectory()});
     // The product's log lines, time-stamped, with BENCH_TRACE=1; silent otherwise.
     static const auto t0 = Clock::now();
-    NQLog::setSink([](const QString &line) {
-        if (qEnvironmentVariableIsSet("BENCH_TRACE"))
-            std::printf("%8.1f %s\n", msSince(t0, Clock::now()), qPrintable(line.left(120)));
-    });
+    static const bool tracing = qEnvironmentVariableIsSet("BENCH_TRACE");
+    static auto trace = [](const char *text) {
+        if (tracing)
+            std::printf("%8.1f %s\n", msSince(t0, Clock::now()), text);
+    };
+    NQLog::setSink([](const QString &line) { trace(qPrintable(line.left(120))); });
 
     QString user, password;
     bool registered = false;
@@ -111,6 +113,7 @@ int main(int argc, char **argv)
     for (int i = 0; i < runs; ++i) {
         connected = false;
         const auto start = Clock::now();
+        trace("start (ours)");
         vpn.startVPNConnectionWithConfigContent(profile, QStringLiteral("Bench"));
         if (!spinUntil([&] { return connected.load(); })) {
             std::fprintf(stderr, "connect_latency: our tunnel did not come up\n");
@@ -124,12 +127,17 @@ int main(int argc, char **argv)
         const QString path = files.prepare(profile, QStringLiteral("Raw"), user, password);
         QByteArray seen;
         const auto rawStart = Clock::now();
+        trace("start (raw)");
         auto client = lab.startRawClient(path);
         QDeadlineTimer deadline(kTimeoutMs);
         while (!seen.contains("Initialization Sequence Completed") && !deadline.hasExpired() &&
                client->state() != QProcess::NotRunning) {
             client->waitForReadyRead(100);
-            seen += client->readAll();
+            const QByteArray chunk = client->readAll();
+            for (const QByteArray &line : chunk.split('\n'))
+                if (!line.isEmpty())
+                    trace(line.left(100).constData());
+            seen += chunk;
         }
         const auto rawEnd = Clock::now();
         if (!seen.contains("Initialization Sequence Completed")) {
