@@ -100,7 +100,7 @@ fi
 run memory "$BIN/bench_memory" "$MEMORY_LAUNCHES"
 run wakeups "$BIN/bench_wakeups" "$WAKE_SECONDS"
 
-# The bridge: our WebSocket server against QWebSocketServer and Node's ws, same load client.
+# The bridge: our WebSocket server against QWebSocketServer and Node's ws, under the same two loads.
 if ! command -v node >/dev/null; then
   skip "bridge throughput" "node not installed" "-"
 elif [ ! -x "$BIN/../bridge/bridge_bench" ]; then
@@ -108,12 +108,18 @@ elif [ ! -x "$BIN/../bridge/bridge_bench" ]; then
 else
   [ -d "$SRC/bench/bridge/node_modules/ws" ] || (cd "$SRC/bench/bridge" && npm install --no-audit --no-fund >&2)
   if run bridge "$BIN/../bridge/bridge_bench" "${BRIDGE[@]}"; then
-    rate() { awk -v k="$1" 'index($0, k) == 3 { print $(NF-3) }' "$LOG/bridge.log"; }
-    ours=$(rate CVWebSocketServer) qt=$(rate QWebSocketServer) nodews=$(rate "node ws")
-    ratio_qt=$(sed -n 's/.*ours \/ Qt = \([0-9.]*\).*/\1/p' "$LOG/bridge.log")
-    ratio_node=$(sed -n 's/.*ours \/ node ws = \([0-9.]*\).*/\1/p' "$LOG/bridge.log")
-    row "bridge throughput vs QWebSocketServer" "$ours msg/s" "$qt msg/s" "${ratio_qt}x" "-" "-"
-    row "bridge throughput vs node ws" "$ours msg/s" "$nodews msg/s" "${ratio_node}x" "-" "-"
+    # One section per load generator: "load: <name>" then the three rates and the ratios.
+    section() { awk -v l="load: $1" '/^load: / { on = ($0 == l) } on' "$LOG/bridge.log"; }
+    for load in "frame_blaster" "node ws client"; do
+      rate() { section "$load" | awk -v k="$1" 'index($0, k) == 3 { print $(NF-3) }'; }
+      ours=$(rate CVWebSocketServer) qt=$(rate QWebSocketServer) nodews=$(rate "node ws")
+      ratio_qt=$(section "$load" | sed -n 's/.*ours \/ Qt = \([0-9.]*\).*/\1/p')
+      ratio_node=$(section "$load" | sed -n 's/.*ours \/ node ws = \([0-9.]*\).*/\1/p')
+      met_qt=$(awk -v r="$ratio_qt" 'BEGIN { print (r >= 2) ? "yes" : "NO" }')
+      met_node=$(awk -v r="$ratio_node" 'BEGIN { print (r >= 1) ? "yes" : "NO" }')
+      row "bridge throughput vs QWebSocketServer ($load load)" "$ours msg/s" "$qt msg/s" "${ratio_qt}x" ">= 2x" "$met_qt"
+      row "bridge throughput vs node ws ($load load)" "$ours msg/s" "$nodews msg/s" "${ratio_node}x" ">= 1x" "$met_node"
+    done
     cookie=$(sed -n 's/.*(ratio \([0-9.]*\)).*/\1/p' "$LOG/bridge.log")
     row "blocked-domain handler, 10 000 stored vs empty map" "see log" "-" "${cookie}x" "-" "-"
   else
