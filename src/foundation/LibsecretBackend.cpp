@@ -83,7 +83,7 @@ Attributes attributesFor(const QByteArray &service, const QByteArray &account)
 
 } // namespace
 
-std::shared_ptr<LibsecretBackend> LibsecretBackend::connect(QString *message)
+std::unique_ptr<LibsecretBackend> LibsecretBackend::connect(QString *message)
 {
     GError *error = nullptr;
     SecretService *service = secret_service_get_sync(SECRET_SERVICE_OPEN_SESSION, nullptr, &error);
@@ -92,7 +92,13 @@ std::shared_ptr<LibsecretBackend> LibsecretBackend::connect(QString *message)
             *message = fromError(error, Status::NotAvailable).message;
         return nullptr;
     }
-    return std::shared_ptr<LibsecretBackend>(new LibsecretBackend(service));
+    return std::unique_ptr<LibsecretBackend>(new LibsecretBackend(service));
+}
+
+// The keyring module's entry point (SecretBackend::connectSecretService loads the module).
+extern "C" Q_DECL_EXPORT SecretBackend *pelorin_keyring_connect(QString *message)
+{
+    return LibsecretBackend::connect(message).release();
 }
 
 LibsecretBackend::LibsecretBackend(SecretService *service) : m_service(service) {}

@@ -11,11 +11,15 @@ typedef struct _SecretService SecretService;
 // item per (service, account) with exactly those two attributes, created in the default
 // collection, which stays on this machine. Nothing here unlocks or prompts: a locked item or
 // collection answers InteractionNotAllowed, as a locked keychain does.
+//
+// It lives in a module of its own (libpelorin-keyring.so, next to the helpers) so that
+// libsecret and GIO are loaded only when the Secret Service is first asked for: reach it
+// through SecretBackend::connectSecretService.
 class LibsecretBackend : public SecretBackend {
 public:
     // Connects to the Secret Service on the session bus; nullptr and *message when none
     // answers (no bus, no service, no session).
-    static std::shared_ptr<LibsecretBackend> connect(QString *message);
+    static std::unique_ptr<LibsecretBackend> connect(QString *message);
     ~LibsecretBackend() override;
 
     Result find(const QString &service, const QString &account) override;

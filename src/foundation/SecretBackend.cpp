@@ -1,8 +1,10 @@
 #include "foundation/SecretBackend.h"
 
 #include "foundation/FileSecretBackend.h"
-#include "foundation/LibsecretBackend.h"
 #include "foundation/Log.h"
+#include "platform/Platform.h"
+
+#include <QLibrary>
 
 #include <mutex>
 
@@ -24,7 +26,7 @@ std::shared_ptr<SecretBackend> SecretBackend::systemDefault()
         return g_backend;
     }
     QString reason;
-    if (auto secretService = LibsecretBackend::connect(&reason)) {
+    if (auto secretService = connectSecretService(&reason)) {
         g_backend = std::move(secretService);
         return g_backend;
     }
@@ -32,6 +34,20 @@ std::shared_ptr<SecretBackend> SecretBackend::systemDefault()
     log.error(QStringLiteral("No secret service answers (%1); keeping secrets in the file %2 instead.")
                   .arg(reason, FileSecretBackend::defaultFilePath()));
     return g_backend;
+}
+
+std::shared_ptr<SecretBackend> SecretBackend::connectSecretService(QString *message)
+{
+    using Connect = SecretBackend *(*)(QString *);
+    QLibrary module(Platform::instance().helperPath(QStringLiteral("pelorin-keyring")));
+    const auto connect = reinterpret_cast<Connect>(module.resolve("pelorin_keyring_connect"));
+    if (!connect) {
+        if (message)
+            *message = module.errorString();
+        return nullptr;
+    }
+    // The module stays loaded (QLibrary does not unload on destruction): the backend's code is there.
+    return std::shared_ptr<SecretBackend>(connect(message));
 }
 
 void SecretBackend::setSystemDefaultForTesting(std::shared_ptr<SecretBackend> backend)

@@ -1,7 +1,7 @@
 // KeychainStore against a real GNOME keyring in a private session bus (see KeyringSession.h).
 #include "foundation/AppStorageManager.h"
 #include "foundation/KeychainStore.h"
-#include "foundation/LibsecretBackend.h"
+#include "foundation/SecretBackend.h"
 #include "support/KeyringSession.h"
 #include "support/LogCapture.h"
 
@@ -56,7 +56,7 @@ int itemCount(const QString &account)
 class TstKeychainKeyring : public QObject {
     Q_OBJECT
 
-    std::shared_ptr<LibsecretBackend> m_backend;
+    std::shared_ptr<SecretBackend> m_backend;
     KeychainStore store() const { return KeychainStore(kService, m_backend); }
 
 private slots:
@@ -65,7 +65,7 @@ private slots:
         if (!KeyringSession::isActive())
             QSKIP("dbus-run-session / gnome-keyring-daemon are not available here");
         QString reason;
-        m_backend = LibsecretBackend::connect(&reason);
+        m_backend = SecretBackend::connectSecretService(&reason);
         QVERIFY2(m_backend, qPrintable(reason));
     }
 
