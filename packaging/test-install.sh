@@ -151,7 +151,8 @@ for f in /usr/share/pelorin-vpn/CommonConfig.plist /usr/share/pelorin-vpn/Releas
     /usr/share/applications/com.pelorin.PelorinVPN.desktop \
     /usr/share/metainfo/com.pelorin.PelorinVPN.metainfo.xml \
     /usr/share/icons/hicolor/scalable/apps/com.pelorin.PelorinVPN.svg \
-    /usr/share/doc/pelorin-vpn/copyright /usr/lib/pelorin-vpn/libpelorin-gui.so; do
+    /usr/share/doc/pelorin-vpn/copyright /usr/lib/pelorin-vpn/libpelorin-gui.so \
+    /usr/lib/pelorin-vpn/libpelorin-keyring.so /usr/lib/pelorin-vpn/libpelorin-notify.so; do
     check "$f is there" test -s "$target$f"
 done
 if command -v rsvg-convert >/dev/null; then
@@ -159,8 +160,10 @@ if command -v rsvg-convert >/dev/null; then
 fi
 check "no autostart entry is installed" test -z "$(in_root dpkg -L pelorin-vpn | grep -i autostart)"
 check "every library resolves" test -z "$(in_root ldd /usr/bin/pelorin-vpn | grep 'not found')"
-check "every library of the window module resolves" \
-    test -z "$(in_root ldd /usr/lib/pelorin-vpn/libpelorin-gui.so | grep 'not found')"
+for module in gui keyring notify; do
+    check "every library of the $module module resolves" \
+        test -z "$(in_root ldd /usr/lib/pelorin-vpn/libpelorin-$module.so | grep 'not found')"
+done
 check "port 80 capability on the program" sh -c "chroot '$target' getcap /usr/bin/pelorin-vpn | grep -q cap_net_bind_service=ep"
 check "sudo rule in place, mode 0440" test "$(stat -c %a "$target/etc/sudoers.d/pelorin-vpn")" = 440
 check "sudo configuration parses" in_root visudo -c

@@ -2,23 +2,13 @@
 // removed through one reader), and notifications through the freedesktop notification service.
 #include "platform/linux/LinuxPlatform.h"
 
-#include <QDBusConnection>
-#include <QDBusMessage>
-#include <QDBusReply>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QLibrary>
 #include <QTextStream>
-#include <QVariantMap>
 
 namespace {
-constexpr auto kNotificationsService = "org.freedesktop.Notifications";
-constexpr auto kNotificationsPath = "/org/freedesktop/Notifications";
-// Let the service choose how long a notification stays.
-constexpr int kServerDefaultTimeout = -1;
-// A missing or hung service must not hold up the caller for long.
-constexpr int kNotifyCallTimeoutMs = 3000;
-
 // The keys of a desktop entry's main group.
 QHash<QString, QString> readDesktopEntry(const QString &path)
 {
@@ -50,13 +40,22 @@ QString programOf(const QString &exec)
     }
     return exec.section(QLatin1Char(' '), 0, 0);
 }
+// The folder's *.desktop files. Matched by hand rather than with a name filter, which QDir
+// turns into a regular expression: that would map and JIT-compile PCRE in every process.
+QStringList desktopEntries(const QDir &dir, QDir::SortFlags sort)
+{
+    QStringList entries = dir.entryList(QDir::Files, sort);
+    entries.removeIf(
+        [](const QString &name) { return !name.endsWith(QLatin1String(".desktop"), Qt::CaseInsensitive); });
+    return entries;
+}
 } // namespace
 
 QList<Platform::LoginItem> LinuxPlatform::loginItems()
 {
     QList<LoginItem> items;
     const QDir dir(autostartDirectory());
-    const QStringList entries = dir.entryList({QStringLiteral("*.desktop")}, QDir::Files, QDir::Name);
+    const QStringList entries = desktopEntries(dir, QDir::Name);
     for (const QString &entry : entries) {
         const QHash<QString, QString> values = readDesktopEntry(dir.filePath(entry));
         if (values.value(QStringLiteral("Hidden")) == QLatin1String("true"))
@@ -73,7 +72,7 @@ bool LinuxPlatform::deleteLoginItem(const QString &name)
 {
     const QDir dir(autostartDirectory());
     bool removed = false;
-    const QStringList entries = dir.entryList({QStringLiteral("*.desktop")}, QDir::Files);
+    const QStringList entries = desktopEntries(dir, QDir::NoSort);
     for (const QString &entry : entries) {
         const QString path = dir.filePath(entry);
         const QString entryName = readDesktopEntry(path).value(QStringLiteral("Name"));
@@ -85,24 +84,14 @@ bool LinuxPlatform::deleteLoginItem(const QString &name)
 
 bool LinuxPlatform::showNotification(const QString &title, const QString &body, quint32 *id, QString *error)
 {
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected()) {
+    // The D-Bus client is a module loaded on first use (see NotifyModule.cpp); it stays loaded.
+    using Show = bool (*)(const QString &, const QString &, quint32 *, QString *);
+    QLibrary module(helperPath(QStringLiteral("pelorin-notify")));
+    const auto show = reinterpret_cast<Show>(module.resolve("pelorin_notify_show"));
+    if (!show) {
         if (error)
-            *error = QStringLiteral("no session bus: %1").arg(bus.lastError().message());
+            *error = module.errorString();
         return false;
     }
-    QDBusMessage call =
-        QDBusMessage::createMethodCall(QLatin1String(kNotificationsService), QLatin1String(kNotificationsPath),
-                                       QLatin1String(kNotificationsService), QStringLiteral("Notify"));
-    call << QStringLiteral("PelorinVPN") << quint32(0) << QString() << title << body << QStringList() << QVariantMap()
-         << kServerDefaultTimeout;
-    const QDBusReply<quint32> reply = bus.call(call, QDBus::Block, kNotifyCallTimeoutMs);
-    if (!reply.isValid()) {
-        if (error)
-            *error = reply.error().message();
-        return false;
-    }
-    if (id)
-        *id = reply.value();
-    return true;
+    return show(title, body, id, error);
 }
