@@ -1,5 +1,6 @@
 #include "foundation/EventBus.h"
 #include "foundation/EventNames.h"
+#include "foundation/HeapTrim.h"
 #include "foundation/MainQueue.h"
 #include "support/ClockGuard.h"
 
@@ -55,6 +56,19 @@ private slots:
         guard.advance(10000);
         QCOMPARE(ticks, 3);
         QVERIFY(!timer.isActive());
+    }
+
+    void heapTrimWaitsForQuietAndKeepsOneTaskPerBurst()
+    {
+        ClockGuard guard;
+        for (int i = 0; i < 3; ++i) {
+            HeapTrim::afterBurst();
+            QCOMPARE(guard.clock.pendingCount(), 1);
+            guard.advance(HeapTrim::kQuietMs - 1);
+            QCOMPARE(guard.clock.pendingCount(), 1);
+        }
+        guard.advance(1);
+        QCOMPARE(guard.clock.pendingCount(), 0);
     }
 
     void realTimeAfterAndCancelFromAnotherThread()

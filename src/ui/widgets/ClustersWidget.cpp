@@ -1,5 +1,6 @@
 #include "ui/widgets/ClustersWidget.h"
 
+#include "foundation/HeapTrim.h"
 #include "ui/ClustersVC.h"
 #include "ui/UiText.h"
 #include "ui/VpnEngine.h"
@@ -129,4 +130,5 @@ void ClustersWidget::render()
     m_list->setCurrentRow(source.selectedRow());
     m_overlay->setVisible(m_vc.loadingOverlayVisible());
     m_overlay->raise();
+    HeapTrim::afterBurst(); // the rows just replaced are freed
 }

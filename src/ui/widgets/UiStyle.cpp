@@ -1,5 +1,6 @@
 #include "ui/widgets/UiStyle.h"
 
+#include "foundation/HeapTrim.h"
 #include "platform/Platform.h"
 
 #include <QFileInfo>
@@ -47,6 +48,7 @@ QPixmap pixmap(const QString &name, const QSize &size, qreal devicePixelRatio)
     renderer.render(&painter);
     painter.end();
     image.setDevicePixelRatio(devicePixelRatio);
+    HeapTrim::afterBurst(); // the parsed document is garbage now
     return image;
 }
 
