@@ -1,10 +1,7 @@
 #include "foundation/HeapTrim.h"
 
 #include "foundation/MainQueue.h"
-
-#if defined(__GLIBC__)
-#include <malloc.h>
-#endif
+#include "platform/Platform.h"
 
 namespace {
 MainQueue::TaskId g_pending = 0;
@@ -15,8 +12,6 @@ void HeapTrim::afterBurst()
     MainQueue::cancel(g_pending);
     g_pending = MainQueue::after(kQuietMs, [] {
         g_pending = 0;
-#if defined(__GLIBC__)
-        malloc_trim(0);
-#endif
+        Platform::instance().releaseFreeMemory();
     });
 }

@@ -39,6 +39,8 @@ QList<Platform::LoginItem> Platform::loginItems()
     return items;
 }
 
+void Platform::releaseFreeMemory() {}
+
 bool Platform::showNotification(const QString &, const QString &, quint32 *, QString *error)
 {
     if (error)

@@ -72,6 +72,10 @@ public:
     // service took it; on success `id` is the service's identifier for it.
     virtual bool showNotification(const QString &title, const QString &body, quint32 *id, QString *error);
 
+    // Hands pages of freed heap memory back to the system where the allocator keeps them;
+    // blocks in use are never touched. Does nothing where there is no such call.
+    virtual void releaseFreeMemory();
+
     // Program and arguments that install a downloaded update package with administrator
     // rights; the exit status tells success.
     virtual QStringList installerCommand(const QString &packagePath) = 0;

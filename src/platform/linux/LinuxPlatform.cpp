@@ -14,6 +14,10 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
 namespace {
 constexpr auto kBundleId = "com.pelorin.vpn.mac";
 // Marks an autostart entry as ours and tells a start at login from a start by hand.
@@ -321,4 +325,11 @@ QString LinuxPlatform::updatePackageName()
 std::unique_ptr<Platform> Platform::createDefault()
 {
     return std::make_unique<LinuxPlatform>();
+}
+
+void LinuxPlatform::releaseFreeMemory()
+{
+#if defined(__GLIBC__)
+    malloc_trim(0);
+#endif
 }

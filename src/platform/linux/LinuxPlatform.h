@@ -56,6 +56,7 @@ public:
     QList<LoginItem> loginItems() override;
     // Through the freedesktop notification service on the session bus.
     bool showNotification(const QString &title, const QString &body, quint32 *id, QString *error) override;
+    void releaseFreeMemory() override;
 
     QStringList installerCommand(const QString &packagePath) override;
     QString updatePackageName() override;
