@@ -30,12 +30,18 @@ public:
     // What the delegate hears, in the order the sockets said it. Deliveries wait in one queue
     // that a single main-queue task drains, so a busy connection costs the main thread one
     // wake-up per batch rather than one per message.
+    // Releases a worker waiting on a parse failure once its delivery is gone: delivered,
+    // or dropped with the queue.
+    struct Handled {
+        std::promise<void> promise;
+        ~Handled() { promise.set_value(); }
+    };
     struct Delivery {
         enum Kind { Text, Accepted, Disconnected, ParseFailure } kind;
         AsyncSocketPtr sock;
         QByteArray data; // the text, or the raw bytes that failed
         std::optional<NQError> error;
-        std::shared_ptr<std::promise<void>> handled; // set once a parse failure was delivered
+        std::shared_ptr<Handled> handled;
     };
     static constexpr int kDeliveriesPerTurn = 256; // then other main-thread work gets a turn
     std::mutex deliveryMutex;
@@ -79,16 +85,8 @@ public:
         scheduleDrain();
     }
 
-    void deliver(Delivery &d)
+    void deliver(const Delivery &d)
     {
-        struct Done {
-            Delivery &d;
-            ~Done()
-            {
-                if (d.handled)
-                    d.handled->set_value();
-            }
-        } done{d};
         if (!server || !delegate)
             return;
         switch (d.kind) {
@@ -107,15 +105,13 @@ public:
         }
     }
 
-    // Deliveries never run once the server is gone; a worker waiting on one is released.
+    // Deliveries never run once the server is gone; destroyed outside the lock, they release
+    // any worker waiting on one.
     void dropDeliveries()
     {
         std::deque<Delivery> dropped;
         std::lock_guard lock(deliveryMutex);
         dropped.swap(deliveries);
-        for (auto &d : dropped)
-            if (d.handled)
-                d.handled->set_value();
     }
 
     void socketDidAcceptNewSocket(const AsyncSocketPtr &, const AsyncSocketPtr &newSocket) override
@@ -177,8 +173,8 @@ public:
             deliver(failure);
         } else {
             // Released when the delegate has had it, or when it is dropped at shutdown.
-            failure.handled = std::make_shared<std::promise<void>>();
-            std::future<void> finished = failure.handled->get_future();
+            failure.handled = std::make_shared<Handled>();
+            std::future<void> finished = failure.handled->promise.get_future();
             toMain(std::move(failure));
             finished.wait();
         }
