@@ -1,10 +1,9 @@
 #include "foundation/SecretBackend.h"
 
 #include "foundation/FileSecretBackend.h"
+#include "foundation/KeyringProcessBackend.h"
 #include "foundation/Log.h"
 #include "platform/Platform.h"
-
-#include <QLibrary>
 
 #include <mutex>
 
@@ -38,16 +37,15 @@ std::shared_ptr<SecretBackend> SecretBackend::systemDefault()
 
 std::shared_ptr<SecretBackend> SecretBackend::connectSecretService(QString *message)
 {
-    using Connect = SecretBackend *(*)(QString *);
-    QLibrary module(Platform::instance().helperPath(QStringLiteral("pelorin-keyring")));
-    const auto connect = reinterpret_cast<Connect>(module.resolve("pelorin_keyring_connect"));
-    if (!connect) {
+    auto backend =
+        std::make_shared<KeyringProcessBackend>(Platform::instance().helperPath(QStringLiteral("pelorin-keyring")));
+    const Result answer = backend->ping();
+    if (!answer.ok()) {
         if (message)
-            *message = module.errorString();
+            *message = answer.message;
         return nullptr;
     }
-    // The module stays loaded (QLibrary does not unload on destruction): the backend's code is there.
-    return std::shared_ptr<SecretBackend>(connect(message));
+    return backend;
 }
 
 void SecretBackend::setSystemDefaultForTesting(std::shared_ptr<SecretBackend> backend)

@@ -43,8 +43,8 @@ public:
     // environment variable PELORIN_SECRET_STORE=file skips the Secret Service (headless
     // machines, test runs that must not touch the user's keyring).
     static std::shared_ptr<SecretBackend> systemDefault();
-    // Connects to the Secret Service on the session bus through the keyring module (loaded on
-    // first use); nullptr and *message when the module is missing or no service answers.
+    // The Secret Service on the session bus, reached through the keyring helper once it has
+    // answered a ping; nullptr and *message when the helper is missing or no service answers.
     static std::shared_ptr<SecretBackend> connectSecretService(QString *message);
     // Replaces the process-wide backend (tests); nullptr chooses again on next use.
     static void setSystemDefaultForTesting(std::shared_ptr<SecretBackend> backend);

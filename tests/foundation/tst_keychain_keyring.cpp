@@ -6,6 +6,7 @@
 #include "support/LogCapture.h"
 
 #include <QCoreApplication>
+#include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
@@ -138,6 +139,18 @@ private slots:
         QVERIFY(manager.getVpnCredentials().username.isNull());
         QVERIFY(manager.getVpnCredentials().password.isNull());
         QCOMPARE(itemCount(QStringLiteral("password")), 0);
+    }
+
+    void secretServiceLibrariesStayOutOfThisProcess()
+    {
+        QVERIFY(store().setString(QStringLiteral("mapped?"), QStringLiteral("username")));
+        QCOMPARE(store().stringForKey(QStringLiteral("username")), QStringLiteral("mapped?"));
+        QFile maps(QStringLiteral("/proc/self/maps"));
+        QVERIFY(maps.open(QIODevice::ReadOnly));
+        const QByteArray mapped = maps.readAll();
+        QVERIFY(!mapped.isEmpty());
+        QVERIFY(!mapped.contains("libsecret-1"));
+        QVERIFY(!mapped.contains("libgio-2.0"));
     }
 
     // Last: the keyring stays locked afterwards.

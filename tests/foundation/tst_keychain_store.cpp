@@ -253,7 +253,7 @@ private slots:
         QString reason;
         QVERIFY(!SecretBackend::connectSecretService(&reason));
         QVERIFY(!reason.isEmpty());
-        // The keyring module itself was found and loaded: the refusal is the bus's.
+        // The keyring helper itself was found and ran: the refusal is the bus's.
         QVERIFY2(!reason.contains(QLatin1String("pelorin-keyring")), qPrintable(reason));
 
         LogCapture log;

@@ -3,7 +3,6 @@
 #include "foundation/SecretBackend.h"
 
 #include <memory>
-#include <mutex>
 
 typedef struct _SecretService SecretService;
 
@@ -12,9 +11,8 @@ typedef struct _SecretService SecretService;
 // collection, which stays on this machine. Nothing here unlocks or prompts: a locked item or
 // collection answers InteractionNotAllowed, as a locked keychain does.
 //
-// It lives in a module of its own (libpelorin-keyring.so, next to the helpers) so that
-// libsecret and GIO are loaded only when the Secret Service is first asked for: reach it
-// through SecretBackend::connectSecretService.
+// It runs only inside the keyring helper (pelorin-keyring), one request per run, so that
+// libsecret and GIO, which cannot be unloaded, never stay mapped in the program itself.
 class LibsecretBackend : public SecretBackend {
 public:
     // Connects to the Secret Service on the session bus; nullptr and *message when none
@@ -32,5 +30,4 @@ private:
     explicit LibsecretBackend(SecretService *service);
 
     SecretService *m_service;
-    std::mutex m_mutex; // one request at a time keeps find-then-write sequences whole
 };

@@ -1,7 +1,7 @@
 // libsecret (through GIO) must come before Qt: GIO has members named "signals".
 #include <libsecret/secret.h>
 
-#include "foundation/LibsecretBackend.h"
+#include "LibsecretBackend.h"
 
 #include <QString>
 
@@ -95,17 +95,13 @@ std::unique_ptr<LibsecretBackend> LibsecretBackend::connect(QString *message)
     return std::unique_ptr<LibsecretBackend>(new LibsecretBackend(service));
 }
 
-// The keyring module's entry point (SecretBackend::connectSecretService loads the module).
-extern "C" Q_DECL_EXPORT SecretBackend *pelorin_keyring_connect(QString *message)
-{
-    return LibsecretBackend::connect(message).release();
-}
-
 LibsecretBackend::LibsecretBackend(SecretService *service) : m_service(service) {}
 
 LibsecretBackend::~LibsecretBackend()
 {
     g_object_unref(m_service);
+    // The helper exits right after one request: drop libsecret's shared connection too.
+    secret_service_disconnect();
 }
 
 namespace {
@@ -141,7 +137,6 @@ bool anyLocked(GList *items)
 
 Result LibsecretBackend::find(const QString &service, const QString &account)
 {
-    std::lock_guard lock(m_mutex);
     Result result;
     ItemList items = search(m_service, service, account, &result);
     if (!items)
@@ -164,7 +159,6 @@ Result LibsecretBackend::find(const QString &service, const QString &account)
 
 Result LibsecretBackend::update(const QString &service, const QString &account, const QByteArray &data)
 {
-    std::lock_guard lock(m_mutex);
     Result result;
     ItemList items = search(m_service, service, account, &result);
     if (!items)
@@ -185,7 +179,6 @@ Result LibsecretBackend::update(const QString &service, const QString &account, 
 
 Result LibsecretBackend::add(const QString &service, const QString &account, const QByteArray &data)
 {
-    std::lock_guard lock(m_mutex);
     GError *error = nullptr;
     SecretCollection *collection =
         secret_collection_for_alias_sync(m_service, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr, &error);
@@ -214,7 +207,6 @@ Result LibsecretBackend::add(const QString &service, const QString &account, con
 
 Result LibsecretBackend::remove(const QString &service, const QString &account)
 {
-    std::lock_guard lock(m_mutex);
     Result result;
     ItemList items = search(m_service, service, account, &result);
     if (!items)
