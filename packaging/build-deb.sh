@@ -54,7 +54,7 @@ cmake -S "$root" -B "$build" -G Ninja "${launcher[@]}" "${build_arg[@]}" \
     -DCMAKE_PROJECT_PelorinVPN_INCLUDE="$root/packaging/VersionOverride.cmake" \
     -DPELORIN_VERSION_OVERRIDE="$version" >"$build.configure.log" ||
     { cat "$build.configure.log" >&2; exit 1; }
-ninja -C "$build" -j"$jobs" pelorin-vpn ovpncli vpnctrl_launcher packaging/all
+ninja -C "$build" -j"$jobs" pelorin-vpn ovpncli vpnctrl_launcher pelorin-keyring packaging/all
 
 # Checks that need no network: a broken rule would lock users out of sudo, a broken
 # desktop entry or metainfo would hide the program from menus and software centres.

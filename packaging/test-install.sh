@@ -142,7 +142,7 @@ step "installed $old_version with its dependencies (log: $work/install.log)"
 
 check "version $old_version installed" test "$(in_root dpkg-query -W -f '${Version}' pelorin-vpn)" = "$old_version"
 for f in /usr/bin/pelorin-vpn /usr/lib/pelorin-vpn/ovpncli /usr/lib/pelorin-vpn/vpnctrl_launcher \
-    /usr/lib/pelorin-vpn/install-update; do
+    /usr/lib/pelorin-vpn/pelorin-keyring /usr/lib/pelorin-vpn/install-update; do
     check "$f is a program" test -x "$target$f"
 done
 for f in /usr/share/pelorin-vpn/CommonConfig.plist /usr/share/pelorin-vpn/ReleaseConfig.plist \
@@ -152,7 +152,7 @@ for f in /usr/share/pelorin-vpn/CommonConfig.plist /usr/share/pelorin-vpn/Releas
     /usr/share/metainfo/com.pelorin.PelorinVPN.metainfo.xml \
     /usr/share/icons/hicolor/scalable/apps/com.pelorin.PelorinVPN.svg \
     /usr/share/doc/pelorin-vpn/copyright /usr/lib/pelorin-vpn/libpelorin-gui.so \
-    /usr/lib/pelorin-vpn/libpelorin-keyring.so /usr/lib/pelorin-vpn/libpelorin-notify.so; do
+    /usr/lib/pelorin-vpn/libpelorin-notify.so; do
     check "$f is there" test -s "$target$f"
 done
 if command -v rsvg-convert >/dev/null; then
@@ -160,10 +160,12 @@ if command -v rsvg-convert >/dev/null; then
 fi
 check "no autostart entry is installed" test -z "$(in_root dpkg -L pelorin-vpn | grep -i autostart)"
 check "every library resolves" test -z "$(in_root ldd /usr/bin/pelorin-vpn | grep 'not found')"
-for module in gui keyring notify; do
+for module in gui notify; do
     check "every library of the $module module resolves" \
         test -z "$(in_root ldd /usr/lib/pelorin-vpn/libpelorin-$module.so | grep 'not found')"
 done
+check "every library of the keyring helper resolves" \
+    test -z "$(in_root ldd /usr/lib/pelorin-vpn/pelorin-keyring | grep 'not found')"
 check "port 80 capability on the program" sh -c "chroot '$target' getcap /usr/bin/pelorin-vpn | grep -q cap_net_bind_service=ep"
 check "sudo rule in place, mode 0440" test "$(stat -c %a "$target/etc/sudoers.d/pelorin-vpn")" = 440
 check "sudo configuration parses" in_root visudo -c
