@@ -39,10 +39,16 @@ bool guiHome(const BenchSandbox &sandbox, BenchProcess &app, QString *why)
 
 bool headlessCatalogue(const BenchSandbox &sandbox, BenchProcess &app, QString *why)
 {
+    return headlessCatalogue(sandbox, sandbox.environment(), app, why);
+}
+
+bool headlessCatalogue(const BenchSandbox &sandbox, const QProcessEnvironment &environment, BenchProcess &app,
+                       QString *why)
+{
     // Any cluster will do: the profile never arrives while we measure.
     BenchProcess list;
     const QStringList listArgs{QStringLiteral("--headless"), QStringLiteral("--list")};
-    if (!list.start(sandbox.appPath(), listArgs, sandbox.environment())) {
+    if (!list.start(sandbox.appPath(), listArgs, environment)) {
         *why = QStringLiteral("cannot start %1").arg(sandbox.appPath());
         return false;
     }
@@ -53,8 +59,7 @@ bool headlessCatalogue(const BenchSandbox &sandbox, BenchProcess &app, QString *
     }
     const QString iso = QString::fromUtf8(list.lines()[*first].text.split('\t').value(0));
     list.stop();
-    if (!app.start(sandbox.appPath(), {QStringLiteral("--headless"), QStringLiteral("--connect"), iso},
-                   sandbox.environment())) {
+    if (!app.start(sandbox.appPath(), {QStringLiteral("--headless"), QStringLiteral("--connect"), iso}, environment)) {
         *why = QStringLiteral("cannot start %1").arg(sandbox.appPath());
         return false;
     }

@@ -14,6 +14,9 @@ bool guiHome(const BenchSandbox &sandbox, BenchProcess &app, QString *why);
 // The console program provisioned and with the server list loaded: it is connecting to the
 // first cluster and the backend holds the profile request (BenchSandbox::kHeldProfile).
 bool headlessCatalogue(const BenchSandbox &sandbox, BenchProcess &app, QString *why);
+// The same with another environment (a private keyring, other data folders).
+bool headlessCatalogue(const BenchSandbox &sandbox, const QProcessEnvironment &environment, BenchProcess &app,
+                       QString *why);
 // bench_bare_window (or its --core console twin) running its event loop.
 bool bare(const BenchSandbox &sandbox, BenchProcess &peer, bool core, QString *why);
 } // namespace BenchScenarios

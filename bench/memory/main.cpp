@@ -3,15 +3,19 @@
 // Idle memory of pelorin-vpn once it has settled: the windowed program on its home screen
 // with the server list loaded, against bench_bare_window (a plain 522 x 319 window), and the
 // console program provisioned with the server list loaded, against the bare console event
-// loop. Reads VmRSS from /proc/PID/status and Pss from /proc/PID/smaps_rollup (Pss shares the
-// Qt libraries' pages among the processes mapping them), median over the launches, and
-// prints what the resident pages of the last launch are made of.
+// loop; where dbus-daemon and gnome-keyring-daemon are installed, the console program once more
+// with its secrets in a private unlocked keyring (checked to be there afterwards). Reads VmRSS from /proc/PID/status
+// and Pss from /proc/PID/smaps_rollup (Pss shares the Qt libraries' pages among the processes mapping them), median
+// over the launches, and prints what the resident pages of the last launch are made of.
+#include "common/BenchKeyring.h"
 #include "common/BenchProcess.h"
 #include "common/BenchReport.h"
 #include "common/BenchSandbox.h"
 #include "common/BenchScenarios.h"
 
 #include <QCoreApplication>
+#include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QMap>
 
@@ -23,6 +27,10 @@ namespace {
 constexpr int kDefaultLaunches = 3;
 constexpr double kGuiGoalMB = 45;
 constexpr double kHeadlessGoalMB = 15;
+const QString kKeychainService = QStringLiteral("com.pelorin.vpn.mac");
+// Folders the keyring runs get afresh, so the console provisions again and writes its
+// secrets into the keyring instead of finding them in the file store's folder.
+const char *const kOwnFolders[] = {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME", "PELORIN_DATA_HOME"};
 
 struct Memory {
     std::vector<double> rssMB, pssMB;
@@ -55,6 +63,30 @@ QMap<QString, qint64> breakdown(int pid)
         }
     }
     return out;
+}
+
+QProcessEnvironment withOwnFolders(QProcessEnvironment environment)
+{
+    for (const char *name : kOwnFolders) {
+        const QString folder = environment.value(QLatin1String(name)) + QStringLiteral("-keyring");
+        QDir().mkpath(folder);
+        environment.insert(QLatin1String(name), folder);
+    }
+    return environment;
+}
+
+// Secrets files the program left under the keyring runs' folders (there must be none).
+QStringList secretFiles(const QProcessEnvironment &environment)
+{
+    QStringList found;
+    for (const char *name : kOwnFolders) {
+        QDirIterator it(environment.value(QLatin1String(name)), {QStringLiteral("secrets.json")}, QDir::Files,
+                        QDirIterator::Subdirectories);
+        while (it.hasNext())
+            found << it.next();
+    }
+    found.removeDuplicates();
+    return found;
 }
 
 bool measure(const std::function<bool(BenchProcess &, QString *)> &start, Memory &memory)
@@ -124,11 +156,35 @@ int main(int argc, char **argv)
             !measure([&](BenchProcess &p, QString *w) { return bare(sandbox, p, true, w); }, hBare))
             return 1;
     }
+    // The console with the Secret Service in use: a private bus and keyring for these runs.
+    Memory hKey;
+    BenchKeyring keyring;
+    const bool withKeyring = keyring.start(withOwnFolders(sandbox.environment()));
+    if (withKeyring) {
+        for (int i = 0; i < launches; ++i)
+            if (!measure(
+                    [&](BenchProcess &p, QString *w) {
+                        return BenchScenarios::headlessCatalogue(sandbox, keyring.environment(), p, w);
+                    },
+                    hKey))
+                return 1;
+        const int items = keyring.itemCount(kKeychainService);
+        const QStringList files = secretFiles(keyring.environment());
+        if (items < 1 || !files.isEmpty()) {
+            std::fprintf(stderr, "bench_memory: the console did not keep its secrets in the keyring (%d items; %s)\n",
+                         items, qPrintable(files.join(QStringLiteral(", "))));
+            return 1;
+        }
+        std::printf("keyring runs: %d items under %s in the private keyring, no secrets file\n", items,
+                    qPrintable(kKeychainService));
+    }
     if (gui) {
         printBreakdown("pelorin-vpn, home screen", gHome);
         printBreakdown("bare window", gBare);
     }
     printBreakdown("pelorin-vpn --headless, server list loaded", hCat);
+    if (withKeyring)
+        printBreakdown("pelorin-vpn --headless, server list loaded, secrets in the keyring", hKey);
     printBreakdown("bare console event loop", hBare);
     if (gui)
         report(QStringLiteral("idle memory, window on home screen"), gHome, gBare, kGuiGoalMB);
@@ -136,5 +192,11 @@ int main(int argc, char **argv)
         BenchReport::result(QStringLiteral("idle memory, window on home screen"), QStringLiteral("skipped: no DISPLAY"),
                             QStringLiteral("-"), QStringLiteral("-"), QStringLiteral("<= 45 MB"), QStringLiteral("-"));
     report(QStringLiteral("idle memory, headless with server list"), hCat, hBare, kHeadlessGoalMB);
+    const QString keyringRow = QStringLiteral("idle memory, headless with server list and keyring");
+    if (withKeyring)
+        report(keyringRow, hKey, hBare, kHeadlessGoalMB);
+    else
+        BenchReport::result(keyringRow + QStringLiteral(", RSS"), QStringLiteral("skipped: ") + keyring.error(),
+                            QStringLiteral("-"), QStringLiteral("-"), QStringLiteral("<= 15 MB"), QStringLiteral("-"));
     return 0;
 }
