@@ -6,14 +6,30 @@
 #include <cstring>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 // Bytes taken from the kernel per read() call, and read() calls per readiness report, so one
 // busy client cannot hold the I/O thread for long.
 constexpr qsizetype kReadChunk = 64 * 1024;
-constexpr int kReadsPerWakeup = 16;
-// Capacity an emptied input buffer keeps for the next bytes.
-constexpr qsizetype kKeptBufferBytes = 4 * kReadChunk;
+constexpr int kReadsPerWakeup = 4;
+// Capacity an emptied input buffer keeps for the next bytes: room for one wake-up's reads
+// after a partial message, so a busy connection reuses its two buffers instead of growing
+// and freeing them.
+constexpr qsizetype kKeptBufferBytes = 2 * kReadsPerWakeup * kReadChunk;
+
+// Empties a buffer, keeping a normal-sized one for the next bytes and giving back what a big
+// message took.
+void recycle(QByteArray &buffer)
+{
+    if (buffer.capacity() > kKeptBufferBytes)
+        buffer.clear();
+    else
+        buffer.resize(0);
+}
+
+// The socket whose drain runs on this thread: its callbacks' read requests skip the lock.
+thread_local const AsyncSocket *t_draining = nullptr;
 
 NQError osError(int err)
 {
@@ -99,21 +115,28 @@ QString AsyncSocket::description() const
 
 void AsyncSocket::readDataWithTimeout(double, long tag)
 {
-    std::lock_guard lock(m_mutex);
-    if (m_state != State::Connected)
-        return;
-    m_reads.push_back({-1, tag});
-    completeReadsLocked();
+    queueRead(-1, tag);
 }
 
 void AsyncSocket::readDataToLength(std::uint64_t length, double, long tag)
 {
+    // Lengths past what a signed count holds can never be met; they wait like any other.
+    queueRead(static_cast<std::int64_t>(std::min<std::uint64_t>(length, INT64_MAX)), tag);
+}
+
+void AsyncSocket::queueRead(std::int64_t length, long tag)
+{
+    if (t_draining == this) {
+        // From one of this socket's own callbacks, the usual case: the running drain owns the
+        // queue it goes to (and drops it if the socket has closed meanwhile).
+        m_takeReads.push_back({length, tag});
+        return;
+    }
     std::lock_guard lock(m_mutex);
     if (m_state != State::Connected)
         return;
-    // Lengths past what a signed count holds can never be met; they wait like any other.
-    m_reads.push_back({static_cast<std::int64_t>(std::min<std::uint64_t>(length, INT64_MAX)), tag});
-    completeReadsLocked();
+    m_reads.push_back({length, tag});
+    scheduleDrainLocked();
 }
 
 void AsyncSocket::writeData(const QByteArray &data, double, long tag)
@@ -162,19 +185,19 @@ void AsyncSocket::handleReady(std::uint32_t events)
     } else if (events & (EventPoller::Readable | EventPoller::HangUp)) {
         readKernelLocked();
     }
-    completeReadsLocked();
+    if (m_state != State::Connected)
+        return;
+    if (wantsDrainLocked() || (m_hangUp && !m_reads.empty()))
+        scheduleDrainLocked();
+    updateInterestLocked();
 }
 
 void AsyncSocket::readKernelLocked()
 {
     for (int i = 0; i < kReadsPerWakeup && !m_eof; ++i) {
-        const qsizetype room = static_cast<qsizetype>(m_maxBuffered) - (m_in.size() - m_inPos);
+        const qsizetype room = static_cast<qsizetype>(m_maxBuffered) - heldLocked();
         if (room <= 0)
             break;
-        if (m_inPos > 0 && m_inPos >= m_in.size() / 2) {
-            m_in.remove(0, m_inPos);
-            m_inPos = 0;
-        }
         // Straight into the buffer's free end: no second copy.
         const qsizetype want = std::min(room, kReadChunk);
         const qsizetype held = m_in.size();
@@ -197,50 +220,22 @@ void AsyncSocket::readKernelLocked()
     }
 }
 
-void AsyncSocket::completeReadsLocked()
+qsizetype AsyncSocket::heldLocked() const
 {
-    while (m_state == State::Connected && !m_reads.empty()) {
-        if (m_hangUp && !m_eof)
-            readKernelLocked();
-        if (m_state != State::Connected)
-            return;
-        const ReadRequest request = m_reads.front();
-        const qsizetype available = m_in.size() - m_inPos;
-        qsizetype take;
-        if (request.length < 0)
-            take = available;
-        else if (request.length <= available)
-            take = static_cast<qsizetype>(request.length);
-        else
-            take = 0;
-        if (take == 0 && request.length != 0) {
-            if (request.length > m_maxBuffered && available >= m_maxBuffered) {
-                closeLocked(NQError(kErrorDomain, ReadLimitError,
-                                    {{NQError::kLocalizedDescriptionKey,
-                                      QStringLiteral("Read of %1 bytes exceeds the %2-byte buffer limit")
-                                          .arg(request.length)
-                                          .arg(m_maxBuffered)}}),
-                            true);
-                return;
-            }
-            break;
-        }
-        QByteArray data = m_in.mid(m_inPos, take);
-        m_inPos += take;
-        if (m_inPos == m_in.size()) {
-            // Keep a normal-sized buffer for the next bytes; give back what a big message took.
-            if (m_in.capacity() > kKeptBufferBytes)
-                m_in.clear();
-            else
-                m_in.resize(0);
-            m_inPos = 0;
-        }
-        m_reads.pop_front();
-        postLocked({Completion::Read, request.tag, std::move(data), {}, {}});
-    }
-    finishIfDrainedLocked();
-    if (m_state == State::Connected)
-        updateInterestLocked();
+    return m_takeHeld + m_in.size();
+}
+
+// Whether the drain has something to do about reads: meet the oldest request, fail it for
+// the buffer limit, or end the connection.
+bool AsyncSocket::wantsDrainLocked() const
+{
+    if (m_eof)
+        return true;
+    if (m_reads.empty())
+        return false;
+    const std::int64_t length = m_reads.front().length;
+    const qsizetype held = heldLocked();
+    return (length < 0 ? held > 0 : length <= held) || held >= m_maxBuffered;
 }
 
 void AsyncSocket::writePendingLocked()
@@ -271,7 +266,7 @@ void AsyncSocket::updateInterestLocked()
     if (m_state != State::Connected || m_hangUp)
         return;
     std::uint32_t wanted = 0;
-    if (!m_eof && m_in.size() - m_inPos < m_maxBuffered)
+    if (!m_eof && heldLocked() < m_maxBuffered)
         wanted |= EventPoller::Readable;
     if (!m_writes.empty())
         wanted |= EventPoller::Writable;
@@ -279,16 +274,6 @@ void AsyncSocket::updateInterestLocked()
         m_interest = wanted;
         SocketLoop::shared().modify(m_fd, m_token, wanted);
     }
-}
-
-// After the peer's end of stream, the connection stays up only while a read can still be
-// met from what was received, or while a callback is running that may queue one.
-void AsyncSocket::finishIfDrainedLocked()
-{
-    if (m_state != State::Connected || !m_eof)
-        return;
-    if (!m_reads.empty() || m_callbacksInFlight == 0)
-        closeLocked({}, true);
 }
 
 void AsyncSocket::closeLocked(const NQErrorOpt &error, bool report)
@@ -310,7 +295,8 @@ void AsyncSocket::closeLocked(const NQErrorOpt &error, bool report)
     m_reads.clear();
     m_writes.clear();
     m_in.clear();
-    m_inPos = 0;
+    m_takeHeld = 0;
+    m_open = false; // what the drain holds goes at its next look under the lock
     if (m_state != State::Idle)
         m_state = State::Disconnected;
     if (wasOpen && report && m_reports)
@@ -319,7 +305,6 @@ void AsyncSocket::closeLocked(const NQErrorOpt &error, bool report)
 
 void AsyncSocket::postLocked(Completion completion)
 {
-    ++m_callbacksInFlight;
     m_completions.push_back(std::move(completion));
     scheduleDrainLocked();
 }
@@ -335,27 +320,29 @@ void AsyncSocket::scheduleDrainLocked()
 void AsyncSocket::drainCompletions()
 {
     const AsyncSocketPtr self = shared_from_this();
-    bool ranOne = false;
-    for (int i = 0;; ++i) {
+    const AsyncSocket *const outer = std::exchange(t_draining, this);
+    std::shared_ptr<AsyncSocketDelegate> delegate;
+    bool more = true;
+    for (int i = 0; i < kCallbacksPerTurn; ++i) {
         Completion next;
-        std::shared_ptr<AsyncSocketDelegate> delegate;
-        {
+        // While the drain's own bytes meet its own requests, no lock is taken.
+        if (!(delegate && m_open.load(std::memory_order_acquire) && takeRead(next))) {
             std::lock_guard lock(m_mutex);
-            if (ranOne) {
-                --m_callbacksInFlight;
-                finishIfDrainedLocked(); // may queue the disconnection
-            }
-            if (m_completions.empty() || i == kCallbacksPerTurn) {
-                m_drainScheduled = false;
-                if (!m_completions.empty())
-                    scheduleDrainLocked(); // a turn for other sockets first
-                return;
-            }
-            next = std::move(m_completions.front());
-            m_completions.pop_front();
             delegate = m_delegate.lock();
+            refillLocked();
+            if (!(m_state == State::Connected && takeRead(next))) {
+                // Nothing left to read for a peer that has ended: the connection ends too.
+                if (m_completions.empty() && m_eof && m_state == State::Connected)
+                    closeLocked({}, true);
+                if (m_completions.empty()) {
+                    more = false;
+                    endTurnLocked(false);
+                    break;
+                }
+                next = std::move(m_completions.front());
+                m_completions.pop_front();
+            }
         }
-        ranOne = true;
         if (!delegate)
             continue;
         switch (next.kind) {
@@ -363,7 +350,7 @@ void AsyncSocket::drainCompletions()
             delegate->socketDidAcceptNewSocket(next.listener, self);
             break;
         case Completion::Read:
-            delegate->socketDidReadData(self, next.data, next.tag);
+            delegate->socketDidReadData(self, std::move(next.data), next.tag);
             break;
         case Completion::Wrote:
             delegate->socketDidWriteDataWithTag(self, next.tag);
@@ -373,4 +360,105 @@ void AsyncSocket::drainCompletions()
             break;
         }
     }
+    if (more) {
+        std::lock_guard lock(m_mutex);
+        endTurnLocked(true); // a turn for other sockets first
+    }
+    t_draining = outer;
+}
+
+// Meets the drain's oldest request from the bytes it owns: the carried partial message, then
+// the current buffer.
+bool AsyncSocket::takeRead(Completion &next)
+{
+    if (m_takeReads.empty())
+        return false;
+    const ReadRequest request = m_takeReads.front();
+    const qsizetype inTake = m_take.size() - m_takePos;
+    const qsizetype available = m_carry.size() + inTake;
+    if (request.length < 0 ? available == 0 : request.length > available)
+        return false;
+    const qsizetype length = request.length < 0 ? available : static_cast<qsizetype>(request.length);
+    next.kind = Completion::Read;
+    next.tag = request.tag;
+    if (m_carry.isEmpty()) {
+        next.data = m_take.mid(m_takePos, length);
+        m_takePos += length;
+    } else if (length <= m_carry.size()) {
+        next.data = m_carry.left(length);
+        m_carry.remove(0, length);
+    } else {
+        const qsizetype fromTake = length - m_carry.size();
+        next.data = std::move(m_carry);
+        next.data.append(m_take.constData() + m_takePos, fromTake);
+        m_carry = QByteArray();
+        m_takePos += fromTake;
+    }
+    if (m_takePos == m_take.size()) {
+        recycle(m_take);
+        m_takePos = 0;
+    }
+    m_takeReads.pop_front();
+    return true;
+}
+
+// Hands the drain the requests queued from other threads and the bytes read since it last
+// looked. The buffers trade places rather than copy; only the unread end of the drain's
+// buffer (usually part of one message) is carried over.
+void AsyncSocket::refillLocked()
+{
+    if (m_state != State::Connected) {
+        m_takeReads.clear();
+        m_take.clear();
+        m_carry.clear();
+        m_takePos = 0;
+        return;
+    }
+    m_takeReads.insert(m_takeReads.end(), m_reads.begin(), m_reads.end());
+    m_reads.clear();
+    m_takeHeld = m_carry.size() + m_take.size() - m_takePos;
+    if (m_takeReads.empty())
+        return;
+    // Nothing else will say more bytes came from a peer that hung up: read them all now.
+    for (qsizetype before = -1; m_hangUp && !m_eof && m_state == State::Connected && before != m_in.size();) {
+        before = m_in.size();
+        readKernelLocked();
+    }
+    if (m_state != State::Connected || m_in.isEmpty())
+        return;
+    m_carry.append(m_take.constData() + m_takePos, m_take.size() - m_takePos);
+    m_take.swap(m_in);
+    m_takePos = 0;
+    recycle(m_in);
+    m_takeHeld = m_carry.size() + m_take.size();
+    const std::int64_t length = m_takeReads.front().length;
+    if (length > m_maxBuffered && m_takeHeld >= m_maxBuffered)
+        closeLocked(
+            NQError(
+                kErrorDomain, ReadLimitError,
+                {{NQError::kLocalizedDescriptionKey,
+                  QStringLiteral("Read of %1 bytes exceeds the %2-byte buffer limit").arg(length).arg(m_maxBuffered)}}),
+            true);
+}
+
+// Ends a turn under the lock: requests the drain could not meet go back where the I/O thread
+// sees them, and another turn is queued if work remains.
+void AsyncSocket::endTurnLocked(bool more)
+{
+    m_drainScheduled = false;
+    if (m_state == State::Connected) {
+        m_reads.insert(m_reads.begin(), m_takeReads.begin(), m_takeReads.end());
+        m_takeReads.clear();
+        m_takeHeld = m_carry.size() + m_take.size() - m_takePos;
+        updateInterestLocked();
+        if (more || wantsDrainLocked())
+            scheduleDrainLocked();
+    } else {
+        m_takeReads.clear();
+        m_take.clear();
+        m_carry.clear();
+        m_takePos = 0;
+    }
+    if (!m_completions.empty())
+        scheduleDrainLocked();
 }

@@ -5,6 +5,7 @@
 
 #include <QString>
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -84,11 +85,12 @@ private:
 
     void handleReady(std::uint32_t events);
     void acceptPending(int listenFd);
+    void queueRead(std::int64_t length, long tag);
     void readKernelLocked();
-    void completeReadsLocked();
+    qsizetype heldLocked() const;
+    bool wantsDrainLocked() const;
     void writePendingLocked();
     void updateInterestLocked();
-    void finishIfDrainedLocked();
     void closeLocked(const NQErrorOpt &error, bool report);
     bool openListenerLocked(int family, std::uint16_t port, NQErrorOpt *error);
     // A callback waiting for the delegate queue. The socket drains its own queue of these on
@@ -101,10 +103,14 @@ private:
         NQErrorOpt error;        // Disconnected
     };
     // Callbacks run per pool turn before the thread goes to other sockets.
-    static constexpr int kCallbacksPerTurn = 64;
+    static constexpr int kCallbacksPerTurn = 256;
     void postLocked(Completion completion);
     void scheduleDrainLocked();
     void drainCompletions();
+    // Drain side: reads are met from bytes the running drain owns, without the lock.
+    bool takeRead(Completion &next);
+    void refillLocked();
+    void endTurnLocked(bool more);
 
     mutable std::mutex m_mutex;
     State m_state = State::Idle;
@@ -122,14 +128,21 @@ private:
     std::uint64_t m_token = 0;
     std::uint32_t m_interest = 0;
     QString m_peer;
-    QByteArray m_in;
-    qsizetype m_inPos = 0; // consumed prefix of m_in
-    bool m_eof = false;    // the peer's end of stream has been read
-    bool m_hangUp = false; // no longer watched: the peer hung up while reading was paused
-    std::deque<ReadRequest> m_reads;
+    QByteArray m_in;                 // read from the kernel, not yet handed to the drain
+    qsizetype m_takeHeld = 0;        // unread bytes the drain kept when it last took the lock
+    bool m_eof = false;              // the peer's end of stream has been read
+    bool m_hangUp = false;           // no longer watched: the peer hung up while reading was paused
+    std::deque<ReadRequest> m_reads; // queued from outside the drain, or given back by it
     std::deque<WriteRequest> m_writes;
-    std::deque<Completion> m_completions;
+    std::deque<Completion> m_completions; // everything but reads
     bool m_drainScheduled = false;
-    bool m_reports = false;      // opened (listening or adopted), so its end is reported
-    int m_callbacksInFlight = 0; // queued or running
+    bool m_reports = false; // opened (listening or adopted), so its end is reported
+    // Cleared by closeLocked; the drain checks it before each read it meets without the lock.
+    std::atomic<bool> m_open{false};
+
+    // Owned by the running drain (one at a time per socket; hand-over through the lock).
+    QByteArray m_carry; // unread end of an earlier buffer, older than m_take
+    QByteArray m_take;
+    qsizetype m_takePos = 0;
+    std::deque<ReadRequest> m_takeReads;
 };

@@ -188,6 +188,7 @@ AsyncSocketPtr AsyncSocket::adopt(int fd, const AsyncSocket &listener, const QSt
     client->m_peer = peer;
     client->m_fd = fd;
     client->m_state = State::Connected;
+    client->m_open = true;
     client->m_interest = EventPoller::Readable;
     int pollError = 0;
     client->m_token = SocketLoop::shared().add(fd, client, client->m_interest, &pollError);
@@ -195,6 +196,7 @@ AsyncSocketPtr AsyncSocket::adopt(int fd, const AsyncSocket &listener, const QSt
         close(fd);
         client->m_fd = -1;
         client->m_state = State::Disconnected;
+        client->m_open = false;
         return nullptr;
     }
     return client;

@@ -18,8 +18,8 @@ public:
     // A client connected to the listening socket `sock`; `newSocket` inherits its delegate and
     // delegate queue. Keep `newSocket` or it closes.
     virtual void socketDidAcceptNewSocket(const AsyncSocketPtr &sock, const AsyncSocketPtr &newSocket) {}
-    // A read request completed with `data`; `tag` is the request's tag.
-    virtual void socketDidReadData(const AsyncSocketPtr &sock, const QByteArray &data, long tag) {}
+    // A read request completed with `data`, the delegate's own; `tag` is the request's tag.
+    virtual void socketDidReadData(const AsyncSocketPtr &sock, QByteArray data, long tag) {}
     // Every byte of a write request has been handed to the kernel.
     virtual void socketDidWriteDataWithTag(const AsyncSocketPtr &sock, long tag) {}
     // The socket closed, by either side or by disconnect(); reported exactly once. `error` is

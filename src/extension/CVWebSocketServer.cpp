@@ -7,7 +7,6 @@
 #include "foundation/MainQueue.h"
 
 #include <algorithm>
-#include <deque>
 #include <future>
 #include <mutex>
 #include <utility>
@@ -27,9 +26,10 @@ public:
     std::mutex mutex; // guards connections: changed on socket threads, read by send()
     std::vector<AsyncSocketPtr> connections;
 
-    // What the delegate hears, in the order the sockets said it. Deliveries wait in one queue
-    // that a single main-queue task drains, so a busy connection costs the main thread one
-    // wake-up per batch rather than one per message.
+    // What the delegate hears, in the order the sockets said it. Deliveries wait in one list
+    // that a single main-queue task takes whole, so a busy connection costs the main thread
+    // one wake-up and one lock per batch rather than per message; the two lists trade places
+    // and keep their room, so queueing allocates nothing once warm.
     // Releases a worker waiting on a parse failure once its delivery is gone: delivered,
     // or dropped with the queue.
     struct Handled {
@@ -45,14 +45,16 @@ public:
     };
     static constexpr int kDeliveriesPerTurn = 256; // then other main-thread work gets a turn
     std::mutex deliveryMutex;
-    std::deque<Delivery> deliveries;
+    std::vector<Delivery> incoming; // filled on socket threads
     bool drainScheduled = false;
+    std::vector<Delivery> taken; // main thread: the batch being delivered
+    std::size_t takenAt = 0;
 
     void toMain(Delivery delivery)
     {
         {
             std::lock_guard lock(deliveryMutex);
-            deliveries.push_back(std::move(delivery));
+            incoming.push_back(std::move(delivery));
             if (std::exchange(drainScheduled, true))
                 return;
         }
@@ -70,17 +72,19 @@ public:
     void drain()
     {
         for (int i = 0; i < kDeliveriesPerTurn; ++i) {
-            Delivery next;
-            {
+            if (takenAt == taken.size()) {
+                taken.clear();
+                takenAt = 0;
                 std::lock_guard lock(deliveryMutex);
-                if (deliveries.empty()) {
+                if (incoming.empty()) {
                     drainScheduled = false;
                     return;
                 }
-                next = std::move(deliveries.front());
-                deliveries.pop_front();
+                taken.swap(incoming);
             }
+            Delivery &next = taken[takenAt++];
             deliver(next);
+            next.handled.reset();
         }
         scheduleDrain();
     }
@@ -109,9 +113,9 @@ public:
     // any worker waiting on one.
     void dropDeliveries()
     {
-        std::deque<Delivery> dropped;
+        std::vector<Delivery> dropped;
         std::lock_guard lock(deliveryMutex);
-        dropped.swap(deliveries);
+        dropped.swap(incoming);
     }
 
     void socketDidAcceptNewSocket(const AsyncSocketPtr &, const AsyncSocketPtr &newSocket) override
@@ -123,7 +127,7 @@ public:
         newSocket->readDataWithTimeout(-1.0, HandshakeRead);
     }
 
-    void socketDidReadData(const AsyncSocketPtr &sock, const QByteArray &data, long tag) override
+    void socketDidReadData(const AsyncSocketPtr &sock, QByteArray data, long tag) override
     {
         if (tag == HandshakeRead) {
             const auto result = WebSocketHandshake::handshakeResponseForData(data);
@@ -132,11 +136,11 @@ public:
             sock->writeData(result.response.toUtf8(), -1.0, HandshakeWrite);
             return;
         }
-        const Step step = readStep(tag, data);
+        Step step = readStep(tag, std::move(data));
         if (!step.failure.isEmpty())
-            return fail(sock, data, step.failure);
+            return fail(sock, step.rejected, step.failure);
         if (step.text)
-            toMain({Delivery::Text, sock, *step.text, {}, {}});
+            toMain({Delivery::Text, sock, std::move(*step.text), {}, {}});
         if (!step.reply.isEmpty())
             sock->writeData(step.reply, -1.0, ReplyWrite);
         sock->readDataToLength(step.nextLength, -1.0, step.nextTag);

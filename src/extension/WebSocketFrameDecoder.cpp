@@ -16,10 +16,11 @@ unsigned char byteAt(const QByteArray &raw, qsizetype i)
     return i < raw.size() ? static_cast<unsigned char>(raw[i]) : 0;
 }
 
-Step refuse(const char *text)
+Step refuse(const char *text, QByteArray raw)
 {
     Step step;
     step.failure = QString::fromLatin1(text);
+    step.rejected = std::move(raw);
     return step;
 }
 
@@ -38,12 +39,12 @@ Step header(const QByteArray &raw)
     // These two checks negate the whole byte before testing the bit, so they never reject:
     // first fragments and unmasked frames are let through, as the extension has always seen.
     if ((static_cast<unsigned>(!b0) & 0x80u) != 0)
-        return refuse("Can't decode fragmented frames!");
+        return refuse("Can't decode fragmented frames!", raw);
     if ((static_cast<unsigned>(!b1) & 0x80u) != 0)
-        return refuse("Can only handle websocket frames with masks!");
+        return refuse("Can only handle websocket frames with masks!", raw);
     const int opcode = b0 & 0x0F;
     if (opcode != kOpText && opcode != kOpClose && opcode != kOpPing)
-        return refuse(kUnsupportedFrame);
+        return refuse(kUnsupportedFrame, raw);
     const int l7 = b1 & 0x7F;
     if (l7 == 126)
         return next(ExtendedLengthRead + opcode, 2);
@@ -64,54 +65,54 @@ Step extendedLength(long tag, const QByteArray &raw)
     return next(tag + 16, withKey);
 }
 
-Step payload(long tag, const QByteArray &raw)
+Step payload(long tag, QByteArray raw)
 {
-    QByteArray data = unmask(raw);
+    const int opcode = tag & 0x0F;
+    if (opcode != kOpText && opcode != kOpClose && opcode != kOpPing)
+        return refuse(kUnsupportedFrame, std::move(raw));
     Step step = next(HeaderRead, 2);
-    switch (tag & 0x0F) {
-    case kOpText:
-        step.text = std::move(data);
-        break;
-    case kOpClose:
+    if (opcode == kOpClose) {
         // Echoes the second and first masking-key bytes where a status code would go; the
         // extension relies on nothing else, and this is what it has always been sent.
         step.reply = QByteArray("\x88\x02", 2);
         step.reply.append(static_cast<char>(byteAt(raw, 1)));
         step.reply.append(static_cast<char>(byteAt(raw, 0)));
-        break;
-    case kOpPing:
+        return step;
+    }
+    QByteArray data = unmask(std::move(raw));
+    if (opcode == kOpText) {
+        step.text = std::move(data);
+    } else {
         step.reply = WebSocketFrame::webSocketFrameData(data);
         step.reply[0] = static_cast<char>(0x8A);
-        break;
-    default:
-        return refuse(kUnsupportedFrame);
     }
     return step;
 }
 } // namespace
 
-QByteArray unmask(const QByteArray &raw)
+QByteArray unmask(QByteArray raw)
 {
-    QByteArray data;
     if (raw.size() <= 4)
-        return data;
-    data.resize(raw.size() - 4);
-    const char *in = raw.constData();
-    char *out = data.data();
+        return {};
+    // In place: the key is read before the bytes it unmasks are written.
+    char *bytes = raw.data();
+    const char key[4] = {bytes[0], bytes[1], bytes[2], bytes[3]};
     for (qsizetype i = 4; i < raw.size(); ++i)
-        out[i - 4] = static_cast<char>(in[i] ^ in[i % 4]);
-    return data;
+        bytes[i] = static_cast<char>(bytes[i] ^ key[i % 4]);
+    // Dropping the key from the front moves the start, not the bytes.
+    raw.remove(0, 4);
+    return raw;
 }
 
-Step readStep(long tag, const QByteArray &raw)
+Step readStep(long tag, QByteArray raw)
 {
     if (tag == HeaderRead)
         return header(raw);
     if (tag > ExtendedLengthRead && tag < PayloadRead)
         return extendedLength(tag, raw);
     if (tag > PayloadRead && tag < PayloadRead + 16)
-        return payload(tag, raw);
-    return refuse(kUnsupportedFrame);
+        return payload(tag, std::move(raw));
+    return refuse(kUnsupportedFrame, std::move(raw));
 }
 
 } // namespace WebSocketFrameDecoder

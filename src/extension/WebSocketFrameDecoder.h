@@ -28,6 +28,7 @@ inline constexpr auto kUnsupportedFrame = "Cannot handle this websocket frame fo
 
 struct Step {
     QString failure;                // not empty: refuse the connection
+    QByteArray rejected;            // with a failure: the bytes refused
     std::optional<QByteArray> text; // a complete, unmasked text message
     QByteArray reply;               // bytes to write back with ReplyWrite (pong, close)
     long nextTag = 0;               // the read to queue next; 0 when none
@@ -35,10 +36,11 @@ struct Step {
 };
 
 // One step for a read completed with `tag` (HeaderRead, ExtendedLengthRead + op, PayloadRead + op).
-Step readStep(long tag, const QByteArray &raw);
+// A payload handed over unshared is unmasked where it lies.
+Step readStep(long tag, QByteArray raw);
 
 // Unmasks key-and-payload bytes: raw[i] ^ raw[i % 4] for i >= 4.
-QByteArray unmask(const QByteArray &raw);
+QByteArray unmask(QByteArray raw);
 
 } // namespace WebSocketFrameDecoder
 

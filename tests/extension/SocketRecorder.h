@@ -28,7 +28,7 @@ public:
         if (onAccept)
             onAccept(newSocket);
     }
-    void socketDidReadData(const AsyncSocketPtr &sock, const QByteArray &data, long tag) override
+    void socketDidReadData(const AsyncSocketPtr &sock, QByteArray data, long tag) override
     {
         {
             std::lock_guard lock(m_mutex);

@@ -138,6 +138,50 @@ private slots:
         QCOMPARE(recorder->reads()[2].data, QByteArray("jk"));
     }
 
+    void exactReadsReassembleAStreamCutAnywhere()
+    {
+        // Read lengths from one byte to past a kernel read, against writes of other sizes,
+        // so requests straddle every boundary between what the kernel hands over.
+        const std::array<int, 8> lengths = {1, 70, 3, 65537, 2, 300000, 4095, 1 << 20};
+        QByteArray stream(6 * 1024 * 1024, Qt::Uninitialized);
+        for (int i = 0; i < stream.size(); ++i)
+            stream[i] = char((i * 7919) >> 5);
+        std::atomic<qsizetype> queued{0};
+        auto queueNext = [&](const AsyncSocketPtr &sock, long tag) {
+            const qsizetype length = std::min<qsizetype>(lengths[tag % lengths.size()], stream.size() - queued);
+            queued += length;
+            if (length > 0)
+                sock->readDataToLength(length, -1, tag);
+        };
+        recorder->onRead = [&](const SocketRecorder::Read &r) { queueNext(r.sock, r.tag + 1); };
+        QTcpSocket client;
+        auto sock = connectClient(client);
+        queueNext(sock, 0);
+        for (qsizetype at = 0, piece = 1; at < stream.size(); at += piece, piece = piece * 3 % 99991 + 1) {
+            client.write(stream.mid(at, piece));
+            client.waitForBytesWritten(1000);
+        }
+        QByteArray received;
+        QTRY_VERIFY_WITH_TIMEOUT(
+            queued == stream.size() && recorder->reads().size() > 0 &&
+                recorder->reads().back().tag == long(recorder->reads().size() - 1) &&
+                [&] {
+                    qsizetype total = 0;
+                    for (const auto &r : recorder->reads())
+                        total += r.data.size();
+                    return total == stream.size();
+                }(),
+            20000);
+        recorder->onRead = nullptr;
+        const auto reads = recorder->reads();
+        for (const auto &r : reads) {
+            if (&r != &reads.back())
+                QCOMPARE(r.data.size(), qsizetype(lengths[r.tag % lengths.size()]));
+            received += r.data;
+        }
+        QVERIFY(received == stream);
+    }
+
     void writesCompleteInOrder()
     {
         QTcpSocket client;
