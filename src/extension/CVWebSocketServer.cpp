@@ -50,7 +50,47 @@ public:
     std::vector<Delivery> taken; // main thread: the batch being delivered
     std::size_t takenAt = 0;
 
+    // On a pool thread, what one socket callback burst produces is gathered and queued once
+    // at the end of its task, so the threads parsing different connections do not meet on
+    // the queue's lock for every message.
+    struct Gathered {
+        std::shared_ptr<Core> core;
+        std::vector<Delivery> deliveries;
+    };
+    static inline thread_local Gathered t_gathered;
+
     void toMain(Delivery delivery)
+    {
+        Gathered &gathered = t_gathered;
+        if (gathered.core.get() != this) {
+            flushGathered();
+            if (!WorkerPool::atEndOfTask(&Core::flushGathered))
+                return queue(std::move(delivery));
+            gathered.core = shared_from_this();
+        }
+        gathered.deliveries.push_back(std::move(delivery));
+    }
+
+    static void flushGathered()
+    {
+        Gathered &gathered = t_gathered;
+        if (!gathered.core)
+            return;
+        const std::shared_ptr<Core> core = std::move(gathered.core);
+        gathered.core.reset();
+        bool schedule;
+        {
+            std::lock_guard lock(core->deliveryMutex);
+            for (Delivery &d : gathered.deliveries)
+                core->incoming.push_back(std::move(d));
+            schedule = !std::exchange(core->drainScheduled, true);
+        }
+        gathered.deliveries.clear();
+        if (schedule)
+            core->scheduleDrain();
+    }
+
+    void queue(Delivery delivery)
     {
         {
             std::lock_guard lock(deliveryMutex);
@@ -180,6 +220,7 @@ public:
             failure.handled = std::make_shared<Handled>();
             std::future<void> finished = failure.handled->promise.get_future();
             toMain(std::move(failure));
+            flushGathered(); // with what came before it, and now: this thread waits on it
             finished.wait();
         }
         sock->disconnect();

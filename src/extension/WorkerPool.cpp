@@ -1,6 +1,18 @@
 #include "extension/WorkerPool.h"
 
 #include <algorithm>
+#include <utility>
+
+namespace {
+// The task running on this thread: its pool, what it queued there and what it left for its
+// end. Unset off the pool.
+struct RunningTask {
+    WorkerPool *pool = nullptr;
+    std::vector<WorkerPool::Task> queued;
+    std::vector<WorkerPool::Task> endOfTask;
+};
+thread_local RunningTask *t_running = nullptr;
+} // namespace
 
 WorkerPool::WorkerPool(int threadCount)
 {
@@ -22,6 +34,10 @@ WorkerPool::~WorkerPool()
 
 void WorkerPool::async(Task task)
 {
+    if (t_running && t_running->pool == this) {
+        t_running->queued.push_back(std::move(task));
+        return;
+    }
     {
         std::lock_guard lock(m_mutex);
         if (m_stopping)
@@ -31,8 +47,18 @@ void WorkerPool::async(Task task)
     m_wake.notify_one();
 }
 
+bool WorkerPool::atEndOfTask(Task work)
+{
+    if (!t_running)
+        return false;
+    t_running->endOfTask.push_back(std::move(work));
+    return true;
+}
+
 void WorkerPool::run()
 {
+    RunningTask running{this, {}, {}};
+    t_running = &running;
     for (;;) {
         Task task;
         {
@@ -44,6 +70,25 @@ void WorkerPool::run()
             m_tasks.pop_front();
         }
         task();
+        // End-of-task work may leave more of itself; all of it runs before anything the task
+        // queued can start on another thread.
+        for (std::size_t i = 0; i < running.endOfTask.size(); ++i)
+            std::exchange(running.endOfTask[i], nullptr)();
+        running.endOfTask.clear();
+        if (running.queued.empty())
+            continue;
+        const std::size_t count = running.queued.size();
+        {
+            std::lock_guard lock(m_mutex);
+            if (!m_stopping)
+                for (Task &queued : running.queued)
+                    m_tasks.push_back(std::move(queued));
+        }
+        running.queued.clear();
+        if (count == 1)
+            m_wake.notify_one();
+        else
+            m_wake.notify_all();
     }
 }
 

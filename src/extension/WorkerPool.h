@@ -21,8 +21,14 @@ public:
     WorkerPool(const WorkerPool &) = delete;
     WorkerPool &operator=(const WorkerPool &) = delete;
 
+    // From one of this pool's own tasks, the new task is held until that task (and its
+    // end-of-task work) is done: a task never waits on one it queued.
     void async(Task task);
     int threadCount() const { return static_cast<int>(m_threads.size()); }
+
+    // On a pool thread: runs `work` on this thread right after the task now running returns,
+    // so a task can gather what it produces and hand it on once. False elsewhere.
+    static bool atEndOfTask(Task work);
 
     // The process-wide default-priority pool (never destroyed, so callbacks still in flight
     // at exit never meet a dead pool).

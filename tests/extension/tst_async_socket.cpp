@@ -40,6 +40,37 @@ private slots:
         recorder.reset();
     }
 
+    void poolTasksStartAfterTheEndOfTheTaskThatQueuedThem()
+    {
+        // Idle threads wait for the queued task; the end-of-task work still comes first.
+        WorkerPool pool(4);
+        std::mutex mutex;
+        QStringList order;
+        auto note = [&](const QString &what) {
+            std::lock_guard lock(mutex);
+            order << what;
+        };
+        std::atomic<int> registered{0};
+        for (int i = 0; i < 20; ++i) {
+            pool.async([&, i] {
+                registered += WorkerPool::atEndOfTask([&, i] {
+                    QThread::usleep(300);
+                    note(QStringLiteral("end %1").arg(i));
+                });
+                pool.async([&, i] { note(QStringLiteral("queued %1").arg(i)); });
+            });
+        }
+        QTRY_VERIFY([&] {
+            std::lock_guard lock(mutex);
+            return order.size() == 40;
+        }());
+        QCOMPARE(registered.load(), 20);
+        std::lock_guard lock(mutex);
+        for (int i = 0; i < 20; ++i)
+            QVERIFY(order.indexOf(QStringLiteral("end %1").arg(i)) < order.indexOf(QStringLiteral("queued %1").arg(i)));
+        QVERIFY(!WorkerPool::atEndOfTask([] {})); // not on a pool thread
+    }
+
     void configurationErrorsInOrder()
     {
         auto delegate = std::make_shared<SocketRecorder>();

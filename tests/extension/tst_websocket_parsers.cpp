@@ -142,6 +142,20 @@ private slots:
         QCOMPARE(run(bytes).texts, (QList<QByteArray>{"hi", big}));
     }
 
+    void unmaskUndoesTheMaskAtEveryLength()
+    {
+        const QByteArray key("\x9c\x01\x7e\xf3", 4);
+        for (int n = 0; n <= 40; ++n) {
+            QByteArray payload(n, Qt::Uninitialized);
+            for (int i = 0; i < n; ++i)
+                payload[i] = char(i * 37 + n);
+            // masked() frames it; the key and payload are the frame's tail.
+            const QByteArray raw = masked(0x81, payload, key).right(n + 4);
+            QCOMPARE(unmask(raw), payload);
+            QCOMPARE(raw.left(4), key); // a shared copy is left as it was
+        }
+    }
+
     void inertChecksLetFragmentsAndUnmaskedFramesThrough()
     {
         // Text without FIN is taken as a whole message.
