@@ -111,14 +111,19 @@ else
     # One section per load generator: "load: <name>" then the three rates and the ratios.
     section() { awk -v l="load: $1" '/^load: / { on = ($0 == l) } on' "$LOG/bridge.log"; }
     for load in "frame_blaster" "node ws client"; do
-      rate() { section "$load" | awk -v k="$1" 'index($0, k) == 3 { print $(NF-3) }'; }
+      # The field before "msg/s", or before "us" for the CPU spent per message.
+      field() { section "$load" | awk -v k="$1" -v u="$2" 'index($0, k) == 3 { for (i = 2; i <= NF; i++) if ($i == u) print $(i-1) }'; }
+      rate() { field "$1" msg/s; }
       ours=$(rate CVWebSocketServer) qt=$(rate QWebSocketServer) nodews=$(rate "node ws")
+      cpu_ours=$(field CVWebSocketServer us) cpu_qt=$(field QWebSocketServer us)
       ratio_qt=$(section "$load" | sed -n 's/.*ours \/ Qt = \([0-9.]*\).*/\1/p')
       ratio_node=$(section "$load" | sed -n 's/.*ours \/ node ws = \([0-9.]*\).*/\1/p')
       met_qt=$(awk -v r="$ratio_qt" 'BEGIN { print (r >= 2) ? "yes" : "NO" }')
       met_node=$(awk -v r="$ratio_node" 'BEGIN { print (r >= 1) ? "yes" : "NO" }')
       row "bridge throughput vs QWebSocketServer ($load load)" "$ours msg/s" "$qt msg/s" "${ratio_qt}x" ">= 2x" "$met_qt"
       row "bridge throughput vs node ws ($load load)" "$ours msg/s" "$nodews msg/s" "${ratio_node}x" ">= 1x" "$met_node"
+      cpu_ratio=$(awk -v a="$cpu_ours" -v b="$cpu_qt" 'BEGIN { if (b > 0) printf "%.2f", a / b }')
+      row "bridge CPU per message vs QWebSocketServer ($load load)" "$cpu_ours us" "$cpu_qt us" "${cpu_ratio}x" "-" "-"
     done
     cookie=$(sed -n 's/.*(ratio \([0-9.]*\)).*/\1/p' "$LOG/bridge.log")
     row "blocked-domain handler, 10 000 stored vs empty map" "see log" "-" "${cookie}x" "-" "-"

@@ -19,6 +19,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <sys/resource.h>
+#include <unistd.h>
 
 namespace {
 const QString kDir = QStringLiteral(PELORIN_BENCH_DIR);
@@ -65,6 +67,41 @@ double runLoad(quint16 port, int clients, int frames, int size)
     return out.split(' ').value(1).trimmed().toDouble();
 }
 
+// CPU seconds (user + system, all threads) a server spent on its run: throughput on a busy
+// machine depends on the other processes, this does much less.
+struct Run {
+    double ms = -1;
+    double cpuSeconds = 0;
+};
+
+double selfCpuSeconds()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    auto seconds = [](const timeval &t) { return double(t.tv_sec) + t.tv_usec / 1e6; };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+// Fields 14 and 15 of /proc/<pid>/stat, in clock ticks.
+double processCpuSeconds(qint64 pid)
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return 0;
+    const QByteArray text = stat.readAll();
+    const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
+    return (fields.value(11).toDouble() + fields.value(12).toDouble()) / double(sysconf(_SC_CLK_TCK));
+}
+
+template <typename Body> Run measured(Body body)
+{
+    const double before = selfCpuSeconds();
+    Run run;
+    run.ms = body();
+    run.cpuSeconds = selfCpuSeconds() - before;
+    return run;
+}
+
 double benchOurs(int clients, int frames, int size)
 {
     Counter counter;
@@ -95,19 +132,22 @@ double benchQt(int clients, int frames, int size)
     return ms;
 }
 
-double benchNode(int clients, int frames, int size)
+Run benchNode(int clients, int frames, int size)
 {
     QProcess server;
     server.setWorkingDirectory(kDir);
     server.start(QStringLiteral("node"),
                  {kDir + QStringLiteral("/node_server.js"), QString::number(qint64(clients) * frames)});
     if (!server.waitForReadyRead(10000))
-        return -1;
+        return {};
     const quint16 port = server.readAllStandardOutput().split(' ').value(1).trimmed().toUShort();
-    const double ms = runLoad(port, clients, frames, size);
+    const double startCpu = processCpuSeconds(server.processId());
+    Run run;
+    run.ms = runLoad(port, clients, frames, size);
+    run.cpuSeconds = processCpuSeconds(server.processId()) - startCpu;
     server.kill();
     server.waitForFinished();
-    return ms;
+    return run;
 }
 
 double cookieRate(int storedDomains, int messages)
@@ -149,19 +189,24 @@ int main(int argc, char **argv)
     for (const Load load : {Load::Blaster, Load::NodeClient}) {
         g_load = load;
         std::printf("load: %s\n", load == Load::Blaster ? "frame_blaster" : "node ws client");
-        const double ours = benchOurs(clients, frames, size);
+        const Run ours = measured([&] { return benchOurs(clients, frames, size); });
+        auto rate = [&](double ms) { return ms > 0 ? total / (ms / 1000.0) : 0.0; };
+        auto line = [&](const char *name, const Run &run) {
+            std::printf("  %-19s %10.0f msg/s  (%.0f ms, %.2f us CPU per message)\n", name, rate(run.ms), run.ms,
+                        run.cpuSeconds * 1e6 / total);
+        };
         if (qEnvironmentVariableIsSet("BRIDGE_BENCH_OURS_ONLY")) { // for profiling our server alone
-            std::printf("  CVWebSocketServer   %10.0f msg/s  (%.0f ms)\n", total / (ours / 1000.0), ours);
+            line("CVWebSocketServer", ours);
             return 0;
         }
-        const double qt = benchQt(clients, frames, size);
-        const double node = benchNode(clients, frames, size);
-        auto rate = [&](double ms) { return ms > 0 ? total / (ms / 1000.0) : 0.0; };
-        std::printf("  CVWebSocketServer   %10.0f msg/s  (%.0f ms)\n", rate(ours), ours);
-        std::printf("  QWebSocketServer    %10.0f msg/s  (%.0f ms)\n", rate(qt), qt);
-        std::printf("  node ws             %10.0f msg/s  (%.0f ms)\n", rate(node), node);
-        if (ours > 0 && qt > 0 && node > 0)
-            std::printf("  ours / Qt = %.2f, ours / node ws = %.2f\n", rate(ours) / rate(qt), rate(ours) / rate(node));
+        const Run qt = measured([&] { return benchQt(clients, frames, size); });
+        const Run node = benchNode(clients, frames, size);
+        line("CVWebSocketServer", ours);
+        line("QWebSocketServer", qt);
+        line("node ws", node);
+        if (ours.ms > 0 && qt.ms > 0 && node.ms > 0)
+            std::printf("  ours / Qt = %.2f, ours / node ws = %.2f\n", rate(ours.ms) / rate(qt.ms),
+                        rate(ours.ms) / rate(node.ms));
     }
 cookies:
 
