@@ -1,9 +1,8 @@
-// libsecret (through GIO) must come before Qt: GIO has members named "signals".
 #include <libsecret/secret.h>
 
 #include "LibsecretBackend.h"
 
-#include <QString>
+#include "foundation/SecretStatus.h"
 
 #include <memory>
 
@@ -23,10 +22,10 @@ const SecretSchema kSchema = {"com.pelorin.vpn.mac.GenericPassword",
                               nullptr,
                               nullptr};
 
-using Status = SecretBackend::Status;
-using Result = SecretBackend::Result;
+namespace Status = SecretStatus;
+using Result = LibsecretBackend::Answer;
 
-const QString kLockedMessage = QStringLiteral("The keyring holding the item is locked.");
+constexpr const char *kLockedMessage = "The keyring holding the item is locked.";
 
 // Maps a libsecret/GLib failure to the keychain's numbering, keeping the system's own text.
 Result fromError(GError *error, int fallback = Status::InternalComponent)
@@ -34,10 +33,10 @@ Result fromError(GError *error, int fallback = Status::InternalComponent)
     Result result;
     result.status = fallback;
     if (!error) {
-        result.message = QStringLiteral("The secret service gave no answer.");
+        result.message = "The secret service gave no answer.";
         return result;
     }
-    result.message = QString::fromUtf8(error->message);
+    result.message = error->message;
     if (error->domain == SECRET_ERROR && error->code == SECRET_ERROR_IS_LOCKED)
         result.status = Status::InteractionNotAllowed;
     else if (error->domain == SECRET_ERROR && error->code == SECRET_ERROR_NO_SUCH_OBJECT)
@@ -55,7 +54,7 @@ Result fromError(GError *error, int fallback = Status::InternalComponent)
     return result;
 }
 
-Result failure(int status, const QString &message)
+Result failure(int status, const char *message)
 {
     Result result;
     result.status = status;
@@ -72,18 +71,27 @@ struct ItemListDeleter {
 using Attributes = std::unique_ptr<GHashTable, HashTableDeleter>;
 using ItemList = std::unique_ptr<GList, ItemListDeleter>;
 
-Attributes attributesFor(const QByteArray &service, const QByteArray &account)
+// D-Bus strings must be UTF-8 without NUL; a request from elsewhere may carry anything.
+bool validNames(const std::string &service, const std::string &account)
 {
-    // The table borrows the strings: the callers keep the byte arrays alive.
+    return g_utf8_validate(service.data(), gssize(service.size()), nullptr) &&
+           g_utf8_validate(account.data(), gssize(account.size()), nullptr);
+}
+
+constexpr const char *kInvalidNamesMessage = "The item's service or account is not UTF-8 text.";
+
+Attributes attributesFor(const std::string &service, const std::string &account)
+{
+    // The table borrows the strings: the callers keep them alive.
     Attributes table(g_hash_table_new(g_str_hash, g_str_equal));
-    g_hash_table_insert(table.get(), const_cast<char *>("service"), const_cast<char *>(service.constData()));
-    g_hash_table_insert(table.get(), const_cast<char *>("account"), const_cast<char *>(account.constData()));
+    g_hash_table_insert(table.get(), const_cast<char *>("service"), const_cast<char *>(service.c_str()));
+    g_hash_table_insert(table.get(), const_cast<char *>("account"), const_cast<char *>(account.c_str()));
     return table;
 }
 
 } // namespace
 
-std::unique_ptr<LibsecretBackend> LibsecretBackend::connect(QString *message)
+std::unique_ptr<LibsecretBackend> LibsecretBackend::connect(std::string *message)
 {
     GError *error = nullptr;
     SecretService *service = secret_service_get_sync(SECRET_SERVICE_OPEN_SESSION, nullptr, &error);
@@ -100,18 +108,20 @@ LibsecretBackend::LibsecretBackend(SecretService *service) : m_service(service) 
 LibsecretBackend::~LibsecretBackend()
 {
     g_object_unref(m_service);
-    // The helper exits right after one request: drop libsecret's shared connection too.
+    // The helper exits right after its requests: drop libsecret's shared connection too.
     secret_service_disconnect();
 }
 
 namespace {
 
 // All items of (service, account), locked ones included; nullopt-like failure in *result.
-ItemList search(SecretService *secretService, const QString &service, const QString &account, Result *result)
+ItemList search(SecretService *secretService, const std::string &service, const std::string &account, Result *result)
 {
-    const QByteArray serviceUtf8 = service.toUtf8();
-    const QByteArray accountUtf8 = account.toUtf8();
-    Attributes attributes = attributesFor(serviceUtf8, accountUtf8);
+    if (!validNames(service, account)) {
+        *result = failure(Status::InternalComponent, kInvalidNamesMessage);
+        return ItemList();
+    }
+    Attributes attributes = attributesFor(service, account);
     GError *error = nullptr;
     GList *items =
         secret_service_search_sync(secretService, &kSchema, attributes.get(), SECRET_SEARCH_ALL, nullptr, &error);
@@ -120,8 +130,7 @@ ItemList search(SecretService *secretService, const QString &service, const QStr
         return ItemList();
     }
     if (!items)
-        *result =
-            failure(Status::ItemNotFound, QStringLiteral("The specified item could not be found in the keychain."));
+        *result = failure(Status::ItemNotFound, "The specified item could not be found in the keychain.");
     return ItemList(items);
 }
 
@@ -135,7 +144,7 @@ bool anyLocked(GList *items)
 
 } // namespace
 
-Result LibsecretBackend::find(const QString &service, const QString &account)
+Result LibsecretBackend::find(const std::string &service, const std::string &account)
 {
     Result result;
     ItemList items = search(m_service, service, account, &result);
@@ -152,12 +161,12 @@ Result LibsecretBackend::find(const QString &service, const QString &account)
         return failure(Status::InteractionNotAllowed, kLockedMessage);
     gsize length = 0;
     const gchar *bytes = secret_value_get(value, &length);
-    result.data = QByteArray(bytes, static_cast<qsizetype>(length));
+    result.secret.assign(bytes, length);
     secret_value_unref(value);
     return result;
 }
 
-Result LibsecretBackend::update(const QString &service, const QString &account, const QByteArray &data)
+Result LibsecretBackend::update(const std::string &service, const std::string &account, std::string_view data)
 {
     Result result;
     ItemList items = search(m_service, service, account, &result);
@@ -165,7 +174,7 @@ Result LibsecretBackend::update(const QString &service, const QString &account, 
         return result;
     if (anyLocked(items.get()))
         return failure(Status::InteractionNotAllowed, kLockedMessage);
-    SecretValue *value = secret_value_new(data.constData(), data.size(), "text/plain");
+    SecretValue *value = secret_value_new(data.data(), gssize(data.size()), "text/plain");
     for (GList *it = items.get(); it; it = it->next) {
         GError *error = nullptr;
         if (!secret_item_set_secret_sync(SECRET_ITEM(it->data), value, nullptr, &error)) {
@@ -177,25 +186,24 @@ Result LibsecretBackend::update(const QString &service, const QString &account, 
     return result;
 }
 
-Result LibsecretBackend::add(const QString &service, const QString &account, const QByteArray &data)
+Result LibsecretBackend::add(const std::string &service, const std::string &account, std::string_view data)
 {
+    if (!validNames(service, account))
+        return failure(Status::InternalComponent, kInvalidNamesMessage);
     GError *error = nullptr;
     SecretCollection *collection =
         secret_collection_for_alias_sync(m_service, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr, &error);
     if (!collection) {
-        return error ? fromError(error)
-                     : failure(Status::NotAvailable, QStringLiteral("The secret service has no default keyring."));
+        return error ? fromError(error) : failure(Status::NotAvailable, "The secret service has no default keyring.");
     }
     if (secret_collection_get_locked(collection)) {
         g_object_unref(collection);
         return failure(Status::InteractionNotAllowed, kLockedMessage);
     }
-    const QByteArray serviceUtf8 = service.toUtf8();
-    const QByteArray accountUtf8 = account.toUtf8();
-    const QByteArray label = QStringLiteral("%1 (%2)").arg(service, account).toUtf8();
-    Attributes attributes = attributesFor(serviceUtf8, accountUtf8);
-    SecretValue *value = secret_value_new(data.constData(), data.size(), "text/plain");
-    SecretItem *item = secret_item_create_sync(collection, &kSchema, attributes.get(), label.constData(), value,
+    const std::string label = service + " (" + account + ")";
+    Attributes attributes = attributesFor(service, account);
+    SecretValue *value = secret_value_new(data.data(), gssize(data.size()), "text/plain");
+    SecretItem *item = secret_item_create_sync(collection, &kSchema, attributes.get(), label.c_str(), value,
                                                SECRET_ITEM_CREATE_NONE, nullptr, &error);
     secret_value_unref(value);
     g_object_unref(collection);
@@ -205,7 +213,7 @@ Result LibsecretBackend::add(const QString &service, const QString &account, con
     return {};
 }
 
-Result LibsecretBackend::remove(const QString &service, const QString &account)
+Result LibsecretBackend::remove(const std::string &service, const std::string &account)
 {
     Result result;
     ItemList items = search(m_service, service, account, &result);

@@ -1,8 +1,10 @@
 #pragma once
 
-#include "foundation/SecretBackend.h"
+#include "foundation/KeyringMessage.h"
 
 #include <memory>
+#include <string>
+#include <string_view>
 
 typedef struct _SecretService SecretService;
 
@@ -11,20 +13,26 @@ typedef struct _SecretService SecretService;
 // collection, which stays on this machine. Nothing here unlocks or prompts: a locked item or
 // collection answers InteractionNotAllowed, as a locked keychain does.
 //
-// It runs only inside the keyring helper (pelorin-keyring), one request per run, so that
-// libsecret and GIO, which cannot be unloaded, never stay mapped in the program itself.
-class LibsecretBackend : public SecretBackend {
+// It runs only inside the keyring helper (pelorin-keyring), so that libsecret and GIO, which
+// cannot be unloaded, never stay mapped in the program itself. Every call answers with a
+// SecretStatus code and the service's own text for a failure.
+class LibsecretBackend {
 public:
+    using Answer = KeyringMessage::Answer;
+
     // Connects to the Secret Service on the session bus; nullptr and *message when none
     // answers (no bus, no service, no session).
-    static std::unique_ptr<LibsecretBackend> connect(QString *message);
-    ~LibsecretBackend() override;
+    static std::unique_ptr<LibsecretBackend> connect(std::string *message);
+    ~LibsecretBackend();
+    LibsecretBackend(const LibsecretBackend &) = delete;
+    LibsecretBackend &operator=(const LibsecretBackend &) = delete;
 
-    Result find(const QString &service, const QString &account) override;
-    Result update(const QString &service, const QString &account, const QByteArray &data) override;
-    Result add(const QString &service, const QString &account, const QByteArray &data) override;
-    Result remove(const QString &service, const QString &account) override;
-    QString name() const override { return QStringLiteral("secret-service"); }
+    Answer find(const std::string &service, const std::string &account);
+    // Replaces the secret of the existing item(s); ItemNotFound when there is none.
+    Answer update(const std::string &service, const std::string &account, std::string_view data);
+    Answer add(const std::string &service, const std::string &account, std::string_view data);
+    // Deletes the item(s); ItemNotFound when there is none.
+    Answer remove(const std::string &service, const std::string &account);
 
 private:
     explicit LibsecretBackend(SecretService *service);

@@ -207,7 +207,9 @@ void AppStorageManager::removeDeviceUUID()
 
 AppStorageManager::VpnCredentials AppStorageManager::getVpnCredentials() const
 {
-    return {m_keychain.stringForKey(kUsernameAccount), m_keychain.stringForKey(kPasswordAccount)};
+    // Both in one keyring round trip: a connect waits for them.
+    const QStringList texts = m_keychain.stringsForKeys({kUsernameAccount, kPasswordAccount});
+    return {texts.at(0), texts.at(1)};
 }
 
 void AppStorageManager::storeVPNCredentials(const QString &username, const QString &password)

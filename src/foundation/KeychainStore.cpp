@@ -63,7 +63,40 @@ QString KeychainStore::stringForKey(const QString &key, NQErrorOpt *error) const
         report(error, unexpectedError());
         return {};
     }
-    const SecretBackend::Result found = m_backend->find(m_service, key);
+    return stringFrom(m_backend->find(m_service, key), error);
+}
+
+QStringList KeychainStore::stringsForKeys(const QStringList &keys, QList<NQErrorOpt> *errors) const
+{
+    QStringList texts(keys.size());
+    QList<NQErrorOpt> found(keys.size());
+    QStringList asked;
+    for (qsizetype i = 0; i < keys.size(); ++i) {
+        if (keys.at(i).isNull())
+            found[i] = argumentError(QStringLiteral("the key must not to be nil"));
+        else if (m_service.isEmpty())
+            found[i] = unexpectedError();
+        else
+            asked.append(keys.at(i));
+    }
+    const std::vector<SecretBackend::Result> results =
+        asked.isEmpty() ? std::vector<SecretBackend::Result>() : m_backend->findAll(m_service, asked);
+    size_t next = 0;
+    for (qsizetype i = 0; i < keys.size(); ++i) {
+        if (found.at(i))
+            continue;
+        if (next < results.size())
+            texts[i] = stringFrom(results[next++], &found[i]);
+        else
+            found[i] = unexpectedError(); // a backend that answered fewer than asked
+    }
+    if (errors)
+        *errors = found;
+    return texts;
+}
+
+QString KeychainStore::stringFrom(const SecretBackend::Result &found, NQErrorOpt *error)
+{
     if (found.status == SecretBackend::ItemNotFound)
         return {};
     if (!found.ok()) {

@@ -3,7 +3,9 @@
 #include "foundation/NQError.h"
 #include "foundation/SecretBackend.h"
 
+#include <QList>
 #include <QString>
+#include <QStringList>
 
 #include <memory>
 
@@ -37,6 +39,9 @@ public:
 
     // The string under `key`, or a null string where missing (no error) or on failure.
     QString stringForKey(const QString &key, NQErrorOpt *error = nullptr) const;
+    // stringForKey() for each key, asking the backend for all of them at once; errors (when
+    // given) gets one entry per key.
+    QStringList stringsForKeys(const QStringList &keys, QList<NQErrorOpt> *errors = nullptr) const;
     QString objectForKeyedSubscript(const QString &key) const { return stringForKey(key); }
 
     // Adds the item or updates the existing one. A null `value` removes the item.
@@ -47,6 +52,8 @@ public:
     bool removeItemForKey(const QString &key, NQErrorOpt *error = nullptr) const;
 
 private:
+    // The text of a found item, or a null string where missing or on failure.
+    static QString stringFrom(const SecretBackend::Result &found, NQErrorOpt *error);
     static NQError argumentError(const QString &message);
     static NQError conversionError(const QString &message);
     static NQError securityError(const SecretBackend::Result &result);

@@ -3,19 +3,18 @@
 namespace KeyringMessage {
 namespace {
 
-constexpr char kRequestMagic[] = "PKQ1";
-constexpr char kAnswerMagic[] = "PKA1";
-constexpr qsizetype kMagicBytes = 4;
+constexpr std::string_view kRequestMagic = "PKQ1";
+constexpr std::string_view kAnswerMagic = "PKA1";
 
-void putUint32(QByteArray &out, std::uint32_t value)
+void putUint32(std::string &out, std::uint32_t value)
 {
     for (int shift = 24; shift >= 0; shift -= 8)
-        out.append(char((value >> shift) & 0xff));
+        out.push_back(char((value >> shift) & 0xff));
 }
 
-bool putField(QByteArray &out, const QByteArray &field)
+bool putField(std::string &out, std::string_view field)
 {
-    if (field.size() > qsizetype(kMaxFieldBytes))
+    if (field.size() > kMaxFieldBytes)
         return false;
     putUint32(out, std::uint32_t(field.size()));
     out.append(field);
@@ -25,49 +24,51 @@ bool putField(QByteArray &out, const QByteArray &field)
 // Reads from the front of `bytes`, failing (and staying failed) on anything short.
 class Reader {
 public:
-    explicit Reader(const QByteArray &bytes) : m_bytes(bytes) {}
+    explicit Reader(std::string_view bytes) : m_bytes(bytes) {}
 
-    bool magic(const char *expected)
+    void magic(std::string_view expected)
     {
-        if (!take(kMagicBytes) || m_bytes.mid(m_pos - kMagicBytes, kMagicBytes) != expected)
+        if (take(expected.size()) != expected)
             m_ok = false;
-        return m_ok;
     }
-    std::uint8_t byte() { return take(1) ? std::uint8_t(m_bytes.at(m_pos - 1)) : 0; }
+    std::uint8_t byte()
+    {
+        const std::string_view got = take(1);
+        return got.empty() ? 0 : std::uint8_t(got[0]);
+    }
     std::uint32_t uint32()
     {
-        if (!take(4))
-            return 0;
         std::uint32_t value = 0;
-        for (qsizetype i = m_pos - 4; i < m_pos; ++i)
-            value = (value << 8) | std::uint8_t(m_bytes.at(i));
+        for (const char c : take(4))
+            value = (value << 8) | std::uint8_t(c);
         return value;
     }
-    QByteArray field()
+    std::string field()
     {
         const std::uint32_t length = uint32();
-        if (length > kMaxFieldBytes || !take(qsizetype(length))) {
+        if (length > kMaxFieldBytes) {
             m_ok = false;
             return {};
         }
-        return m_bytes.mid(m_pos - qsizetype(length), qsizetype(length));
+        return std::string(take(length));
     }
-    // Everything read and nothing left over.
-    bool done() const { return m_ok && m_pos == m_bytes.size(); }
+    bool ok() const { return m_ok; }
+    std::string_view rest() const { return m_bytes.substr(m_pos); }
 
 private:
-    bool take(qsizetype count)
+    // `count` bytes, or nothing once anything was short.
+    std::string_view take(std::size_t count)
     {
         if (!m_ok || m_bytes.size() - m_pos < count) {
             m_ok = false;
-            return false;
+            return {};
         }
         m_pos += count;
-        return true;
+        return m_bytes.substr(m_pos - count, count);
     }
 
-    const QByteArray &m_bytes;
-    qsizetype m_pos = 0;
+    std::string_view m_bytes;
+    std::size_t m_pos = 0;
     bool m_ok = true;
 };
 
@@ -76,27 +77,36 @@ bool knownOperation(std::uint8_t value)
     return value >= std::uint8_t(Operation::Ping) && value <= std::uint8_t(Operation::Remove);
 }
 
+template <typename Message>
+std::optional<Message> whole(std::string_view bytes, std::optional<Message> (*take)(std::string_view &))
+{
+    std::optional<Message> message = take(bytes);
+    if (!message || !bytes.empty())
+        return std::nullopt;
+    return message;
+}
+
 } // namespace
 
-std::optional<QByteArray> encode(const Request &request)
+std::optional<std::string> encode(const Request &request)
 {
-    QByteArray out(kRequestMagic, kMagicBytes);
-    out.append(char(request.operation));
+    std::string out(kRequestMagic);
+    out.push_back(char(request.operation));
     if (!putField(out, request.service) || !putField(out, request.account) || !putField(out, request.secret))
         return std::nullopt;
     return out;
 }
 
-std::optional<QByteArray> encode(const Answer &answer)
+std::optional<std::string> encode(const Answer &answer)
 {
-    QByteArray out(kAnswerMagic, kMagicBytes);
+    std::string out(kAnswerMagic);
     putUint32(out, std::uint32_t(answer.status));
     if (!putField(out, answer.message) || !putField(out, answer.secret))
         return std::nullopt;
     return out;
 }
 
-std::optional<Request> decodeRequest(const QByteArray &bytes)
+std::optional<Request> takeRequest(std::string_view &bytes)
 {
     Reader reader(bytes);
     Request request;
@@ -105,13 +115,14 @@ std::optional<Request> decodeRequest(const QByteArray &bytes)
     request.service = reader.field();
     request.account = reader.field();
     request.secret = reader.field();
-    if (!reader.done() || !knownOperation(operation))
+    if (!reader.ok() || !knownOperation(operation))
         return std::nullopt;
     request.operation = Operation(operation);
+    bytes = reader.rest();
     return request;
 }
 
-std::optional<Answer> decodeAnswer(const QByteArray &bytes)
+std::optional<Answer> takeAnswer(std::string_view &bytes)
 {
     Reader reader(bytes);
     Answer answer;
@@ -119,9 +130,20 @@ std::optional<Answer> decodeAnswer(const QByteArray &bytes)
     answer.status = std::int32_t(reader.uint32());
     answer.message = reader.field();
     answer.secret = reader.field();
-    if (!reader.done())
+    if (!reader.ok())
         return std::nullopt;
+    bytes = reader.rest();
     return answer;
+}
+
+std::optional<Request> decodeRequest(std::string_view bytes)
+{
+    return whole(bytes, &takeRequest);
+}
+
+std::optional<Answer> decodeAnswer(std::string_view bytes)
+{
+    return whole(bytes, &takeAnswer);
 }
 
 } // namespace KeyringMessage

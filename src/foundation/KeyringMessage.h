@@ -1,13 +1,15 @@
 #pragma once
 
-#include <QByteArray>
-
+#include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string>
+#include <string_view>
 
-// What the keyring helper (pelorin-keyring) and the program say to each other: one request on
-// the helper's standard input, one answer on its standard output. Secrets travel only here,
-// never in arguments or the environment.
+// What the keyring helper (pelorin-keyring) and the program say to each other: requests on the
+// helper's standard input until it closes, one answer each on its standard output, in the same
+// order. Secrets travel only here, never in arguments or the environment. Plain C++: the helper
+// links no Qt.
 //
 //   request: "PKQ1" | op (1 byte) | field service | field account | field secret
 //   answer:  "PKA1" | status (int32, big-endian) | field message | field secret
@@ -19,7 +21,10 @@ namespace KeyringMessage {
 // Far more than a user name, a password or a status text; keeps a garbled length from
 // making either side allocate what it claims.
 constexpr std::uint32_t kMaxFieldBytes = 64 * 1024;
-constexpr qsizetype kMaxMessageBytes = 4 + 4 + 3 * (4 + qsizetype(kMaxFieldBytes));
+constexpr std::size_t kMaxMessageBytes = 4 + 4 + 3 * (4 + std::size_t(kMaxFieldBytes));
+// One helper run carries at most this many requests; bounds what the helper reads.
+constexpr std::size_t kMaxRequestsPerRun = 16;
+constexpr std::size_t kMaxStreamBytes = kMaxRequestsPerRun * kMaxMessageBytes;
 
 enum class Operation : std::uint8_t {
     Ping = 1, // does a Secret Service answer on the session bus?
@@ -31,21 +36,28 @@ enum class Operation : std::uint8_t {
 
 struct Request {
     Operation operation = Operation::Ping;
-    QByteArray service;
-    QByteArray account;
-    QByteArray secret;
+    std::string service;
+    std::string account;
+    std::string secret;
 };
 
 struct Answer {
-    std::int32_t status = 0; // SecretBackend::Status
-    QByteArray message;
-    QByteArray secret;
+    std::int32_t status = 0; // SecretStatus::Code
+    std::string message;
+    std::string secret;
 };
 
 // nullopt when a field is longer than kMaxFieldBytes.
-std::optional<QByteArray> encode(const Request &request);
-std::optional<QByteArray> encode(const Answer &answer);
-std::optional<Request> decodeRequest(const QByteArray &bytes);
-std::optional<Answer> decodeAnswer(const QByteArray &bytes);
+std::optional<std::string> encode(const Request &request);
+std::optional<std::string> encode(const Answer &answer);
+
+// The message at the front of `bytes`, which then starts after it; nullopt (and `bytes`
+// unchanged) when the front is not a whole, valid message.
+std::optional<Request> takeRequest(std::string_view &bytes);
+std::optional<Answer> takeAnswer(std::string_view &bytes);
+
+// Exactly one message and nothing else.
+std::optional<Request> decodeRequest(std::string_view bytes);
+std::optional<Answer> decodeAnswer(std::string_view bytes);
 
 } // namespace KeyringMessage

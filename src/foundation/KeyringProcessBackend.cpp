@@ -40,14 +40,41 @@ SecretBackend::Result KeyringProcessBackend::remove(const QString &service, cons
 SecretBackend::Result KeyringProcessBackend::run(Operation operation, const QString &service, const QString &account,
                                                  const QByteArray &data)
 {
+    return runAll({{operation, service.toStdString(), account.toStdString(), data.toStdString()}}).front();
+}
+
+std::vector<SecretBackend::Result> KeyringProcessBackend::findAll(const QString &service, const QStringList &accounts)
+{
+    std::vector<Result> results;
+    results.reserve(size_t(accounts.size()));
+    std::vector<KeyringMessage::Request> requests;
+    for (qsizetype i = 0; i < accounts.size(); ++i) {
+        requests.push_back({Operation::Find, service.toStdString(), accounts.at(i).toStdString(), {}});
+        if (requests.size() == KeyringMessage::kMaxRequestsPerRun || i + 1 == accounts.size()) {
+            for (Result &result : runAll(requests))
+                results.push_back(std::move(result));
+            requests.clear();
+        }
+    }
+    return results;
+}
+
+std::vector<SecretBackend::Result> KeyringProcessBackend::runAll(const std::vector<KeyringMessage::Request> &requests)
+{
+    const auto failAll = [&](int status, const QString &message) {
+        return std::vector<Result>(requests.size(), failure(status, message));
+    };
     std::lock_guard lock(m_mutex);
     const QFileInfo helper(m_helperPath);
     if (!helper.isFile() || !helper.isExecutable())
-        return failure(NotAvailable, QStringLiteral("The keyring helper %1 is missing.").arg(m_helperPath));
-    const std::optional<QByteArray> request =
-        KeyringMessage::encode({operation, service.toUtf8(), account.toUtf8(), data});
-    if (!request)
-        return failure(InternalComponent, QStringLiteral("The item is too large for the keyring helper."));
+        return failAll(NotAvailable, QStringLiteral("The keyring helper %1 is missing.").arg(m_helperPath));
+    std::string stream;
+    for (const KeyringMessage::Request &request : requests) {
+        const std::optional<std::string> bytes = KeyringMessage::encode(request);
+        if (!bytes)
+            return failAll(InternalComponent, QStringLiteral("The item is too large for the keyring helper."));
+        stream += *bytes;
+    }
 
     const QDeadlineTimer deadline(m_timeout);
     QProcess process;
@@ -56,32 +83,41 @@ SecretBackend::Result KeyringProcessBackend::run(Operation operation, const QStr
     process.setStandardErrorFile(QProcess::nullDevice());
     process.start(QIODevice::ReadWrite);
     if (!process.waitForStarted(int(deadline.remainingTime())))
-        return failure(
+        return failAll(
             InternalComponent,
             QStringLiteral("The keyring helper %1 could not be started: %2").arg(m_helperPath, process.errorString()));
-    process.write(*request);
+    process.write(stream.data(), qint64(stream.size()));
     process.closeWriteChannel();
     if (!process.waitForFinished(int(deadline.remainingTime()))) {
         process.kill();
         process.waitForFinished();
-        return failure(InternalComponent, QStringLiteral("The keyring helper %1 did not answer within %2 s.")
+        return failAll(InternalComponent, QStringLiteral("The keyring helper %1 did not answer within %2 s.")
                                               .arg(m_helperPath)
                                               .arg(double(m_timeout.count()) / 1000.0));
     }
     if (process.exitStatus() == QProcess::CrashExit)
-        return failure(InternalComponent,
+        return failAll(InternalComponent,
                        QStringLiteral("The keyring helper %1 stopped unexpectedly.").arg(m_helperPath));
-    const std::optional<KeyringMessage::Answer> answer = KeyringMessage::decodeAnswer(process.readAllStandardOutput());
-    if (!answer)
-        return failure(InternalComponent,
+    const QByteArray output = process.readAllStandardOutput();
+    std::string_view rest(output.constData(), size_t(output.size()));
+    std::vector<Result> results;
+    for (size_t i = 0; i < requests.size(); ++i) {
+        const std::optional<KeyringMessage::Answer> answer = KeyringMessage::takeAnswer(rest);
+        if (!answer)
+            break;
+        Result result;
+        result.status = answer->status;
+        result.message = QString::fromStdString(answer->message);
+        result.data = QByteArray::fromStdString(answer->secret);
+        results.push_back(std::move(result));
+    }
+    // Answers for only some requests, or more than asked, mean a helper that is not ours.
+    if (results.size() != requests.size() || !rest.empty())
+        return failAll(InternalComponent,
                        QStringLiteral("The keyring helper %1 gave an answer that could not be read (exit code %2).")
                            .arg(m_helperPath)
                            .arg(process.exitCode()));
-    Result result;
-    result.status = answer->status;
-    result.message = QString::fromUtf8(answer->message);
-    result.data = answer->secret;
-    return result;
+    return results;
 }
 
 SecretBackend::Result KeyringProcessBackend::failure(int status, const QString &message)

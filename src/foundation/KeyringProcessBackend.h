@@ -5,10 +5,13 @@
 
 #include <chrono>
 #include <mutex>
+#include <vector>
 
 // The Secret Service reached through the keyring helper (pelorin-keyring): every call starts the
-// helper once, hands it the request on standard input and reads the answer from its standard
-// output. libsecret and GIO live only in the helper, so they never stay mapped here.
+// helper once, hands it the request(s) on standard input and reads the answers from its standard
+// output. libsecret and GIO live only in the helper, so they never stay mapped here. findAll()
+// asks for all its items in one run: starting the helper and opening a Secret Service session
+// cost far more than reading an item.
 //
 // Failures of the helper itself are the store's failures: a missing helper is NotAvailable
 // (naming the file), one that crashes, hangs past the time-out or answers garbage is
@@ -26,6 +29,7 @@ public:
     Result update(const QString &service, const QString &account, const QByteArray &data) override;
     Result add(const QString &service, const QString &account, const QByteArray &data) override;
     Result remove(const QString &service, const QString &account) override;
+    std::vector<Result> findAll(const QString &service, const QStringList &accounts) override;
     QString name() const override { return QStringLiteral("secret-service"); }
 
     const QString &helperPath() const { return m_helperPath; }
@@ -33,6 +37,8 @@ public:
 private:
     Result run(KeyringMessage::Operation operation, const QString &service, const QString &account,
                const QByteArray &data);
+    // One helper run; as many results as requests, all failures when the run fails.
+    std::vector<Result> runAll(const std::vector<KeyringMessage::Request> &requests);
     static Result failure(int status, const QString &message);
 
     QString m_helperPath;

@@ -48,6 +48,15 @@ std::shared_ptr<SecretBackend> SecretBackend::connectSecretService(QString *mess
     return backend;
 }
 
+std::vector<SecretBackend::Result> SecretBackend::findAll(const QString &service, const QStringList &accounts)
+{
+    std::vector<Result> results;
+    results.reserve(size_t(accounts.size()));
+    for (const QString &account : accounts)
+        results.push_back(find(service, account));
+    return results;
+}
+
 void SecretBackend::setSystemDefaultForTesting(std::shared_ptr<SecretBackend> backend)
 {
     std::lock_guard lock(g_mutex);

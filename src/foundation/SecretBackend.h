@@ -1,23 +1,21 @@
 #pragma once
 
+#include "foundation/SecretStatus.h"
+
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 
 #include <memory>
+#include <vector>
 
 // Where the keychain store keeps its items: one secret per (service, account). Every call
 // answers with a status of the platform keychain's numbering, so the store above runs the same
 // add-or-update rules whatever keeps the secrets.
 class SecretBackend {
 public:
-    enum Status : int {
-        Success = 0,
-        ItemNotFound = -25300,          // no item for the service and account
-        InteractionNotAllowed = -25308, // the keychain (collection) is locked
-        UserCanceled = -128,            // an unlock prompt was dismissed
-        NotAvailable = -25291,          // no secret service answers
-        InternalComponent = -26276,     // any other failure of the secret store
-    };
+    using Status = SecretStatus::Code;
+    using enum SecretStatus::Code;
 
     struct Result {
         int status = Success;
@@ -35,6 +33,9 @@ public:
     virtual Result add(const QString &service, const QString &account, const QByteArray &data) = 0;
     // Deletes the item(s); ItemNotFound when there is none.
     virtual Result remove(const QString &service, const QString &account) = 0;
+    // find() for each account of `service`, answers in the same order. Stores that pay per call
+    // (the keyring helper) answer them all at once.
+    virtual std::vector<Result> findAll(const QString &service, const QStringList &accounts);
     // "secret-service" or "file", for logs.
     virtual QString name() const = 0;
 

@@ -1,6 +1,7 @@
 // KeychainStore against a real GNOME keyring in a private session bus (see KeyringSession.h).
 #include "foundation/AppStorageManager.h"
 #include "foundation/KeychainStore.h"
+#include "foundation/KeyringMessage.h"
 #include "foundation/SecretBackend.h"
 #include "support/KeyringSession.h"
 #include "support/LogCapture.h"
@@ -133,12 +134,46 @@ private slots:
         manager.storeDeviceUUID(QStringLiteral("DEV-1"));
         manager.removeAppStorage();
         QCOMPARE(manager.deviceUUID(), QStringLiteral("DEV-1"));
-        QCOMPARE(manager.getVpnCredentials().username, QStringLiteral("u-1"));
+        const AppStorageManager::VpnCredentials credentials = manager.getVpnCredentials();
+        QCOMPARE(credentials.username, QStringLiteral("u-1"));
+        QCOMPARE(credentials.password, QStringLiteral("p-1"));
         QCOMPARE(lookup(QStringLiteral("password")).out, QStringLiteral("p-1"));
+        // One helper run answers several reads in the order asked.
+        const std::vector<SecretBackend::Result> found = m_backend->findAll(
+            kService, {QStringLiteral("password"), QStringLiteral("never-written"), QStringLiteral("username")});
+        QCOMPARE(found.size(), size_t(3));
+        QCOMPARE(found[0].data, QByteArray("p-1"));
+        QCOMPARE(found[1].status, int(SecretBackend::ItemNotFound));
+        QCOMPARE(found[2].data, QByteArray("u-1"));
         manager.removeVpnCredentials();
         QVERIFY(manager.getVpnCredentials().username.isNull());
         QVERIFY(manager.getVpnCredentials().password.isNull());
         QCOMPARE(itemCount(QStringLiteral("password")), 0);
+    }
+
+    void helperRefusesNamesThatAreNotUtf8()
+    {
+        std::string stream;
+        for (const KeyringMessage::Operation operation :
+             {KeyringMessage::Operation::Find, KeyringMessage::Operation::Add, KeyringMessage::Operation::Remove})
+            stream += KeyringMessage::encode({operation, kService.toStdString(), "bad\xff", "x"}).value();
+        stream += KeyringMessage::encode({KeyringMessage::Operation::Find, std::string("svc\0x", 5), "a", {}}).value();
+        QProcess helper;
+        helper.start(qEnvironmentVariable("PELORIN_BINARY_DIR") + QStringLiteral("/helpers/pelorin-keyring"));
+        QVERIFY(helper.waitForStarted());
+        helper.write(stream.data(), qint64(stream.size()));
+        helper.closeWriteChannel();
+        QVERIFY(helper.waitForFinished());
+        QCOMPARE(helper.exitStatus(), QProcess::NormalExit);
+        QCOMPARE(helper.exitCode(), 0);
+        const std::string output = helper.readAllStandardOutput().toStdString();
+        std::string_view rest = output;
+        for (int i = 0; i < 4; ++i) {
+            const std::optional<KeyringMessage::Answer> answer = KeyringMessage::takeAnswer(rest);
+            QVERIFY(answer);
+            QCOMPARE(answer->status, int(SecretBackend::InternalComponent));
+        }
+        QVERIFY(rest.empty());
     }
 
     void secretServiceLibrariesStayOutOfThisProcess()
@@ -177,6 +212,10 @@ private slots:
 
         QVERIFY(store().stringForKey(QStringLiteral("username"), &error).isNull());
         QCOMPARE(error->code(), -25308);
+        QList<NQErrorOpt> errors;
+        store().stringsForKeys({QStringLiteral("username"), QStringLiteral("username")}, &errors);
+        QVERIFY(errors.size() == 2 && errors[0] && errors[1]);
+        QCOMPARE(errors[1]->code(), -25308);
         QVERIFY(!store().removeItemForKey(QStringLiteral("username"), &error));
         QCOMPARE(error->code(), -25308);
         // Adding a new item into the locked default collection fails the same way.

@@ -157,12 +157,18 @@ private slots:
         KeychainStore nameless(QString(), fake);
         QVERIFY(!nameless.setString(QStringLiteral("v"), QStringLiteral("k"), &error));
         expectError(error, -99999, QStringLiteral("Unexpected error has occurred."));
+        QList<NQErrorOpt> errors;
+        fake->calls.clear();
+        QVERIFY(nameless.stringsForKeys({QStringLiteral("k")}, &errors).value(0, QStringLiteral("?")).isNull());
+        expectError(errors.value(0), -99999, QStringLiteral("Unexpected error has occurred."));
+        QVERIFY(fake->calls.isEmpty());
 
         QCOMPARE(log.lines(), (QStringList{QStringLiteral("error: [1] the key must not to be nil"),
                                            QStringLiteral("error: [1] the key must not to be nil"),
                                            QStringLiteral("error: [1] the key must not to be nil"),
                                            QStringLiteral("error: [-67594] failed to convert string to data"),
                                            QStringLiteral("error: [-67594] failed to convert data to string"),
+                                           QStringLiteral("error: [-99999] Unexpected error has occurred."),
                                            QStringLiteral("error: [-99999] Unexpected error has occurred.")}));
         QCOMPARE(fake->items.size(), 1);
     }

@@ -15,7 +15,8 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const QByteArray kBinarySecret("p\0ss\xff\xfe w\xc3\xb6rd", 13);
+const std::string kBinarySecret("p\0ss\xff\xfe w\xc3\xb6rd", 13);
+const QByteArray kBinarySecretBytes = QByteArray::fromStdString(kBinarySecret);
 
 Request sampleRequest()
 {
@@ -37,6 +38,65 @@ QString writeHelper(const QTemporaryDir &dir, const QByteArray &body)
     script.close();
     script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     return path;
+}
+
+// A fake helper that records its standard input in `dir`/request and answers `answers`.
+QString writeRecordingHelper(const QTemporaryDir &dir, const std::vector<Answer> &answers)
+{
+    QFile answerFile(dir.filePath(QStringLiteral("answer")));
+    if (!answerFile.open(QIODevice::WriteOnly))
+        return {};
+    for (const Answer &answer : answers)
+        answerFile.write(QByteArray::fromStdString(encode(answer).value()));
+    answerFile.close();
+    const QByteArray folder = QFile::encodeName(dir.path());
+    return writeHelper(dir, "cat > '" + folder + "/request'; cat '" + folder + "/answer'");
+}
+
+// The requests a fake helper was given, in order; empty when they could not all be read.
+std::vector<Request> recordedRequests(const QTemporaryDir &dir)
+{
+    QFile seen(dir.filePath(QStringLiteral("request")));
+    if (!seen.open(QIODevice::ReadOnly))
+        return {};
+    const std::string bytes = seen.readAll().toStdString();
+    std::string_view rest = bytes;
+    std::vector<Request> requests;
+    while (!rest.empty()) {
+        std::optional<Request> request = takeRequest(rest);
+        if (!request)
+            return {};
+        requests.push_back(std::move(*request));
+    }
+    return requests;
+}
+
+// The real helper run on `stream` with a session bus that cannot be reached, so every request
+// it reads is answered NotAvailable without touching a keyring; its answers and exit code.
+std::pair<std::vector<Answer>, int> runRealHelper(const std::string &stream)
+{
+    QProcess helper;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), QStringLiteral("unix:path=/nonexistent/bus"));
+    helper.setProcessEnvironment(environment);
+    helper.start(qEnvironmentVariable("PELORIN_BINARY_DIR") + QStringLiteral("/helpers/pelorin-keyring"));
+    if (!helper.waitForStarted())
+        return {{}, -1};
+    helper.write(stream.data(), qint64(stream.size()));
+    helper.closeWriteChannel();
+    if (!helper.waitForFinished() || helper.exitStatus() != QProcess::NormalExit)
+        return {{}, -1};
+    const std::string output = helper.readAllStandardOutput().toStdString();
+    std::string_view rest = output;
+    std::vector<Answer> answers;
+    while (std::optional<Answer> answer = takeAnswer(rest))
+        answers.push_back(std::move(*answer));
+    return {answers, rest.empty() ? helper.exitCode() : -2};
+}
+
+std::string encodedRequest(Operation operation, const std::string &account = {})
+{
+    return encode(Request{operation, "s", account, {}}).value();
 }
 
 } // namespace
@@ -61,40 +121,145 @@ private slots:
         const std::optional<Answer> answer = decodeAnswer(encode(sampleAnswer()).value());
         QVERIFY(answer);
         QCOMPARE(answer->status, int(SecretBackend::InteractionNotAllowed));
-        QCOMPARE(answer->message, QByteArray("The keyring is locked."));
+        QCOMPARE(answer->message, std::string("The keyring is locked."));
         QCOMPARE(answer->secret, kBinarySecret);
         const std::optional<Answer> empty = decodeAnswer(encode(Answer{}).value());
-        QVERIFY(empty && empty->status == 0 && empty->message.isEmpty() && empty->secret.isEmpty());
+        QVERIFY(empty && empty->status == 0 && empty->message.empty() && empty->secret.empty());
     }
 
     void shortLongOrForeignMessagesAreRejected()
     {
-        const QByteArray request = encode(sampleRequest()).value();
-        const QByteArray answer = encode(sampleAnswer()).value();
-        for (qsizetype cut = 0; cut < request.size(); ++cut)
-            QVERIFY2(!decodeRequest(request.left(cut)), qPrintable(QString::number(cut)));
-        for (qsizetype cut = 0; cut < answer.size(); ++cut)
-            QVERIFY2(!decodeAnswer(answer.left(cut)), qPrintable(QString::number(cut)));
+        const std::string request = encode(sampleRequest()).value();
+        const std::string answer = encode(sampleAnswer()).value();
+        for (size_t cut = 0; cut < request.size(); ++cut)
+            QVERIFY2(!decodeRequest(request.substr(0, cut)), qPrintable(QString::number(cut)));
+        for (size_t cut = 0; cut < answer.size(); ++cut)
+            QVERIFY2(!decodeAnswer(answer.substr(0, cut)), qPrintable(QString::number(cut)));
         QVERIFY(!decodeRequest(request + 'x'));
         QVERIFY(!decodeAnswer(answer + 'x'));
         // One side's message is not the other's.
         QVERIFY(!decodeAnswer(request));
         QVERIFY(!decodeRequest(answer));
 
-        QByteArray unknown = request;
+        std::string unknown = request;
         unknown[4] = char(0);
         QVERIFY(!decodeRequest(unknown));
         unknown[4] = char(int(Operation::Remove) + 1);
         QVERIFY(!decodeRequest(unknown));
 
         // A length past the limit is refused before anything is allocated for it.
-        QByteArray huge = answer.left(8);
+        std::string huge = answer.substr(0, 8);
         huge.append("\xff\xff\xff\xff", 4);
-        huge.append(QByteArray(16, 'a'));
+        huge.append(16, 'a');
         QVERIFY(!decodeAnswer(huge));
         Request tooBig = sampleRequest();
-        tooBig.secret = QByteArray(qsizetype(kMaxFieldBytes) + 1, 'x');
+        tooBig.secret = std::string(size_t(kMaxFieldBytes) + 1, 'x');
         QVERIFY(!encode(tooBig));
+    }
+
+    void aStreamIsReadMessageByMessageUpToTheFirstBadOne()
+    {
+        Request second = sampleRequest();
+        second.operation = Operation::Find;
+        second.account = "other";
+        const std::string stream = encode(sampleRequest()).value() + encode(second).value();
+        std::string_view rest = stream;
+        const std::optional<Request> first = takeRequest(rest);
+        QVERIFY(first && first->operation == Operation::Update && first->secret == kBinarySecret);
+        QCOMPARE(rest.size(), stream.size() - encode(sampleRequest()).value().size());
+        const std::optional<Request> next = takeRequest(rest);
+        QVERIFY(next && next->operation == Operation::Find && next->account == "other");
+        QVERIFY(rest.empty());
+        // Two messages are not one.
+        QVERIFY(!decodeRequest(stream));
+
+        // A bad message stops the reader where it starts.
+        std::string garbled = encode(sampleRequest()).value() + "PKQ1\x02garbage" + encode(second).value();
+        rest = garbled;
+        QVERIFY(takeRequest(rest));
+        const std::string_view badStart = rest;
+        QVERIFY(!takeRequest(rest));
+        QCOMPARE(rest.data(), badStart.data());
+        QCOMPARE(rest.size(), badStart.size());
+
+        const std::string answers = encode(sampleAnswer()).value() + encode(Answer{}).value();
+        rest = answers;
+        QVERIFY(takeAnswer(rest) && takeAnswer(rest) && rest.empty() && !takeAnswer(rest));
+    }
+
+    void realHelperAnswersEveryRequestInOrderAndStopsAtAGarbledOne()
+    {
+        const std::string ping = encodedRequest(Operation::Ping);
+        const std::string find = encodedRequest(Operation::Find, "a");
+
+        auto [answers, exitCode] = runRealHelper(find + ping + find);
+        QCOMPARE(exitCode, 0);
+        QCOMPARE(answers.size(), size_t(3));
+        for (const Answer &answer : answers)
+            QCOMPARE(answer.status, int(SecretBackend::NotAvailable));
+
+        // Requests before the garbled one are answered, then it is refused and nothing after it is read.
+        std::tie(answers, exitCode) = runRealHelper(ping + "PKQ1\x09" + find);
+        QCOMPARE(exitCode, 2);
+        QCOMPARE(answers.size(), size_t(2));
+        QCOMPARE(answers[0].status, int(SecretBackend::NotAvailable));
+        QCOMPARE(answers[1].status, int(SecretBackend::InternalComponent));
+        QCOMPARE(answers[1].message, std::string("The keyring helper could not read its request."));
+
+        // An empty input is an unreadable request; a run carries at most kMaxRequestsPerRun.
+        std::tie(answers, exitCode) = runRealHelper({});
+        QCOMPARE(exitCode, 2);
+        QCOMPARE(answers.size(), size_t(1));
+        std::string tooMany;
+        for (size_t i = 0; i <= kMaxRequestsPerRun; ++i)
+            tooMany += ping;
+        std::tie(answers, exitCode) = runRealHelper(tooMany);
+        QCOMPARE(exitCode, 2);
+        QCOMPARE(answers.size(), kMaxRequestsPerRun + 1);
+        QCOMPARE(answers.back().status, int(SecretBackend::InternalComponent));
+    }
+
+    void findAllAsksOneHelperRunAndKeepsTheOrder()
+    {
+        QTemporaryDir dir;
+        Answer found{SecretBackend::Success, {}, "first"};
+        Answer missing{SecretBackend::ItemNotFound, "The specified item could not be found in the keychain.", {}};
+        Answer second{SecretBackend::Success, {}, kBinarySecret};
+        const auto backend =
+            std::make_shared<KeyringProcessBackend>(writeRecordingHelper(dir, {found, missing, second}));
+        const QStringList keys{QStringLiteral("username"), QStringLiteral("gone"), QStringLiteral("password")};
+
+        const std::vector<SecretBackend::Result> results = backend->findAll(QStringLiteral("svc"), keys);
+        QCOMPARE(results.size(), size_t(3));
+        QCOMPARE(results[0].data, QByteArray("first"));
+        QCOMPARE(results[1].status, int(SecretBackend::ItemNotFound));
+        QCOMPARE(results[2].data, kBinarySecretBytes);
+        const std::vector<Request> requests = recordedRequests(dir);
+        QCOMPARE(requests.size(), size_t(3));
+        for (size_t i = 0; i < requests.size(); ++i) {
+            QCOMPARE(requests[i].operation, Operation::Find);
+            QCOMPARE(requests[i].service, std::string("svc"));
+            QCOMPARE(QString::fromStdString(requests[i].account), keys.at(qsizetype(i)));
+        }
+
+        // Through the store: a null key is refused there and never reaches the helper.
+        QList<NQErrorOpt> errors;
+        const QStringList texts = KeychainStore(QStringLiteral("svc"), backend)
+                                      .stringsForKeys({keys[0], QString(), keys[1], keys[2]}, &errors);
+        QCOMPARE(texts.size(), 4);
+        QCOMPARE(texts[0], QStringLiteral("first"));
+        QVERIFY(texts[1].isNull() && errors[1] && errors[1]->code() == KeychainStore::kArgumentErrorCode);
+        QVERIFY(texts[2].isNull() && !errors[2]);
+        QVERIFY(texts[3].isNull() && errors[3] && errors[3]->code() == KeychainStore::kConversionErrorCode);
+        QCOMPARE(recordedRequests(dir).size(), size_t(3));
+
+        // Fewer answers than requests: the helper is not ours, so every read fails.
+        QTemporaryDir shortDir;
+        KeyringProcessBackend shortBackend(writeRecordingHelper(shortDir, {found}));
+        for (const SecretBackend::Result &result : shortBackend.findAll(QStringLiteral("svc"), keys)) {
+            QCOMPARE(result.status, int(SecretBackend::InternalComponent));
+            QVERIFY2(result.message.contains(QStringLiteral("could not be read")), qPrintable(result.message));
+        }
     }
 
     void helperGetsTheRequestOnStandardInputAndItsAnswerIsTheResult()
@@ -102,24 +267,24 @@ private slots:
         QTemporaryDir dir;
         QFile answerFile(dir.filePath(QStringLiteral("answer")));
         QVERIFY(answerFile.open(QIODevice::WriteOnly));
-        answerFile.write(encode(sampleAnswer()).value());
+        answerFile.write(QByteArray::fromStdString(encode(sampleAnswer()).value()));
         answerFile.close();
         const QByteArray folder = QFile::encodeName(dir.path());
         KeyringProcessBackend backend(writeHelper(dir, "echo $# > '" + folder + "/argc'; cat > '" + folder +
                                                            "/request'; cat '" + folder + "/answer'"));
 
         const SecretBackend::Result result =
-            backend.update(QStringLiteral("com.pelorin.vpn.mac"), QStringLiteral("usér"), kBinarySecret);
+            backend.update(QStringLiteral("com.pelorin.vpn.mac"), QStringLiteral("usér"), kBinarySecretBytes);
         QCOMPARE(result.status, int(SecretBackend::InteractionNotAllowed));
         QCOMPARE(result.message, QStringLiteral("The keyring is locked."));
-        QCOMPARE(result.data, kBinarySecret);
+        QCOMPARE(result.data, kBinarySecretBytes);
 
         QFile seen(dir.filePath(QStringLiteral("request")));
         QVERIFY(seen.open(QIODevice::ReadOnly));
-        const std::optional<Request> request = decodeRequest(seen.readAll());
+        const std::optional<Request> request = decodeRequest(seen.readAll().toStdString());
         QVERIFY(request);
         QCOMPARE(request->operation, Operation::Update);
-        QCOMPARE(request->account, QByteArray("us\xc3\xa9r"));
+        QCOMPARE(request->account, std::string("us\xc3\xa9r"));
         QCOMPARE(request->secret, kBinarySecret);
         QFile argc(dir.filePath(QStringLiteral("argc")));
         QVERIFY(argc.open(QIODevice::ReadOnly));
@@ -182,7 +347,7 @@ private slots:
         helper.closeWriteChannel();
         QVERIFY(helper.waitForFinished());
         QCOMPARE(helper.exitCode(), 2);
-        const std::optional<Answer> answer = decodeAnswer(helper.readAllStandardOutput());
+        const std::optional<Answer> answer = decodeAnswer(helper.readAllStandardOutput().toStdString());
         QVERIFY(answer);
         QCOMPARE(answer->status, int(SecretBackend::InternalComponent));
     }
