@@ -142,6 +142,18 @@ bool anyLocked(GList *items)
     return false;
 }
 
+// The items a write may change: all of (service, account), none locked; else none, and why.
+ItemList writableItems(SecretService *secretService, const std::string &service, const std::string &account,
+                       Result *result)
+{
+    ItemList items = search(secretService, service, account, result);
+    if (items && anyLocked(items.get())) {
+        *result = failure(Status::InteractionNotAllowed, kLockedMessage);
+        return ItemList();
+    }
+    return items;
+}
+
 } // namespace
 
 Result LibsecretBackend::find(const std::string &service, const std::string &account)
@@ -169,11 +181,9 @@ Result LibsecretBackend::find(const std::string &service, const std::string &acc
 Result LibsecretBackend::update(const std::string &service, const std::string &account, std::string_view data)
 {
     Result result;
-    ItemList items = search(m_service, service, account, &result);
+    ItemList items = writableItems(m_service, service, account, &result);
     if (!items)
         return result;
-    if (anyLocked(items.get()))
-        return failure(Status::InteractionNotAllowed, kLockedMessage);
     SecretValue *value = secret_value_new(data.data(), gssize(data.size()), "text/plain");
     for (GList *it = items.get(); it; it = it->next) {
         GError *error = nullptr;
@@ -216,11 +226,9 @@ Result LibsecretBackend::add(const std::string &service, const std::string &acco
 Result LibsecretBackend::remove(const std::string &service, const std::string &account)
 {
     Result result;
-    ItemList items = search(m_service, service, account, &result);
+    ItemList items = writableItems(m_service, service, account, &result);
     if (!items)
         return result;
-    if (anyLocked(items.get()))
-        return failure(Status::InteractionNotAllowed, kLockedMessage);
     for (GList *it = items.get(); it; it = it->next) {
         GError *error = nullptr;
         if (!secret_item_delete_sync(SECRET_ITEM(it->data), nullptr, &error))
