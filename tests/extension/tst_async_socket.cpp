@@ -176,7 +176,7 @@ private slots:
         const std::array<int, 8> lengths = {1, 70, 3, 65537, 2, 300000, 4095, 1 << 20};
         QByteArray stream(6 * 1024 * 1024, Qt::Uninitialized);
         for (int i = 0; i < stream.size(); ++i)
-            stream[i] = char((i * 7919) >> 5);
+            stream[i] = char((quint64(i) * 7919) >> 5);
         std::atomic<qsizetype> queued{0};
         auto queueNext = [&](const AsyncSocketPtr &sock, long tag) {
             const qsizetype length = std::min<qsizetype>(lengths[tag % lengths.size()], stream.size() - queued);
