@@ -233,9 +233,23 @@ bool AsyncSocket::wantsDrainLocked() const
         return true;
     if (m_reads.empty())
         return false;
-    const std::int64_t length = m_reads.front().length;
     const qsizetype held = heldLocked();
-    return (length < 0 ? held > 0 : length <= held) || held >= m_maxBuffered;
+    return meets(m_reads.front().length, held) || held >= m_maxBuffered;
+}
+
+// Whether `held` bytes meet a request of `length` (-1: whatever is there, at least a byte).
+bool AsyncSocket::meets(std::int64_t length, qsizetype held)
+{
+    return length < 0 ? held > 0 : length <= held;
+}
+
+// What the drain held goes with the connection.
+void AsyncSocket::dropTaken()
+{
+    m_takeReads.clear();
+    m_take.clear();
+    m_carry.clear();
+    m_takePos = 0;
 }
 
 void AsyncSocket::writePendingLocked()
@@ -367,18 +381,30 @@ void AsyncSocket::drainCompletions()
     t_draining = outer;
 }
 
+// Unread bytes the drain owns: the carried partial message and the rest of its buffer.
+qsizetype AsyncSocket::takenBytes() const
+{
+    return m_carry.size() + m_take.size() - m_takePos;
+}
+
+// What the drain's oldest request takes from the bytes the drain owns; -1 while it must wait.
+qsizetype AsyncSocket::takeableLength() const
+{
+    if (m_takeReads.empty())
+        return -1;
+    const std::int64_t wanted = m_takeReads.front().length;
+    const qsizetype available = takenBytes();
+    return meets(wanted, available) ? (wanted < 0 ? available : static_cast<qsizetype>(wanted)) : -1;
+}
+
 // Meets the drain's oldest request from the bytes it owns: the carried partial message, then
 // the current buffer.
 bool AsyncSocket::takeRead(Completion &next)
 {
-    if (m_takeReads.empty())
+    const qsizetype length = takeableLength();
+    if (length < 0)
         return false;
     const ReadRequest request = m_takeReads.front();
-    const qsizetype inTake = m_take.size() - m_takePos;
-    const qsizetype available = m_carry.size() + inTake;
-    if (request.length < 0 ? available == 0 : request.length > available)
-        return false;
-    const qsizetype length = request.length < 0 ? available : static_cast<qsizetype>(request.length);
     next.kind = Completion::Read;
     next.tag = request.tag;
     if (m_carry.isEmpty()) {
@@ -407,17 +433,14 @@ bool AsyncSocket::takeRead(Completion &next)
 // buffer (usually part of one message) is carried over.
 void AsyncSocket::refillLocked()
 {
-    if (m_state != State::Connected) {
-        m_takeReads.clear();
-        m_take.clear();
-        m_carry.clear();
-        m_takePos = 0;
-        return;
-    }
+    if (m_state != State::Connected)
+        return dropTaken();
     m_takeReads.insert(m_takeReads.end(), m_reads.begin(), m_reads.end());
     m_reads.clear();
-    m_takeHeld = m_carry.size() + m_take.size() - m_takePos;
-    if (m_takeReads.empty())
+    m_takeHeld = takenBytes();
+    // New bytes are taken only when the drain's own cannot meet its oldest request: taking
+    // them earlier would copy the unread end of its buffer for nothing.
+    if (m_takeReads.empty() || takeableLength() >= 0)
         return;
     // Nothing else will say more bytes came from a peer that hung up: read them all now.
     for (qsizetype before = -1; m_hangUp && !m_eof && m_state == State::Connected && before != m_in.size();) {
@@ -430,7 +453,7 @@ void AsyncSocket::refillLocked()
     m_take.swap(m_in);
     m_takePos = 0;
     recycle(m_in);
-    m_takeHeld = m_carry.size() + m_take.size();
+    m_takeHeld = takenBytes();
     const std::int64_t length = m_takeReads.front().length;
     if (length > m_maxBuffered && m_takeHeld >= m_maxBuffered)
         closeLocked(
@@ -449,15 +472,12 @@ void AsyncSocket::endTurnLocked(bool more)
     if (m_state == State::Connected) {
         m_reads.insert(m_reads.begin(), m_takeReads.begin(), m_takeReads.end());
         m_takeReads.clear();
-        m_takeHeld = m_carry.size() + m_take.size() - m_takePos;
+        m_takeHeld = takenBytes();
         updateInterestLocked();
         if (more || wantsDrainLocked())
             scheduleDrainLocked();
     } else {
-        m_takeReads.clear();
-        m_take.clear();
-        m_carry.clear();
-        m_takePos = 0;
+        dropTaken();
     }
     if (!m_completions.empty())
         scheduleDrainLocked();

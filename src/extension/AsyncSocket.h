@@ -108,8 +108,12 @@ private:
     void scheduleDrainLocked();
     void drainCompletions();
     // Drain side: reads are met from bytes the running drain owns, without the lock.
+    static bool meets(std::int64_t length, qsizetype held);
+    qsizetype takenBytes() const;
+    qsizetype takeableLength() const;
     bool takeRead(Completion &next);
     void refillLocked();
+    void dropTaken();
     void endTurnLocked(bool more);
 
     mutable std::mutex m_mutex;

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <future>
 #include <mutex>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -65,7 +66,7 @@ public:
         if (gathered.core.get() != this) {
             flushGathered();
             if (!WorkerPool::atEndOfTask(&Core::flushGathered))
-                return queue(std::move(delivery));
+                return enqueue({&delivery, 1});
             gathered.core = shared_from_this();
         }
         gathered.deliveries.push_back(std::move(delivery));
@@ -77,24 +78,17 @@ public:
         if (!gathered.core)
             return;
         const std::shared_ptr<Core> core = std::move(gathered.core);
-        gathered.core.reset();
-        bool schedule;
-        {
-            std::lock_guard lock(core->deliveryMutex);
-            for (Delivery &d : gathered.deliveries)
-                core->incoming.push_back(std::move(d));
-            schedule = !std::exchange(core->drainScheduled, true);
-        }
+        core->enqueue(gathered.deliveries);
         gathered.deliveries.clear();
-        if (schedule)
-            core->scheduleDrain();
     }
 
-    void queue(Delivery delivery)
+    // Hands deliveries to the main thread under one lock.
+    void enqueue(std::span<Delivery> batch)
     {
         {
             std::lock_guard lock(deliveryMutex);
-            incoming.push_back(std::move(delivery));
+            for (Delivery &d : batch)
+                incoming.push_back(std::move(d));
             if (std::exchange(drainScheduled, true))
                 return;
         }
