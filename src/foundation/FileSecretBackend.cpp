@@ -14,13 +14,7 @@ namespace {
 const QString kItemsKey = QStringLiteral("items");
 const QString kVersionKey = QStringLiteral("version");
 
-SecretBackend::Result failure(int status, const QString &message)
-{
-    SecretBackend::Result result;
-    result.status = status;
-    result.message = message;
-    return result;
-}
+constexpr auto failure = &SecretBackend::Result::failure;
 
 SecretBackend::Result notFound()
 {

@@ -55,12 +55,8 @@ QString KeychainStore::stringForKey(const QString &key, NQErrorOpt *error) const
 {
     if (error)
         error->reset();
-    if (key.isNull()) {
-        report(error, argumentError(QStringLiteral("the key must not to be nil")));
-        return {};
-    }
-    if (m_service.isEmpty()) {
-        report(error, unexpectedError());
+    if (const NQErrorOpt refused = refusedKey(key)) {
+        report(error, *refused);
         return {};
     }
     return stringFrom(m_backend->find(m_service, key), error);
@@ -72,11 +68,8 @@ QStringList KeychainStore::stringsForKeys(const QStringList &keys, QList<NQError
     QList<NQErrorOpt> found(keys.size());
     QStringList asked;
     for (qsizetype i = 0; i < keys.size(); ++i) {
-        if (keys.at(i).isNull())
-            found[i] = argumentError(QStringLiteral("the key must not to be nil"));
-        else if (m_service.isEmpty())
-            found[i] = unexpectedError();
-        else
+        found[i] = refusedKey(keys.at(i));
+        if (!found.at(i))
             asked.append(keys.at(i));
     }
     const std::vector<SecretBackend::Result> results =
@@ -157,12 +150,8 @@ bool KeychainStore::removeItemForKey(const QString &key, NQErrorOpt *error) cons
 {
     if (error)
         error->reset();
-    if (key.isNull()) {
-        report(error, argumentError(QStringLiteral("the key must not to be nil")));
-        return false;
-    }
-    if (m_service.isEmpty()) {
-        report(error, unexpectedError());
+    if (const NQErrorOpt refused = refusedKey(key)) {
+        report(error, *refused);
         return false;
     }
     const SecretBackend::Result removed = m_backend->remove(m_service, key);
@@ -170,6 +159,16 @@ bool KeychainStore::removeItemForKey(const QString &key, NQErrorOpt *error) cons
         return true;
     report(error, securityError(removed));
     return false;
+}
+
+// Why a request for `key` cannot reach the store: a null key, or a store without a service.
+NQErrorOpt KeychainStore::refusedKey(const QString &key) const
+{
+    if (key.isNull())
+        return argumentError(QStringLiteral("the key must not to be nil"));
+    if (m_service.isEmpty())
+        return unexpectedError();
+    return std::nullopt;
 }
 
 NQError KeychainStore::argumentError(const QString &message)

@@ -54,6 +54,7 @@ public:
 private:
     // The text of a found item, or a null string where missing or on failure.
     static QString stringFrom(const SecretBackend::Result &found, NQErrorOpt *error);
+    NQErrorOpt refusedKey(const QString &key) const;
     static NQError argumentError(const QString &message);
     static NQError conversionError(const QString &message);
     static NQError securityError(const SecretBackend::Result &result);

@@ -62,7 +62,7 @@ std::vector<SecretBackend::Result> KeyringProcessBackend::findAll(const QString 
 std::vector<SecretBackend::Result> KeyringProcessBackend::runAll(const std::vector<KeyringMessage::Request> &requests)
 {
     const auto failAll = [&](int status, const QString &message) {
-        return std::vector<Result>(requests.size(), failure(status, message));
+        return std::vector<Result>(requests.size(), Result::failure(status, message));
     };
     std::lock_guard lock(m_mutex);
     const QFileInfo helper(m_helperPath);
@@ -118,12 +118,4 @@ std::vector<SecretBackend::Result> KeyringProcessBackend::runAll(const std::vect
                            .arg(m_helperPath)
                            .arg(process.exitCode()));
     return results;
-}
-
-SecretBackend::Result KeyringProcessBackend::failure(int status, const QString &message)
-{
-    Result result;
-    result.status = status;
-    result.message = message;
-    return result;
 }

@@ -39,7 +39,6 @@ private:
                const QByteArray &data);
     // One helper run; as many results as requests, all failures when the run fails.
     std::vector<Result> runAll(const std::vector<KeyringMessage::Request> &requests);
-    static Result failure(int status, const QString &message);
 
     QString m_helperPath;
     std::chrono::milliseconds m_timeout;

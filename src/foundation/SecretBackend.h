@@ -22,6 +22,7 @@ public:
         QByteArray data; // the secret, for find()
         QString message; // the store's own text for a failure; empty where it gives none
         bool ok() const { return status == Success; }
+        static Result failure(int status, const QString &message) { return {status, {}, message}; }
     };
 
     virtual ~SecretBackend() = default;
