@@ -8,7 +8,7 @@ PACKAGES=(
   cmake ninja-build g++ clang ccache pkg-config clang-format
   qt6-base-dev qt6-base-dev-tools qt6-tools-dev qt6-tools-dev-tools qt6-l10n-tools
   qt6-svg-dev qt6-httpserver-dev qt6-websockets-dev libqt6svg6 qt6-qpa-plugins
-  libsecret-1-dev libplist-dev libssl-dev libglib2.0-dev
+  libsecret-1-dev libplist-dev libssl-dev libglib2.0-dev libicu-dev
   # runtime of the tunnel and its helpers
   openvpn sudo iproute2 iputils-ping procps psmisc openssl easy-rsa
   # tests: secret service, independent WebSocket clients, a display for screenshots

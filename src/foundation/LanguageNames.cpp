@@ -2,6 +2,9 @@
 
 #include <QHash>
 
+#include <unicode/locid.h>
+#include <unicode/unistr.h>
+
 namespace LanguageNames {
 
 namespace {
@@ -10,6 +13,16 @@ bool namesInEnglish(const QLocale &locale)
 {
     return locale.language() == QLocale::English || locale.language() == QLocale::C ||
            locale.language() == QLocale::AnyLanguage;
+}
+
+// Qt names a language only in English or in itself; ICU's data names it in any locale.
+QString displayName(const QString &code, const QLocale &locale)
+{
+    const icu::Locale display =
+        namesInEnglish(locale) ? icu::Locale::getEnglish() : icu::Locale(locale.name().toLatin1().constData());
+    icu::UnicodeString name;
+    icu::Locale(code.toLatin1().constData()).getDisplayLanguage(display, name);
+    return QString(reinterpret_cast<const QChar *>(name.getBuffer()), name.length());
 }
 
 } // namespace
@@ -22,9 +35,13 @@ QString localeNameForCode(const QString &code, const QLocale &locale)
     const QLocale::Language language = named.language();
     if (language == QLocale::C || language == QLocale::AnyLanguage)
         return {};
+    QString name = displayName(code, locale);
+    // A code without data comes back unchanged.
+    if (name.isEmpty() || name.compare(code, Qt::CaseInsensitive) == 0)
+        return {};
     if (!namesInEnglish(locale) && language == locale.language())
-        return named.nativeLanguageName();
-    return QLocale::languageToString(language);
+        name[0] = name.at(0).toUpper();
+    return name;
 }
 
 QString nativeNameForEnglishName(const QString &englishName)

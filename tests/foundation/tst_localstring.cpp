@@ -206,11 +206,34 @@ private slots:
         QCOMPARE(LocalString::appLanguageName(), QStringLiteral("English"));
     }
 
-    void nonEnglishLocaleNamesItsOwnLanguageAsGiven()
+    void nonEnglishLocaleNamesAsGiven_data()
     {
-        LocalString::setOverridesForTesting(machine({"sv-SE"}, kShipped, QLocale(QLocale::Swedish, QLocale::Sweden)));
-        QCOMPARE(LocalString::languageNameForCode(QStringLiteral("sv")), QStringLiteral("svenska"));
-        QCOMPARE(LocalString::languageNameForCode(QStringLiteral("de")), QStringLiteral("Deutsch"));
+        QTest::addColumn<QLocale>("locale");
+        QTest::addColumn<QString>("code");
+        QTest::addColumn<QString>("name");
+        const QLocale sv(QLocale::Swedish, QLocale::Sweden);
+        const QLocale pt(QLocale::Portuguese, QLocale::Brazil);
+        // Other languages in the locale's own words; the user's own language not lower-cased.
+        QTest::newRow("sv own") << sv << "sv"
+                                << "Svenska";
+        QTest::newRow("sv other") << sv << "de"
+                                  << "tyska";
+        QTest::newRow("sv english") << sv << "en"
+                                    << "engelska";
+        QTest::newRow("pt own") << pt << "pt"
+                                << "Português";
+        QTest::newRow("pt other") << pt << "fr"
+                                  << "francês";
+        QTest::newRow("pt unknown code") << pt << "xx"
+                                         << "";
+    }
+    void nonEnglishLocaleNamesAsGiven()
+    {
+        QFETCH(QLocale, locale);
+        QFETCH(QString, code);
+        QFETCH(QString, name);
+        LocalString::setOverridesForTesting(machine({"sv-SE"}, kShipped, locale));
+        QCOMPARE(LocalString::languageNameForCode(code), name);
     }
 
     void numericNameOrder()
@@ -240,8 +263,10 @@ private slots:
             QCOMPARE(source.valueForRow(row), source.tableData().value(source.codeForRow(row)));
             codes << source.codeForRow(row);
         }
-        // Rows follow the map's own order, not the sorted one.
+        // Rows follow the map's own order, not the sorted one, and that order is the same at
+        // every launch (a per-process hash seed must not reach it).
         QCOMPARE(codes, source.tableData().keys());
+        QCOMPARE(codes, (QStringList{"da", "de", "en", "es", "fi", "fr", "it", "no", "pt", "sv", "xx"}));
         QCOMPARE(source.valueForRow(11), QString());
         QCOMPARE(source.codeForRow(-1), QString());
     }

@@ -42,16 +42,14 @@ private slots:
         QCOMPARE(LocalString::forKey(QStringLiteral("Quit_software_name")), QStringLiteral("Sair do PelorinVPN"));
     }
 
-    void portugueseLocaleNamesItsOwnLanguageAsGiven()
+    void portugueseLocaleNamesLanguagesInPortuguese()
     {
-        // Qt names a language only in English or in itself: Portuguese comes as the locale
-        // spells it, the others through the native-name table.
-        QCOMPARE(LocalString::appLanguageName(), QStringLiteral("português"));
+        QCOMPARE(LocalString::appLanguageName(), QStringLiteral("Português"));
         const LanguagesTableSource source;
         QCOMPARE(source.numberOfRows(), 10);
-        QCOMPARE(source.tableData().value("de"), QStringLiteral("Deutsch"));
-        QCOMPARE(source.tableData().value("en"), QStringLiteral("English"));
-        QCOMPARE(source.tableData().value("pt"), QStringLiteral("português"));
+        QCOMPARE(source.tableData().value("de"), QStringLiteral("alemão"));
+        QCOMPARE(source.tableData().value("en"), QStringLiteral("inglês"));
+        QCOMPARE(source.tableData().value("pt"), QStringLiteral("Português"));
     }
 };
 
