@@ -112,6 +112,16 @@ RegisterVpn registerVpn(const BackendRequest::Result &result, const QString &fai
     return answer;
 }
 
+bool installEventSent(const BackendRequest::Result &result)
+{
+    if (result.error)
+        return false;
+    const QJsonValue sent = result.json.object().value(QStringLiteral("sent"));
+    if (sent.isDouble())
+        return sent.toDouble() != 0; // NaN cannot come out of JSON text
+    return sent.toBool();
+}
+
 Location location(const BackendRequest::Result &result)
 {
     if (result.error)

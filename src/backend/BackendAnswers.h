@@ -36,6 +36,10 @@ struct RegisterVpn {
 };
 RegisterVpn registerVpn(const BackendRequest::Result &result, const QString &failureLine);
 
+// The install event's acknowledgement: "sent" as a boolean or a number (non-zero is sent);
+// anything else, or a failed request, is not sent.
+bool installEventSent(const BackendRequest::Result &result);
+
 // The caller's public address. `error` is the text handed to the caller, null on success.
 struct Location {
     QString ip;

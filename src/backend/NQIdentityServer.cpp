@@ -78,11 +78,7 @@ void NQIdentityServer::reportAnalyticsEventForLabelID(const QString &labelID, co
         body.insert(QStringLiteral("country"), countryCode);
     options.jsonBody = body;
     BackendRequest::send(std::move(options), [completion](const BackendRequest::Result &result) {
-        if (result.error) {
-            completion(false, result.error);
-            return;
-        }
-        completion(result.json.object().value(QStringLiteral("sent")).toBool(), std::nullopt);
+        completion(BackendAnswers::installEventSent(result), result.error);
     });
 }
 

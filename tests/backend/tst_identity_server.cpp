@@ -282,6 +282,25 @@ private slots:
         QCOMPARE(answer.response.success, success);
     }
 
+    void installEventAcknowledgement_data()
+    {
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<bool>("sent");
+        QTest::newRow("true") << QByteArray(R"({"sent":true})") << true;
+        QTest::newRow("one") << QByteArray(R"({"sent":1})") << true;
+        QTest::newRow("zero") << QByteArray(R"({"sent":0})") << false;
+        QTest::newRow("false") << QByteArray(R"({"sent":false})") << false;
+        QTest::newRow("text") << QByteArray(R"({"sent":"1"})") << false;
+        QTest::newRow("absent") << QByteArray("{}") << false;
+        QTest::newRow("not json") << QByteArray("sent") << false;
+    }
+    void installEventAcknowledgement()
+    {
+        QFETCH(QByteArray, body);
+        QFETCH(bool, sent);
+        QCOMPARE(BackendAnswers::installEventSent(BackendRequest::resultForBody(body, "x")), sent);
+    }
+
     // Every failure row: the error reaches the caller and the stored pair stays.
     void failuresKeepStoredCredentials_data()
     {
