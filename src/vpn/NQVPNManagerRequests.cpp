@@ -22,6 +22,16 @@ BackendRequest::Options getSpec(const QString &url, BackendRequest::LogLines log
     options.timeoutSeconds = NQConfig::shared().appHttpDefaultTimeout;
     return options;
 }
+
+// The backend client's usual lines, named after this request and marked as this class's, as
+// the profile request's are.
+BackendRequest::LogLines countriesLogLines()
+{
+    BackendRequest::LogLines log = BackendRequest::LogLines::named(QStringLiteral("getCountries"));
+    for (QString *line : {&log.start, &log.endpoint, &log.failure, &log.success, &log.deserialized, &log.finish})
+        line->prepend(QStringLiteral("|NQVPNManager| "));
+    return log;
+}
 } // namespace
 
 QString NQVPNManager::requestUrl(const QString &endpoint, const QString &countryIdSegment)
@@ -37,10 +47,7 @@ QString NQVPNManager::requestUrl(const QString &endpoint, const QString &country
 
 void NQVPNManager::getCountries(CountriesCompletion completion)
 {
-    // This request logs nothing of its own.
-    BackendRequest::LogLines silent;
-    silent.deserializeError = QStringLiteral("Deserialize response body failed for request 'getCountries'.");
-    BackendRequest::send(getSpec(requestUrl(QStringLiteral("serverlist"), {}), silent),
+    BackendRequest::send(getSpec(requestUrl(QStringLiteral("serverlist"), {}), countriesLogLines()),
                          [this, alive = std::weak_ptr<char>(m_alive),
                           completion = std::move(completion)](const BackendRequest::Result &result) {
                              auto [countries, error] = VpnAnswers::countries(result);

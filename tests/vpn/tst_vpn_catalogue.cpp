@@ -169,7 +169,9 @@ void TestVpnCatalogue::serverListSuccessAndEvents()
     Recorded r;
     record(r);
     // The status is never looked at: a 500 with an array body is a list.
-    server.setReplies({{500, R"([{"id": 1, "countryName": "Germany"}, {"id": "2", "countryName": "United States"}])"}});
+    const QByteArray list = R"([{"id": 1, "countryName": "Germany"}, {"id": "2", "countryName": "United States"}])";
+    server.setReplies({{500, list}});
+    LogCapture logs;
     bool done = false;
     env.manager().getCountries([&](const QList<NQVPNCountry> &countries, const NQErrorOpt &error) {
         QVERIFY(MainQueue::isMainThread());
@@ -186,6 +188,11 @@ void TestVpnCatalogue::serverListSuccessAndEvents()
     QCOMPARE(server.targets().value(0),
              QStringLiteral("/api1/vpnapi/serverlist/20014/KEY/%1/%2?deviceType=2&keyFromStore=true&engine=1")
                  .arg(AppConfig::deviceUniqueID(), AppConfig::appVersion()));
+    const QString request = QStringLiteral("|NQVPNManager| Request getCountries");
+    QCOMPARE(logs.lines().filter(request),
+             (QStringList{request, request + ". endpointUrl = '" + server.baseUrl() + server.targets().value(0) + "'",
+                          request + ". request success", request + ". request success. response body deserialized",
+                          request + ". request finish. response body = " + list}));
 
     // An empty array: empty list, no error, both events all the same.
     server.setReplies({{200, "[]"}});
@@ -205,6 +212,7 @@ void TestVpnCatalogue::serverListFailuresEmptyTheList()
     CannedHttpServer server;
     VpnTestEnvironment env(server.baseUrl());
     server.setReplies({{200, R"([{"id": 1}])"}, {200, "{}"}, {200, "not json"}});
+    LogCapture logs;
     Recorded r;
     record(r);
     bool done = false;
@@ -246,6 +254,8 @@ void TestVpnCatalogue::serverListFailuresEmptyTheList()
         done = true;
     });
     QTRY_VERIFY(done);
+    QCOMPARE(logs.lines().filter("|NQVPNManager| Request getCountries. failed = 'Error Domain=NSURLErrorDomain").size(),
+             1);
 }
 
 void TestVpnCatalogue::profileRequest()
