@@ -67,9 +67,14 @@ public:
     static QString chromeExtensionsID() { return QString::fromLatin1(kChromeExtensionsID); }
     // The console user's home folder; null when nobody is at the console.
     QString currentUserHomeDirectory() const;
-    // Profile folder "Profile <n>" holds the extension (installed or unpacked).
+    // Profile folder "Profile <n>" (any n) holds the extension (installed or unpacked).
     bool folderExistsForProfile(int profileNumber, const QString &extensionID) const;
     bool extensionIDExistsForDefaultProfile(const QString &extensionID) const;
+    // An unpacked (developer) copy in the default profile, else isExtensionInstalledForDebug.
+    bool extensionIDExistsForDebugExtensions(const QString &extensionID) const;
+    // The running user's own Chrome default profile holds the extension; logs the path and
+    // the answer.
+    bool isExtensionInstalledForDebug(const QString &extensionID) const;
 
     ExtensionStorage &storage() { return m_storage; }
     void dispatchAnyEvent();

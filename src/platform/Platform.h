@@ -42,14 +42,16 @@ public:
     virtual QString sudoPath() = 0;
     // Hardware model text ("hw.model" on macOS, the DMI product name on Linux).
     virtual std::optional<QString> deviceModel() = 0;
-    // The user of the active graphical session; empty fields when nobody is logged in.
+    // The user of the active graphical session; empty fields when nobody is at the console.
+    // Cheap enough for the main thread: no process is started and nothing is waited for.
     virtual ConsoleUser consoleUser() = 0;
 
     // Browsers, for the extension presence checks.
     virtual bool isChromeInstalled() = 0;
     virtual bool isFirefoxInstalled() = 0;
-    // Chrome profile folders searched for the extension, given the console user's home.
-    virtual QStringList chromeProfileDirectories(const QString &home) = 0;
+    // Chrome's user-data folders (each holds "Default", "Profile 1", ...) searched for the
+    // extension, given the console user's home; every channel and packaging the platform knows.
+    virtual QStringList chromeUserDataDirectories(const QString &home) = 0;
     // Command that opens Chrome on a URL; empty when Chrome is not installed.
     virtual QStringList openInChromeCommand(const QString &url) = 0;
 

@@ -372,11 +372,12 @@ private slots:
         QCOMPARE(id.size(), 32);
         QVERIFY(QDir().mkpath(home + "/.config/google-chrome/Profile 5/Extensions/" + id));
         QVERIFY(!api->isChromeExtensionInstalled());
+        QVERIFY(api->folderExistsForProfile(5, id));
         QVERIFY(log.lines().contains(QStringLiteral("Extension %1 not found for user %2").arg(id, home)));
         QVERIFY(QDir().mkpath(home + "/.config/google-chrome/Profile 2/Extensions/" + id));
         QVERIFY(api->isChromeExtensionInstalled());
         QVERIFY(api->folderExistsForProfile(2, id));
-        QVERIFY(!api->folderExistsForProfile(5, id));
+        QVERIFY(!api->folderExistsForProfile(4, id));
         QVERIFY(!api->extensionIDExistsForDefaultProfile(id));
         QVERIFY(QDir(home + "/.config/google-chrome/Profile 2").removeRecursively());
         const QString unpacked = home + "/.config/chromium/Default/Local Extension Settings/" + id;
@@ -384,6 +385,72 @@ private slots:
         log.clear();
         QVERIFY(api->isChromeExtensionInstalled());
         QCOMPARE(log.lines(), QStringList{QStringLiteral("Developer extension found in %1").arg(unpacked)});
+        QVERIFY(QDir(home).removeRecursively());
+    }
+
+    // The extension in Profile 2 of each way Chrome or Chromium is installed on Linux.
+    void presenceInEveryLinuxInstall_data()
+    {
+        QTest::addColumn<QString>("userData"); // below the home folder
+        QTest::addColumn<QString>("configHome");
+        QTest::newRow("chrome") << ".config/google-chrome" << QString();
+        QTest::newRow("chrome beta") << ".config/google-chrome-beta" << QString();
+        QTest::newRow("chrome unstable") << ".config/google-chrome-unstable" << QString();
+        QTest::newRow("chromium") << ".config/chromium" << QString();
+        QTest::newRow("snap chromium") << "snap/chromium/common/chromium" << QString();
+        QTest::newRow("flatpak chrome") << ".var/app/com.google.Chrome/config/google-chrome" << QString();
+        QTest::newRow("flatpak chromium") << ".var/app/org.chromium.Chromium/config/chromium" << QString();
+        QTest::newRow("XDG_CONFIG_HOME") << "cfg/google-chrome"
+                                         << "cfg";
+        QTest::newRow("XDG_CONFIG_HOME beta") << "cfg/google-chrome-beta"
+                                              << "cfg";
+    }
+    void presenceInEveryLinuxInstall()
+    {
+        QFETCH(QString, userData);
+        QFETCH(QString, configHome);
+        QTemporaryDir home;
+        platform.user = {QStringLiteral("alice"), home.path()};
+        const QString id = BrowserExtensionApi::chromeExtensionsID();
+        QVERIFY(QDir().mkpath(home.filePath(userData + "/Profile 2/Extensions/" + id)));
+        QVERIFY(QDir().mkpath(home.filePath(userData + "/Default/Local Extension Settings/" + id)));
+        const QByteArray saved = qgetenv("XDG_CONFIG_HOME");
+        if (!configHome.isNull())
+            qputenv("XDG_CONFIG_HOME", home.filePath(configHome).toLocal8Bit());
+        else
+            qunsetenv("XDG_CONFIG_HOME");
+        LogCapture log;
+        const bool installed = api->isChromeExtensionInstalled();
+        const bool inProfile = api->folderExistsForProfile(2, id);
+        const bool unpacked = api->extensionIDExistsForDebugExtensions(id);
+        qputenv("XDG_CONFIG_HOME", saved);
+        QVERIFY(installed);
+        QVERIFY(inProfile);
+        QVERIFY(unpacked);
+    }
+
+    // The developer checks look in the running user's own default profile and say so.
+    void debugPresenceLogsThePathAndTheAnswer()
+    {
+        QTemporaryDir home;
+        const QByteArray savedHome = qgetenv("HOME");
+        const QByteArray savedConfig = qgetenv("XDG_CONFIG_HOME");
+        qputenv("HOME", home.path().toLocal8Bit());
+        qunsetenv("XDG_CONFIG_HOME");
+        platform.user = {};
+        const QString id = BrowserExtensionApi::chromeExtensionsID();
+        const QString path = home.path() + "/.config/google-chrome/Default/Extensions/" + id;
+        LogCapture log;
+        const bool before = api->extensionIDExistsForDebugExtensions(id);
+        QVERIFY(QDir().mkpath(path));
+        const bool after = api->isExtensionInstalledForDebug(id);
+        qputenv("HOME", savedHome);
+        qputenv("XDG_CONFIG_HOME", savedConfig);
+        QVERIFY(!before);
+        QVERIFY(after);
+        const QString checking = QStringLiteral("Checking extension path: %1").arg(path);
+        QCOMPARE(log.lines(),
+                 (QStringList{checking, "Extension folder exists: NO", checking, "Extension folder exists: YES"}));
     }
 
     void portComesFromEnvironmentThenSetting()

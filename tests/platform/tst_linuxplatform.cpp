@@ -5,6 +5,7 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -149,12 +150,35 @@ private slots:
                  (QStringList{bin.path() + "/chromium", "https://example.org"}));
     }
 
-    void chromeProfilesAreTheFourKnownOnes()
+    // logind's seat file names the console user; without logind the running user stands in.
+    void consoleUserComesFromTheFirstSeat_data()
     {
-        const QStringList dirs = LinuxPlatform().chromeProfileDirectories("/home/u");
-        QVERIFY(dirs.contains("/home/u/.config/google-chrome/Default"));
-        QVERIFY(dirs.contains("/home/u/.config/google-chrome/Profile 3"));
-        QVERIFY(!dirs.contains("/home/u/.config/google-chrome/Profile 4"));
+        QTest::addColumn<QString>("seatFile"); // null: no seat0 file
+        QTest::addColumn<bool>("logind");
+        QTest::addColumn<bool>("ourUser");
+        const QString active = QStringLiteral("ACTIVE=c2\nACTIVE_UID=%1\nSESSIONS=c2\n").arg(getuid());
+        QTest::newRow("active session") << active << true << true;
+        QTest::newRow("nobody at the screen") << "CAN_GRAPHICAL=1\nSESSIONS=\n" << true << false;
+        QTest::newRow("unreadable uid") << "ACTIVE_UID=x\n" << true << false;
+        QTest::newRow("no seat") << QString() << true << false;
+        QTest::newRow("no logind") << QString() << false << true;
+    }
+    void consoleUserComesFromTheFirstSeat()
+    {
+        QFETCH(QString, seatFile);
+        QFETCH(bool, logind);
+        QFETCH(bool, ourUser);
+        QTemporaryDir root;
+        const QString seats = root.path() + (logind ? "/seats" : "/absent");
+        QVERIFY(!logind || QDir().mkpath(seats));
+        if (!seatFile.isNull()) {
+            QFile seat(seats + "/seat0");
+            QVERIFY(seat.open(QIODevice::WriteOnly));
+            seat.write(seatFile.toUtf8());
+        }
+        const Platform::ConsoleUser user = LinuxPlatform({.seatsDirectory = seats}).consoleUser();
+        QCOMPARE(user.home, ourUser ? QString::fromLocal8Bit(getpwuid(getuid())->pw_dir) : QString());
+        QCOMPARE(user.name.isEmpty(), !ourUser);
     }
 
     void installerUsesTheOverrideWithThePackagePath()

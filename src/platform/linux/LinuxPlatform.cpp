@@ -4,7 +4,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QProcess>
 #include <QSaveFile>
 #include <QStandardPaths>
 #include <QTextStream>
@@ -22,8 +21,8 @@ namespace {
 constexpr auto kBundleId = "com.pelorin.vpn.mac";
 // Marks an autostart entry as ours and tells a start at login from a start by hand.
 constexpr auto kLoginItemArgument = "--login-item";
-// How long the session manager may take to name the console user before we fall back.
-constexpr int kLoginctlTimeoutMs = 2000;
+// A seat state file holds a dozen short lines; more is not logind's.
+constexpr qint64 kSeatFileLimit = 64 * 1024;
 
 void logPlatformWarning(const QString &text)
 {
@@ -178,27 +177,29 @@ std::optional<QString> LinuxPlatform::deviceModel()
 
 Platform::ConsoleUser LinuxPlatform::consoleUser()
 {
-    // The active session on the first seat is the one in front of the screen.
-    QProcess loginctl;
-    loginctl.start(QStringLiteral("loginctl"),
-                   {QStringLiteral("show-seat"), QStringLiteral("seat0"), QStringLiteral("-p"),
-                    QStringLiteral("ActiveSession"), QStringLiteral("--value")});
-    if (loginctl.waitForFinished(kLoginctlTimeoutMs) && loginctl.exitCode() == 0) {
-        const QString session = QString::fromUtf8(loginctl.readAllStandardOutput()).trimmed();
-        if (!session.isEmpty()) {
-            QProcess show;
-            show.start(QStringLiteral("loginctl"), {QStringLiteral("show-session"), session, QStringLiteral("-p"),
-                                                    QStringLiteral("User"), QStringLiteral("--value")});
-            bool ok = false;
-            if (show.waitForFinished(kLoginctlTimeoutMs)) {
-                const uid_t uid = QString::fromUtf8(show.readAllStandardOutput()).trimmed().toUInt(&ok);
-                if (ok)
-                    return {nameOf(uid), homeOf(uid)};
-            }
-        }
+    // logind keeps the state of each seat in a small file on a memory file system; the first
+    // seat's active session is the one in front of the screen. Read directly (as sd-login
+    // does) rather than through loginctl, which would start two processes and wait on them.
+    const QString seats =
+        m_overrides.seatsDirectory.isEmpty() ? QStringLiteral("/run/systemd/seats") : m_overrides.seatsDirectory;
+    if (!QFileInfo(seats).isDir()) {
+        // No session manager (a server, a container): the user running us is the one to ask about.
+        return {nameOf(getuid()), homeOf(getuid())};
     }
-    // No session manager (a server, a container): the user running us is the one to ask about.
-    return {nameOf(getuid()), homeOf(getuid())};
+    QFile seat(seats + QStringLiteral("/seat0"));
+    if (!seat.open(QIODevice::ReadOnly | QIODevice::Text))
+        return {};
+    const QByteArray state = seat.read(kSeatFileLimit);
+    for (const QByteArray &line : state.split('\n')) {
+        if (!line.startsWith("ACTIVE_UID="))
+            continue;
+        bool ok = false;
+        const uint uid = line.mid(static_cast<qsizetype>(qstrlen("ACTIVE_UID="))).trimmed().toUInt(&ok);
+        if (!ok)
+            return {};
+        return {nameOf(uid), homeOf(uid)};
+    }
+    return {};
 }
 
 QString LinuxPlatform::findProgram(const QStringList &names) const
@@ -223,14 +224,25 @@ bool LinuxPlatform::isFirefoxInstalled()
     return !findProgram({QStringLiteral("firefox"), QStringLiteral("firefox-esr")}).isEmpty();
 }
 
-QStringList LinuxPlatform::chromeProfileDirectories(const QString &home)
+QStringList LinuxPlatform::chromeUserDataDirectories(const QString &home)
 {
+    static const QStringList channels{QStringLiteral("google-chrome"), QStringLiteral("google-chrome-beta"),
+                                      QStringLiteral("google-chrome-unstable"), QStringLiteral("chromium")};
+    QStringList configRoots;
+    // Chrome follows $XDG_CONFIG_HOME when it is set (an absolute path, as the standard asks).
+    const QString xdg = qEnvironmentVariable("XDG_CONFIG_HOME");
+    if (QDir::isAbsolutePath(xdg))
+        configRoots << QDir::cleanPath(xdg);
+    configRoots << home + QStringLiteral("/.config");
+    configRoots.removeDuplicates();
     QStringList dirs;
-    for (const QString &root : {QStringLiteral("/.config/google-chrome/"), QStringLiteral("/.config/chromium/")}) {
-        for (const QString &profile : {QStringLiteral("Default"), QStringLiteral("Profile 1"),
-                                       QStringLiteral("Profile 2"), QStringLiteral("Profile 3")})
-            dirs << home + root + profile;
-    }
+    for (const QString &root : std::as_const(configRoots))
+        for (const QString &channel : channels)
+            dirs << root + QLatin1Char('/') + channel;
+    // Snap and Flatpak keep each browser's configuration inside its own sandbox folder.
+    dirs << home + QStringLiteral("/snap/chromium/common/chromium")
+         << home + QStringLiteral("/.var/app/com.google.Chrome/config/google-chrome")
+         << home + QStringLiteral("/.var/app/org.chromium.Chromium/config/chromium");
     return dirs;
 }
 

@@ -25,6 +25,7 @@ public:
         QString installer{}; // program run as "<installer> <package>"
         QString dmiProductNameFile{};
         QStringList browserSearchPath{}; // folders searched for browser programs
+        QString seatsDirectory{};        // logind's seat state files ("/run/systemd/seats")
     };
 
     // Two constructors rather than a defaulted argument: GCC 12 cannot use the members'
@@ -43,7 +44,7 @@ public:
 
     bool isChromeInstalled() override;
     bool isFirefoxInstalled() override;
-    QStringList chromeProfileDirectories(const QString &home) override;
+    QStringList chromeUserDataDirectories(const QString &home) override;
     QStringList openInChromeCommand(const QString &url) override;
 
     QStringList loginItemNames() override;
