@@ -20,6 +20,18 @@ QJsonObject jsonObject(const QString &text)
     return QJsonDocument::fromJson(text.toUtf8()).object();
 }
 
+// A cookie name: text, or a number written as text. Anything else names no cookie.
+QString cookieName(const QJsonValue &value)
+{
+    if (value.isString())
+        return value.toString();
+    if (value.isDouble())
+        return value.toVariant().toString();
+    NQLog::line(QStringLiteral("|BrowserExtension| ignored a cookie name that is no text: %1")
+                    .arg(QString::fromUtf8(QJsonDocument(QJsonArray{value}).toJson(QJsonDocument::Compact))));
+    return {};
+}
+
 void post(const char *name, const QVariantMap &userInfo = {}, const void *sender = nullptr)
 {
     EventBus::defaultCenter().post(QString::fromLatin1(name), userInfo, sender);
@@ -77,9 +89,11 @@ void BrowserExtensionApi::dispatchMessage(const QString &text)
     case Handler::BlockedDomain:
         return handleBlockedDomain(text);
     case Handler::FoundCookie: {
-        const QJsonValue value = jsonObject(text).value(QLatin1String("Value"));
-        if (value.isString())
-            m_storage.storeExtensionBlockedCookie(value.toString());
+        const QJsonObject object = jsonObject(text);
+        // A text that is no JSON object has no cookie to record.
+        const QString name = object.isEmpty() ? QString() : cookieName(object.value(QLatin1String("Value")));
+        if (!name.isNull())
+            m_storage.storeExtensionBlockedCookie(name);
         dispatchAnyEvent();
         return;
     }
@@ -167,9 +181,13 @@ void BrowserExtensionApi::handleFoundCookies(const QString &text)
     const QJsonObject object = jsonObject(text);
     if (!object.contains(QLatin1String("Value")) || object.value(QLatin1String("Value")).isNull())
         return;
-    // A missing domain reads "(null)", as the extension's cookie list has always shown it.
-    const QString domain = m_currentDomain.isNull() ? QStringLiteral("(null)") : m_currentDomain;
-    for (const QJsonValue &element : object.value(QLatin1String("Value")).toArray())
-        m_storage.storeExtensionBlockedCookie(QStringLiteral("%1 (%2)").arg(domain, element.toString()));
+    for (const QJsonValue &element : object.value(QLatin1String("Value")).toArray()) {
+        const QString name = cookieName(element);
+        if (name.isNull())
+            continue;
+        // Before any statistics name the page there is no domain: the cookie goes alone.
+        m_storage.storeExtensionBlockedCookie(
+            m_currentDomain.isEmpty() ? name : QStringLiteral("%1 (%2)").arg(m_currentDomain, name));
+    }
     post(Events::NT_BROWSER_FOUND_COOKIES);
 }

@@ -5,6 +5,8 @@
 #include "foundation/MainQueue.h"
 
 #include <QDateTime>
+#include <QJsonDocument>
+#include <QJsonObject>
 
 #include <exception>
 
@@ -12,6 +14,17 @@ namespace {
 constexpr auto kAdsBlocker = "AdsBlocker";
 constexpr auto kName = "NAME";
 constexpr auto kTimestamp = "TIMESTAMP";
+
+// A JSON number with an integral value that fits 64 bits; anything else (text, a fraction,
+// a boolean, null) is no integer.
+std::optional<qint64> integerOf(const QJsonValue &value)
+{
+    // toInteger gives its default back for anything it cannot read exactly.
+    const qint64 read = value.toInteger(0);
+    if (read != value.toInteger(1))
+        return std::nullopt;
+    return read;
+}
 } // namespace
 
 ExtensionStorage::ExtensionStorage(AppStorageManager &storage) : m_storage(storage) {}
@@ -58,25 +71,32 @@ void ExtensionStorage::mergeWhitelist(const QJsonArray &entries)
     QList<WhitelistDomain> added;
     for (const QJsonValue &value : entries) {
         const QJsonObject entry = value.toObject();
-        const QString url = entry.value(QLatin1String("Url")).toString();
-        const std::int64_t type = entry.value(QLatin1String("WhiteListType")).toInteger();
-        const std::int64_t ts = entry.value(QLatin1String("Timestamp")).toInteger();
+        const QJsonValue urlValue = entry.value(QLatin1String("Url"));
+        const std::optional<qint64> type = integerOf(entry.value(QLatin1String("WhiteListType")));
+        const std::optional<qint64> ts = integerOf(entry.value(QLatin1String("Timestamp")));
+        // Read loosely, a "2" or a 1.5 would be type 0, which relaxes both protections.
+        if (!urlValue.isString() || !type || !ts) {
+            NQLog::line(QStringLiteral("|BrowserExtension| ignored a whitelist entry of the wrong types: %1")
+                            .arg(QString::fromUtf8(QJsonDocument(entry).toJson(QJsonDocument::Compact))));
+            continue;
+        }
+        const QString url = urlValue.toString();
         // Matching is on the url as received while stored urls are lower case, so a url with
         // capitals is added again at every merge; the extension has always been answered so.
         auto it = std::find_if(stored.begin(), stored.end(), [&](const WhitelistDomain &d) { return d.url == url; });
         if (it != stored.end()) {
-            if (it->timestamp < ts) {
-                it->timestamp = ts;
-                it->ads = WhitelistDomain::adsForType(type);
-                it->tracking = WhitelistDomain::trackingForType(type);
+            if (it->timestamp < *ts) {
+                it->timestamp = *ts;
+                it->ads = WhitelistDomain::adsForType(*type);
+                it->tracking = WhitelistDomain::trackingForType(*type);
             }
             continue;
         }
         WhitelistDomain fresh;
         fresh.url = url.toLower();
-        fresh.timestamp = ts;
-        fresh.ads = WhitelistDomain::adsForType(type);
-        fresh.tracking = WhitelistDomain::trackingForType(type);
+        fresh.timestamp = *ts;
+        fresh.ads = WhitelistDomain::adsForType(*type);
+        fresh.tracking = WhitelistDomain::trackingForType(*type);
         added << fresh;
     }
     storeBlockerWhitelist(stored + added);

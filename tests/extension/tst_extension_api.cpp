@@ -264,6 +264,67 @@ private slots:
         QVERIFY(!received[0].contains(QLatin1Char(' ')));
     }
 
+    // Values of the wrong JSON type are refused, never read as 0 (type 0 relaxes both
+    // protections); integral numbers of any sign are what the entry's types allow.
+    void looseWhitelistValuesAreRefused_data()
+    {
+        QTest::addColumn<QString>("values"); // "Url" of b.org, "WhiteListType", "Timestamp"
+        QTest::addColumn<bool>("taken");
+        QTest::newRow("integers") << "\"b.org\",\"WhiteListType\":2,\"Timestamp\":9" << true;
+        QTest::newRow("negative type") << "\"b.org\",\"WhiteListType\":-1,\"Timestamp\":9" << true;
+        QTest::newRow("type as text") << "\"b.org\",\"WhiteListType\":\"2\",\"Timestamp\":9" << false;
+        QTest::newRow("type fraction") << "\"b.org\",\"WhiteListType\":1.5,\"Timestamp\":9" << false;
+        QTest::newRow("type boolean") << "\"b.org\",\"WhiteListType\":true,\"Timestamp\":9" << false;
+        QTest::newRow("type null") << "\"b.org\",\"WhiteListType\":null,\"Timestamp\":9" << false;
+        QTest::newRow("time stamp as text") << "\"b.org\",\"WhiteListType\":2,\"Timestamp\":\"9\"" << false;
+        QTest::newRow("time stamp fraction") << "\"b.org\",\"WhiteListType\":2,\"Timestamp\":9.5" << false;
+        QTest::newRow("url a number") << "7,\"WhiteListType\":2,\"Timestamp\":9" << false;
+    }
+    void looseWhitelistValuesAreRefused()
+    {
+        QFETCH(QString, values);
+        QFETCH(bool, taken);
+        api->dispatchMessage(QStringLiteral(
+            "{\"Command\":\"WHITELIST\",\"Value\":[{\"Url\":\"a.org\",\"WhiteListType\":1,\"Timestamp\":5}]}"));
+        QString other = values;
+        other.replace(QStringLiteral("\"b.org\""), QStringLiteral("\"a.org\""));
+        api->dispatchMessage(
+            QStringLiteral("{\"Command\":\"WHITELIST\",\"Value\":[{\"Url\":%1},{\"Url\":%2}]}").arg(other, values));
+        const QList<WhitelistDomain> list = *api->storage().blockerWhitelist();
+        QCOMPARE(list.size(), taken ? 2 : 1);
+        QCOMPARE(list[0].timestamp, taken ? 9 : 5);
+        QVERIFY(!list[0].ads); // type 0 never came through
+        QCOMPARE(list[0].tracking, values.contains(QLatin1String(":2,")) && taken);
+    }
+
+    // Cookie names are text (a number is taken as written); a page without a known domain
+    // is not named "(null)".
+    void foundCookieNamesAndDomains_data()
+    {
+        QTest::addColumn<QStringList>("messages");
+        QTest::addColumn<QStringList>("names");
+        QTest::newRow("number name") << QStringList{"{\"Command\":\"FOUND_COOKIE\",\"Value\":42}"} << QStringList{"42"};
+        QTest::newRow("object name") << QStringList{"{\"Command\":\"FOUND_COOKIE\",\"Value\":{\"a\":1}}"}
+                                     << QStringList{};
+        QTest::newRow("list without domain")
+            << QStringList{"{\"Command\":\"FOUND_COOKIES\",\"Value\":[\"_ga\",null,3]}"} << QStringList{"_ga", "3"};
+        QTest::newRow("list with domain") << QStringList{"{\"DATA\":1,\"Value\":\"{\\\"Preventer\\\":{\\\"a\\\":{"
+                                                         "\\\"CurrentDomain\\\":\\\"shop.example\\\"}}}\"}",
+                                                         "{\"Command\":\"FOUND_COOKIES\",\"Value\":[\"_ga\",[]]}"}
+                                          << QStringList{"shop.example (_ga)"};
+    }
+    void foundCookieNamesAndDomains()
+    {
+        QFETCH(QStringList, messages);
+        QFETCH(QStringList, names);
+        for (const QString &message : std::as_const(messages))
+            api->dispatchMessage(message);
+        QStringList stored;
+        for (const QVariant &cookie : api->storage().extensionBlockedCookies())
+            stored << cookie.toMap().value(QStringLiteral("NAME")).toString();
+        QCOMPARE(stored, names);
+    }
+
     void statisticsStoredWithTopLevelNullsReplaced()
     {
         const QString inner =
