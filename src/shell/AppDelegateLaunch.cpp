@@ -136,6 +136,7 @@ ApplicationDelegate::TerminateReply AppDelegate::applicationShouldTerminate()
 void AppDelegate::applicationWillTerminate()
 {
     AppStorageManager::sharedManager().storeNotFirstRun(true);
+    m_engine.flushExtensionStorage();
     vpnCloseService();
 }
 

@@ -55,3 +55,8 @@ void DefaultShellEngine::startExtensionServer()
 {
     BrowserExtensionApi::defaultInstance().startServer();
 }
+
+void DefaultShellEngine::flushExtensionStorage()
+{
+    BrowserExtensionApi::defaultInstance().storage().flush();
+}

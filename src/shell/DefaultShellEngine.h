@@ -17,4 +17,5 @@ public:
     QString localizedString(const QString &key) override;
     void stopVPNConnection() override;
     void startExtensionServer() override;
+    void flushExtensionStorage() override;
 };

@@ -40,4 +40,6 @@ public:
 
     virtual void stopVPNConnection() = 0;
     virtual void startExtensionServer() = 0;
+    // Writes what the extension bridge still holds in memory (blocked-domain counts); at quit.
+    virtual void flushExtensionStorage() {}
 };

@@ -101,9 +101,9 @@ void SplashVC::registerVpn()
         AppConfig::labelID(), AppConfig::deviceUniqueID(), key, kRegisterDeviceType, false,
         [this, alive = std::weak_ptr<char>(m_alive)](bool success, const QString &username, const QString &password,
                                                      const NQErrorOpt &error) {
-            if (!alive.lock())
-                return;
             if (error || !success || username.isEmpty() || password.isEmpty()) {
+                if (!alive.lock())
+                    return;
                 NQLog::line(QStringLiteral("|SplashVC| registerVpn FAILED: %1")
                                 .arg(error ? error->debugDescription() : QStringLiteral("(null)")));
                 showErrorMessage(QStringLiteral("It seems that your connection to our server is lost.\nPlease fix "
@@ -112,10 +112,13 @@ void SplashVC::registerVpn()
                 return;
             }
             NQLog::line(QStringLiteral("|SplashVC| registerVpn Success"));
-            MainQueue::after(kCredentialsStoreDelayMs, guarded([this, username, password] {
-                                 AppStorageManager::sharedManager().storeVPNCredentials(username, password);
-                                 openHome();
-                             }));
+            // The account is the device's, not this screen's: it is stored even when the
+            // screen has gone in the meantime (an alert's Continue, a restart).
+            MainQueue::after(kCredentialsStoreDelayMs, [this, alive, username, password] {
+                AppStorageManager::sharedManager().storeVPNCredentials(username, password);
+                if (alive.lock())
+                    openHome();
+            });
         });
 }
 

@@ -101,6 +101,7 @@ public:
     QString localizedString(const QString &key) override { return QStringLiteral("L(") + key + QLatin1Char(')'); }
     void stopVPNConnection() override { m_journal.entries << QStringLiteral("engine.stopVPN"); }
     void startExtensionServer() override { m_journal.entries << QStringLiteral("engine.startExtension"); }
+    void flushExtensionStorage() override { m_journal.entries << QStringLiteral("engine.flushExtension"); }
 
     LabelCompletion labelCompletion;
     ExtensionCompletion extensionCompletion;

@@ -223,6 +223,7 @@ private slots:
         m_clock->advance(1);
         QCOMPARE(m_exits, 1);
         QVERIFY(m_sandbox->store().notFirstRun());
+        QCOMPARE(m_journal->count(QStringLiteral("engine.flushExtension")), 1);
         QVERIFY(log.osTexts(QStringLiteral("Delegate")).contains(QStringLiteral("|VPN| Close service. BEGIN")));
         QCOMPARE(log.count(QStringLiteral("|AppDelegate| applicationShouldTerminate")), 3);
     }
