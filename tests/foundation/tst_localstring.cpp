@@ -176,27 +176,40 @@ private slots:
         QCOMPARE(LocalString::forKey(QStringLiteral("Quit_software_name")), QStringLiteral("Quit_software_name"));
     }
 
+    // An English locale shows each language in its own words; any other locale shows its
+    // own names as given, the user's own language with a capital.
     void shownNames_data()
     {
+        QTest::addColumn<QLocale>("locale");
         QTest::addColumn<QString>("code");
         QTest::addColumn<QString>("name");
+        const QLocale en(QLocale::English, QLocale::UnitedStates);
+        const QLocale sv(QLocale::Swedish, QLocale::Sweden);
+        const QLocale pt(QLocale::Portuguese, QLocale::Brazil);
         const QStringList names{"English", "Deutsch", "Français", "Svenska",  "Suomi",
                                 "Español", "Norsk",   "Dansk",    "Italiano", "Português"};
         for (int i = 0; i < kShipped.size(); ++i)
-            QTest::newRow(qPrintable(kShipped.at(i))) << kShipped.at(i) << names.at(i);
-        QTest::newRow("nb") << "nb"
-                            << "Norsk";
-        QTest::newRow("other language as the locale names it") << "ja"
-                                                               << "Japanese";
-        QTest::newRow("unknown code") << "xx"
-                                      << "";
-        QTest::newRow("empty code") << ""
-                                    << "";
+            QTest::newRow(qPrintable(kShipped.at(i))) << en << kShipped.at(i) << names.at(i);
+        const auto row = [](const char *tag, const QLocale &locale, const char *code, const char *name) {
+            QTest::newRow(tag) << locale << QString::fromUtf8(code) << QString::fromUtf8(name);
+        };
+        row("nb", en, "nb", "Norsk");
+        row("other language as the locale names it", en, "ja", "Japanese");
+        row("unknown code", en, "xx", "");
+        row("empty code", en, "", "");
+        row("sv own", sv, "sv", "Svenska");
+        row("sv other", sv, "de", "tyska");
+        row("sv english", sv, "en", "engelska");
+        row("pt own", pt, "pt", "Português");
+        row("pt other", pt, "fr", "francês");
+        row("pt unknown code", pt, "xx", "");
     }
     void shownNames()
     {
+        QFETCH(QLocale, locale);
         QFETCH(QString, code);
         QFETCH(QString, name);
+        LocalString::setOverridesForTesting(machine({"en-US"}, kShipped, locale));
         QCOMPARE(LocalString::languageNameForCode(code), name);
     }
 
@@ -204,36 +217,6 @@ private slots:
     {
         LocalString::setAppLanguageCode(QStringLiteral("xx"));
         QCOMPARE(LocalString::appLanguageName(), QStringLiteral("English"));
-    }
-
-    void nonEnglishLocaleNamesAsGiven_data()
-    {
-        QTest::addColumn<QLocale>("locale");
-        QTest::addColumn<QString>("code");
-        QTest::addColumn<QString>("name");
-        const QLocale sv(QLocale::Swedish, QLocale::Sweden);
-        const QLocale pt(QLocale::Portuguese, QLocale::Brazil);
-        // Other languages in the locale's own words; the user's own language not lower-cased.
-        QTest::newRow("sv own") << sv << "sv"
-                                << "Svenska";
-        QTest::newRow("sv other") << sv << "de"
-                                  << "tyska";
-        QTest::newRow("sv english") << sv << "en"
-                                    << "engelska";
-        QTest::newRow("pt own") << pt << "pt"
-                                << "Português";
-        QTest::newRow("pt other") << pt << "fr"
-                                  << "francês";
-        QTest::newRow("pt unknown code") << pt << "xx"
-                                         << "";
-    }
-    void nonEnglishLocaleNamesAsGiven()
-    {
-        QFETCH(QLocale, locale);
-        QFETCH(QString, code);
-        QFETCH(QString, name);
-        LocalString::setOverridesForTesting(machine({"sv-SE"}, kShipped, locale));
-        QCOMPARE(LocalString::languageNameForCode(code), name);
     }
 
     void numericNameOrder()
