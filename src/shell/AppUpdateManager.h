@@ -20,6 +20,14 @@ class QTemporaryFile;
 class AppUpdateManager : public QObject {
     Q_OBJECT
 public:
+    // The publisher signs every package (Ed25519, detached, served beside the package with
+    // this suffix); the public key ships with the program among its resources.
+    static constexpr auto kSignatureSuffix = ".sig";
+    static constexpr auto kPublicKeyName = "update-key.pem";
+    static constexpr auto kProductPackageName = "pelorin-vpn";
+    static constexpr qint64 kMaxPackageBytes = 512LL * 1024 * 1024;
+    static constexpr qint64 kSignatureBytes = 64;
+
     AppUpdateManager();
     ~AppUpdateManager() override;
 
@@ -37,6 +45,13 @@ public:
     void checkForUpdateWithCompletion(std::function<void(bool updateAvailable)> completion);
     void downloadAndInstallPKG();
     void installPKGAtPath(const QString &path);
+    // Why the package at `path` (signature at `path` + kSignatureSuffix) must not be installed:
+    // unsigned, signed by another key, not this product's package or older than we are.
+    // Empty when it may be installed.
+    static QString packageProblem(const QString &path);
+    // Empty when `signature` is the holder of `publicKeyPem`'s Ed25519 signature of `data`.
+    static QString signatureProblem(const QByteArray &data, const QByteArray &signature,
+                                    const QByteArray &publicKeyPem);
     void notificationAppReady();
 
     bool isDownloading() const { return m_isDownloading; }
@@ -51,11 +66,14 @@ signals:
 
 private:
     void downloadFinished(QNetworkReply *reply);
+    void signatureFinished(QNetworkReply *reply);
+    void refuseUpdate(const QString &why);
     void failDownload();
     void installerFinished(int status, int reason);
 
     std::unique_ptr<QNetworkAccessManager> m_network;
     std::unique_ptr<QTemporaryFile> m_partial;
+    QByteArray m_signature;
     std::unique_ptr<QProcess> m_installer;
     std::function<void()> m_installedHandler;
     bool m_isDownloading = false;
