@@ -10,6 +10,7 @@ class QNetworkAccessManager;
 class QNetworkReply;
 class QProcess;
 class QTemporaryFile;
+class WindowHost;
 
 // Self-update from a package: fetch the latest version text, compare it with our own,
 // download the package into the Downloads folder, install it with administrator rights and
@@ -56,8 +57,14 @@ public:
 
     bool isDownloading() const { return m_isDownloading; }
 
+    // The windowing side: after a successful installation its activation policy becomes
+    // prohibited (no window, no status item) before the application quits. Set by the
+    // application controller for as long as it lives; nullptr for none.
+    static void setWindowHost(WindowHost *window);
+
     // Runs after a successful installation, on the main queue, once "NT_HIDE_UPDATE" has been
-    // posted. By default the running application is asked to terminate.
+    // posted and the activation policy set. By default the running application is asked to
+    // terminate.
     void setInstalledHandler(std::function<void()> handler) { m_installedHandler = std::move(handler); }
 
 signals:
@@ -65,6 +72,7 @@ signals:
     void downloadProgress(qint64 received, qint64 total);
 
 private:
+    static WindowHost *windowHost();
     void downloadFinished(QNetworkReply *reply);
     void signatureFinished(QNetworkReply *reply);
     void refuseUpdate(const QString &why);

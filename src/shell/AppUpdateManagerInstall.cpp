@@ -8,6 +8,7 @@
 #include "foundation/MainQueue.h"
 #include "foundation/NQConfig.h"
 #include "platform/Platform.h"
+#include "shell/WindowHost.h"
 
 #include <QDir>
 #include <QFile>
@@ -168,6 +169,8 @@ void AppUpdateManager::installerFinished(int status, int reason)
     m_isDownloading = false;
     MainQueue::async([this] {
         EventBus::defaultCenter().post(QLatin1String(Events::NT_HIDE_UPDATE));
+        if (WindowHost *window = windowHost())
+            window->setActivationPolicyProhibited();
         if (m_installedHandler)
             m_installedHandler();
     });

@@ -225,13 +225,21 @@ private slots:
         old.close();
 
         AppUpdateManager &updates = AppUpdateManager::sharedManager();
+        Journal journal;
+        FakeWindow window(journal);
+        AppUpdateManager::setWindowHost(&window);
         int installed = 0;
-        updates.setInstalledHandler([&] { ++installed; });
+        updates.setInstalledHandler([&] {
+            journal.entries << QStringLiteral("quit");
+            ++installed;
+        });
         QSignalSpy progress(&updates, &AppUpdateManager::downloadProgress);
         LogCapture log;
         updates.downloadAndInstallPKG();
         QVERIFY(updates.isDownloading());
         QTRY_COMPARE(installed, 1);
+        AppUpdateManager::setWindowHost(nullptr);
+        QCOMPARE(journal.entries, (QStringList{QStringLiteral("window.prohibited"), QStringLiteral("quit")}));
         QVERIFY(!updates.isDownloading());
         QCOMPARE(m_hideUpdate, 1);
         QCOMPARE(m_appReady, 0);
