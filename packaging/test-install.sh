@@ -299,6 +299,8 @@ out=$(through_sudo mallory "$private/good.ovpn")
 echo "$out" >>"$work/sudo-path.log"
 check "mallory is refused by sudo" grep -q "password is required" <<<"$out"
 check "at once, without a hang" test $((SECONDS - started_at)) -lt 10
+check "openvpn's copies of the profile are gone" test -z "$(ls -d "$target"/run/pelorin-ovpncli.* 2>/dev/null)"
+rm -rf "$target/run/user/1000"
 step "tunnel client through the real sudo (log: $work/sudo-path.log)"
 
 # --- remove ---------------------------------------------------------------------------
@@ -334,8 +336,8 @@ check "sudo configuration parses" in_root visudo -c
 check "the group is gone" sh -c "! chroot '$target' getent group pelorin-vpn"
 check "dpkg forgot the package" sh -c "! chroot '$target' dpkg-query -W -f '\${Status}' pelorin-vpn 2>/dev/null | grep -q ."
 leftovers=$(cd "$target" && find . -xdev \( -path ./proc -o -path ./tmp -o -path ./home -o -path ./root -o -path ./var/cache/apt -o -path ./var/lib/apt -o -path ./var/log \) -prune -o -iname '*pelorin*' -print)
-check "no file named after the package is left" test -z "$leftovers"
 [ -z "$leftovers" ] || echo "$leftovers"
+check "no file named after the package is left" test -z "$leftovers"
 step "purge"
 
 echo "PASS: install, update, upgrade, remove and purge of pelorin-vpn in $((SECONDS - started))s"
