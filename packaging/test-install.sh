@@ -83,10 +83,15 @@ if [ -z "$old_deb" ] || [ -z "$new_deb" ]; then
     # The newer one first, so the build folder ends on the project's own version.
     new_deb="$work/debs/$(basename "$("$repo/packaging/build-deb.sh" --version "$newer" | tail -n 1)")"
     cp "$repo/build/pkg/deb/$(basename "$new_deb")" "$new_deb"
+    cp "$repo/build/pkg/deb/$(basename "$new_deb").sig" "$new_deb.sig"
     old_deb="$work/debs/$(basename "$("$repo/packaging/build-deb.sh" | tail -n 1)")"
     cp "$repo/build/pkg/deb/$(basename "$old_deb")" "$old_deb"
+    cp "$repo/build/pkg/deb/$(basename "$old_deb").sig" "$old_deb.sig"
     step "built $(basename "$old_deb") and $(basename "$new_deb")"
 fi
+for deb in "$old_deb" "$new_deb"; do
+    [ -f "$deb.sig" ] || fail "no signature $deb.sig beside the package (build-deb.sh writes it)"
+done
 old_version=$(dpkg-deb -f "$old_deb" Version)
 new_version=$(dpkg-deb -f "$new_deb" Version)
 dpkg --compare-versions "$new_version" gt "$old_version" || fail "$new_version is not newer than $old_version"
@@ -190,6 +195,15 @@ if [ "$update_demo" -eq 1 ]; then
     # and the extension bridge on port 80 stay away from the machine's own.
     mkdir -p "$target/root/.config"
     printf '[General]\nNotFirstRun=true\nUDAutoUpdate=true\n' >"$target/root/.config/com.pelorin.vpn.mac.conf"
+    # The shipped configuration asks the publisher; this run asks the local backend.
+    cp -a "$target/usr/share/pelorin-vpn" "$target/root/update-resources"
+    cat >"$target/root/update-resources/ReleaseConfig.plist" <<'EOF'
+<?xml version="1.0" encoding="UTF-8"?>
+<plist version="1.0"><dict>
+<key>Update Url Direct</key><string>http://127.0.0.1:8765/update/PelorinVPN.deb</string>
+<key>UpdateUrlLatestVersion</key><string>http://127.0.0.1:8765/update/latest</string>
+</dict></plist>
+EOF
     rm -rf "$work/backend" && mkdir -p "$work/backend"
     unshare --net bash -c '
         ip link set lo up
@@ -197,6 +211,7 @@ if [ "$update_demo" -eq 1 ]; then
         backend=$!
         for _ in $(seq 50); do grep -q "listening on" "$2/backend.log" && break; sleep 0.1; done
         chroot "$5" env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin PELORIN_SECRET_STORE=file \
+            PELORIN_RESOURCES_DIR=/root/update-resources \
             QT_QPA_PLATFORM=offscreen pelorin-vpn --headless </dev/null >"$2/update-app.log" 2>&1 &
         # Wait for the restarted program: its marker carries the version it runs as.
         marker="$5/root/.local/share/com.pelorin.vpn.mac/nqpostuninstall"
@@ -209,6 +224,7 @@ if [ "$update_demo" -eq 1 ]; then
     # The old version's own log is gone: each launch starts a fresh one. What it ran shows in
     # its output (the installer's), the backend's log and what runs now.
     check "the application downloaded the package" grep -q "GET /update/PelorinVPN.deb -> 200" "$work/backend.log"
+    check "and its signature" grep -q "GET /update/PelorinVPN.deb.sig -> 200" "$work/backend.log"
     check "its installer set up $new_version" grep -q "Setting up pelorin-vpn ($new_version)" "$work/update-app.log"
     check "it quit and was started again" grep -q "starts again once process" "$work/update-app.log"
     check "package $new_version installed by the application" test "$(in_root dpkg-query -W -f '${Version}' pelorin-vpn)" = "$new_version"
@@ -229,6 +245,63 @@ check "port 80 capability set again after the upgrade" sh -c "chroot '$target' g
 check "sudo configuration still parses" in_root visudo -c
 check "pelorin-vpn --help after the upgrade" in_root pelorin-vpn --headless --help
 step "upgrade with apt"
+
+# --- refused updates ------------------------------------------------------------------
+# install-update as root on packages that are not the publisher's newer package: each is
+# refused with its reason and nothing is installed.
+bad=$work/bad
+rm -rf "$bad" && mkdir -p "$bad"
+openssl genpkey -algorithm ed25519 -out "$bad/other.pem" 2>/dev/null
+cp "$new_deb" "$bad/tampered.deb" && cp "$new_deb.sig" "$bad/tampered.deb.sig" && printf x >>"$bad/tampered.deb"
+cp "$new_deb" "$bad/stranger.deb"
+openssl pkeyutl -sign -inkey "$bad/other.pem" -rawin -in "$bad/stranger.deb" -out "$bad/stranger.deb.sig"
+cp "$new_deb" "$bad/unsigned.deb"
+cp "$old_deb" "$bad/older.deb" && cp "$old_deb.sig" "$bad/older.deb.sig"
+rm -rf "$target/tmp/bad" && cp -r "$bad" "$target/tmp/bad"
+refused() { # refused PACKAGE REASON
+    local out status=0
+    out=$(in_root env PELORIN_UPDATE_RESTART=0 /usr/lib/pelorin-vpn/install-update "$1" 2>&1) || status=$?
+    echo "$out" >>"$work/refused.log"
+    [ "$status" -eq 3 ] && grep -qF -- "$2" <<<"$out" &&
+        test "$(in_root dpkg-query -W -f '${Version}' pelorin-vpn)" = "$new_version"
+}
+check "a tampered package is refused" refused /tmp/bad/tampered.deb "not signed by the publisher's key"
+check "a package signed by another key is refused" refused /tmp/bad/stranger.deb "not signed by the publisher's key"
+check "an unsigned package is refused" refused /tmp/bad/unsigned.deb "has no signature"
+check "an older package is refused" refused /tmp/bad/older.deb "is older than the installed $new_version"
+step "refused updates (log: $work/refused.log)"
+
+# --- the privilege path through the real sudo -------------------------------------------
+# alice (in the group) runs the installed tunnel client through /usr/bin/sudo and the
+# packaged rule; mallory (not in it) is told no at once. No network: the client only shows
+# what it accepts and that it gives up.
+private=/run/user/1000/com.pelorin.vpn.mac
+in_root install -d -m 0700 -o alice -g alice /run/user/1000 "$private"
+printf 'client\ndev tun\nproto tcp-client\nremote 127.0.0.1 1194\nconnect-retry-max 1\nverb 3\n' |
+    in_root runuser -u alice -- sh -c "umask 077; cat >$private/good.ovpn"
+printf 'client\nscript-security 2\nup /bin/true\n' | in_root runuser -u alice -- sh -c "umask 077; cat >$private/up.ovpn"
+through_sudo() { # through_sudo USER PROFILE -> the client's output
+    timeout 60 unshare --net chroot "$target" runuser -u "$1" -- sudo -n /usr/lib/pelorin-vpn/ovpncli "$2" 2>&1 || true
+}
+out=$(through_sudo alice "$private/up.ovpn")
+echo "$out" >"$work/sudo-path.log"
+check "alice's profile with an up script is refused" grep -q "refused the profile: 'script-security' above 1" <<<"$out"
+check "and ends with the disconnect marker" grep -q "state DISCONNECTED" <<<"$out"
+out=$(through_sudo alice /etc/shadow)
+echo "$out" >>"$work/sudo-path.log"
+check "a root file as profile is refused" grep -q "refused the profile: the profile's folder does not belong" <<<"$out"
+out=$(through_sudo alice "$private/good.ovpn")
+echo "$out" >>"$work/sudo-path.log"
+check "alice's own profile reaches openvpn through sudo" grep -q "ovpncli: running /usr/sbin/openvpn" <<<"$out"
+check "which gives up with the connect error marker" grep -q "ovpncli: connect error" <<<"$out"
+started_at=$SECONDS
+out=$(through_sudo mallory "$private/good.ovpn")
+echo "$out" >>"$work/sudo-path.log"
+check "mallory is refused by sudo" grep -q "password is required" <<<"$out"
+check "at once, without a hang" test $((SECONDS - started_at)) -lt 10
+check "openvpn's copies of the profile are gone" test -z "$(ls -d "$target"/run/pelorin-ovpncli.* 2>/dev/null)"
+rm -rf "$target/run/user/1000"
+step "tunnel client through the real sudo (log: $work/sudo-path.log)"
 
 # --- remove ---------------------------------------------------------------------------
 data=/home/alice/.local/share/com.pelorin.vpn.mac
@@ -263,8 +336,8 @@ check "sudo configuration parses" in_root visudo -c
 check "the group is gone" sh -c "! chroot '$target' getent group pelorin-vpn"
 check "dpkg forgot the package" sh -c "! chroot '$target' dpkg-query -W -f '\${Status}' pelorin-vpn 2>/dev/null | grep -q ."
 leftovers=$(cd "$target" && find . -xdev \( -path ./proc -o -path ./tmp -o -path ./home -o -path ./root -o -path ./var/cache/apt -o -path ./var/lib/apt -o -path ./var/log \) -prune -o -iname '*pelorin*' -print)
-check "no file named after the package is left" test -z "$leftovers"
 [ -z "$leftovers" ] || echo "$leftovers"
+check "no file named after the package is left" test -z "$leftovers"
 step "purge"
 
 echo "PASS: install, update, upgrade, remove and purge of pelorin-vpn in $((SECONDS - started))s"

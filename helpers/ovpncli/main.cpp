@@ -6,6 +6,7 @@
 // and then ovpncli, so `pkill ovpncli` leaves no openvpn behind.
 #include "ChildSupervisor.h"
 #include "OvpnLogReader.h"
+#include "ProfileHandOver.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -59,8 +60,10 @@ int main(int argc, char **argv)
         return kUsageStatus;
     }
     const std::string profile = argv[1];
-    if (access(profile.c_str(), R_OK) != 0) {
-        printLine("ovpncli: connect error, cannot read the profile " + profile + ": " + std::strerror(errno));
+    const ProfileHandOver handOver(profile);
+    if (!handOver.accepted()) {
+        printLine("ovpncli: refused the profile: " + handOver.reason() +
+                  "\novpncli: state DISCONNECTED, nothing was run");
         return kUsageStatus;
     }
     const std::string openvpn = findOpenVpn();
@@ -71,7 +74,7 @@ int main(int argc, char **argv)
 
     printLine("ovpncli: running " + openvpn + " --config " + profile);
     OvpnLogReader reader;
-    const auto result = ChildSupervisor::run({openvpn, "--config", profile}, [&](const char *data, std::size_t size) {
+    const auto result = ChildSupervisor::run(handOver.command(openvpn), [&](const char *data, std::size_t size) {
         for (const auto &line : reader.feed({data, size}))
             printLine(line);
     });

@@ -41,6 +41,11 @@ QList<Platform::LoginItem> Platform::loginItems()
 
 void Platform::releaseFreeMemory() {}
 
+std::optional<Platform::PackageIdentity> Platform::packageIdentity(const QString &)
+{
+    return std::nullopt;
+}
+
 bool Platform::showNotification(const QString &, const QString &, quint32 *, QString *error)
 {
     if (error)

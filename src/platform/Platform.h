@@ -83,6 +83,12 @@ public:
     virtual QStringList installerCommand(const QString &packagePath) = 0;
     // File name of the update package in the downloads folder ("PelorinVPN.pkg" on macOS).
     virtual QString updatePackageName() = 0;
+    // Name and version an update package declares about itself; nullopt when it cannot be read.
+    struct PackageIdentity {
+        QString name;
+        QString version;
+    };
+    virtual std::optional<PackageIdentity> packageIdentity(const QString &packagePath);
 
     // The process-wide instance: the build's own platform unless a test installed another.
     static Platform &instance();

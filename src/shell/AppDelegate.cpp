@@ -6,6 +6,7 @@
 #include "foundation/Log.h"
 #include "foundation/MainQueue.h"
 #include "platform/Platform.h"
+#include "shell/AppUpdateManager.h"
 #include "shell/NQAppKit.h"
 #include "shell/ShellEngine.h"
 #include "shell/SplashVC.h"
@@ -32,10 +33,12 @@ AppDelegate::AppDelegate(NQApplication &app, ShellEngine &engine, WindowHost &wi
       m_service(m_options.launcherPath)
 {
     m_app.setDelegate(this);
+    AppUpdateManager::setWindowHost(&m_window);
 }
 
 AppDelegate::~AppDelegate()
 {
+    AppUpdateManager::setWindowHost(nullptr);
     m_app.setDelegate(nullptr);
     EventBus::defaultCenter().removeToken(m_restartToken);
 }

@@ -22,6 +22,17 @@
 namespace {
 constexpr int kLabelMark = 1;
 
+// The log holds the VPN password (the "storeVPNCredentials:pass:" line), so the folder and the
+// file are for their owner only, also when an older version left them readable.
+constexpr QFileDevice::Permissions kPrivateFile = QFileDevice::ReadOwner | QFileDevice::WriteOwner;
+constexpr QFileDevice::Permissions kPrivateFolder = kPrivateFile | QFileDevice::ExeOwner;
+
+bool createPrivateLog(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Append, kPrivateFile) && file.setPermissions(kPrivateFile);
+}
+
 bool reopenStandardErrorOn(const QString &path)
 {
     const QByteArray native = QFile::encodeName(path);
@@ -41,6 +52,7 @@ void AppDelegate::redirectConsoleLogToDocumentFolder()
         return;
     const QString folder = AppConfig::appDataURL();
     QDir().mkpath(folder);
+    QFile::setPermissions(folder, kPrivateFolder);
     const QString path = QStringLiteral("%1/app_mac_logs.log").arg(folder);
     if (QFileInfo(path).isFile()) {
         QFile old(path);
@@ -49,8 +61,8 @@ void AppDelegate::redirectConsoleLogToDocumentFolder()
         else
             NQLog::line(QStringLiteral("Error removing file at path: %1").arg(old.errorString()));
     }
-    const bool reopened =
-        m_options.reopenStandardError ? m_options.reopenStandardError(path) : reopenStandardErrorOn(path);
+    const bool reopened = createPrivateLog(path) && (m_options.reopenStandardError ? m_options.reopenStandardError(path)
+                                                                                   : reopenStandardErrorOn(path));
     if (!reopened)
         NQLog::line(
             QStringLiteral("|AppDelegate| Cannot redirect the log to '%1': the log stays on standard error").arg(path));

@@ -20,6 +20,7 @@
 
 namespace {
 std::unique_ptr<AppUpdateManager> g_shared;
+WindowHost *g_window = nullptr;
 
 // Leading integer of a version component: optional blanks and sign, then digits.
 qint64 integerValue(const QString &component)
@@ -58,6 +59,16 @@ AppUpdateManager &AppUpdateManager::sharedManager()
     if (!g_shared)
         g_shared = std::make_unique<AppUpdateManager>();
     return *g_shared;
+}
+
+void AppUpdateManager::setWindowHost(WindowHost *window)
+{
+    g_window = window;
+}
+
+WindowHost *AppUpdateManager::windowHost()
+{
+    return g_window;
 }
 
 void AppUpdateManager::setSharedManagerForTesting(std::unique_ptr<AppUpdateManager> manager)

@@ -8,6 +8,7 @@
 #include "foundation/MainQueue.h"
 #include "foundation/NQConfig.h"
 #include "platform/Platform.h"
+#include "shell/WindowHost.h"
 
 #include <QDir>
 #include <QFile>
@@ -16,6 +17,7 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QProcess>
+#include <QSaveFile>
 #include <QTemporaryFile>
 
 namespace {
@@ -62,6 +64,23 @@ void AppUpdateManager::downloadFinished(QNetworkReply *reply)
         failDownload();
         return;
     }
+    // The publisher's signature, served beside the package; checked before anything runs.
+    QNetworkRequest request{QUrl(AppConfig::updateUrlDirect() + QLatin1String(kSignatureSuffix))};
+    request.setTransferTimeout(static_cast<int>(NQConfig::shared().appHttpDefaultTimeout * 1000));
+    QNetworkReply *signature = m_network->get(request);
+    connect(signature, &QNetworkReply::finished, this, [this, signature] { signatureFinished(signature); });
+}
+
+void AppUpdateManager::signatureFinished(QNetworkReply *reply)
+{
+    reply->deleteLater();
+    if (!m_partial)
+        return;
+    m_signature = reply->read(kSignatureBytes + 1);
+    if (reply->error() != QNetworkReply::NoError || m_signature.size() != kSignatureBytes) {
+        refuseUpdate(QStringLiteral("the package has no signature (%1)").arg(reply->errorString()));
+        return;
+    }
     const QString destination =
         Platform::instance().downloadsDirectory() + QLatin1Char('/') + Platform::instance().updatePackageName();
     if (QFileInfo(destination).exists() || QFileInfo(destination).isSymLink()) {
@@ -81,13 +100,30 @@ void AppUpdateManager::downloadFinished(QNetworkReply *reply)
     }
     m_partial->setAutoRemove(false);
     m_partial.reset();
+    QSaveFile signatureFile(destination + QLatin1String(kSignatureSuffix));
+    if (!signatureFile.open(QIODevice::WriteOnly) || signatureFile.write(m_signature) != m_signature.size() ||
+        !signatureFile.commit()) {
+        refuseUpdate(
+            QStringLiteral("the signature cannot be kept beside the package: %1").arg(signatureFile.errorString()));
+        return;
+    }
     NQLog::line(QStringLiteral("|AppUpdateManager| File successfully moved to: %1").arg(destination));
     installPKGAtPath(destination);
+}
+
+void AppUpdateManager::refuseUpdate(const QString &why)
+{
+    NQLog::line(QStringLiteral("|AppUpdateManager| Update refused: %1").arg(why));
+    failDownload();
 }
 
 void AppUpdateManager::installPKGAtPath(const QString &path)
 {
     NQLog::line(QStringLiteral("|AppUpdateManager| installPKGAtPath"));
+    if (const QString problem = packageProblem(path); !problem.isEmpty()) {
+        refuseUpdate(problem);
+        return;
+    }
     QStringList command = Platform::instance().installerCommand(path);
     if (command.isEmpty()) {
         m_isDownloading = false;
@@ -133,6 +169,8 @@ void AppUpdateManager::installerFinished(int status, int reason)
     m_isDownloading = false;
     MainQueue::async([this] {
         EventBus::defaultCenter().post(QLatin1String(Events::NT_HIDE_UPDATE));
+        if (WindowHost *window = windowHost())
+            window->setActivationPolicyProhibited();
         if (m_installedHandler)
             m_installedHandler();
     });

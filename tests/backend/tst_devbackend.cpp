@@ -141,6 +141,12 @@ private slots:
         const auto deb = backend.call("GET", "/update/PelorinVPN.deb");
         QCOMPARE(deb.first, 200);
         QCOMPARE(deb.second, QByteArray(70000, 'p'));
+        QCOMPARE(backend.call("GET", "/update/PelorinVPN.deb.sig").first, 404); // unsigned
+        QFile signature(package + ".sig");
+        QVERIFY(signature.open(QIODevice::WriteOnly));
+        signature.write(QByteArray(64, 's'));
+        signature.close();
+        QCOMPARE(backend.call("GET", "/update/PelorinVPN.deb.sig"), qMakePair(200, QByteArray(64, 's')));
     }
 
     void faultRulesWearOutAndAreValidated()

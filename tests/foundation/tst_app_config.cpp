@@ -218,8 +218,8 @@ private slots:
         QCOMPARE(AppConfig::appLocalizations(),
                  (QStringList{"en", "de", "fr", "sv", "fi", "es", "no", "da", "it", "pt"}));
         QCOMPARE(AppConfig::hostUrl(), QStringLiteral("http://127.0.0.1:8765"));
-        QCOMPARE(AppConfig::updateUrlDirect(), QStringLiteral("http://127.0.0.1:8765/update/PelorinVPN.deb"));
-        QCOMPARE(AppConfig::updateUrlLatestVersion(), QStringLiteral("http://127.0.0.1:8765/update/latest"));
+        QCOMPARE(AppConfig::updateUrlDirect(), QStringLiteral("https://pelorinvpn.example/download/PelorinVPN.deb"));
+        QCOMPARE(AppConfig::updateUrlLatestVersion(), QStringLiteral("https://pelorinvpn.example/download/latest"));
         for (const QString &url :
              {AppConfig::privacyPolicyUrl(), AppConfig::eulaUrl(), AppConfig::supportUrl(), AppConfig::uninstallUrl()})
             QVERIFY2(url.startsWith("https://"), qPrintable(url));

@@ -1,7 +1,8 @@
 #pragma once
 
 // A loopback HTTP server for the update tests: "/latest" answers a version text the test
-// sets, "/package" a package body; other paths answer 404.
+// sets, "/package" a package body and "/package.sig" its signature (404 when empty); other
+// paths answer 404.
 
 #include <QFile>
 #include <QHttpServer>
@@ -16,6 +17,10 @@ public:
         m_server.route(QStringLiteral("/latest"), [this] { return QHttpServerResponse(latest); });
         m_server.route(QStringLiteral("/package"),
                        [this] { return QHttpServerResponse(QByteArrayLiteral("application/octet-stream"), package); });
+        m_server.route(QStringLiteral("/package.sig"), [this] {
+            return signature.isEmpty() ? QHttpServerResponse(QHttpServerResponder::StatusCode::NotFound)
+                                       : QHttpServerResponse(QByteArrayLiteral("application/octet-stream"), signature);
+        });
         m_port = m_server.listen(QHostAddress::LocalHost, 0);
         // Accepts and never answers: a download that stays under way.
         m_silent.listen(QHostAddress::LocalHost, 0);
@@ -44,6 +49,7 @@ public:
 
     QByteArray latest;
     QByteArray package;
+    QByteArray signature;
 
 private:
     QHttpServer m_server;

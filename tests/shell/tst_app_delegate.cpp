@@ -278,22 +278,30 @@ private slots:
         EventBus::defaultCenter().removeObserver(this);
     }
 
-    void logFileIsFreshEachLaunchButNotFromATerminal()
+    void logFileIsFreshAndPrivateEachLaunchButNotFromATerminal()
     {
+        // An older version left the folder and the log readable by everyone.
         const QString logPath = m_sandbox->dataDir() + QStringLiteral("/app_mac_logs.log");
+        constexpr auto kOpen = QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::ReadOther;
         QDir().mkpath(m_sandbox->dataDir());
+        QVERIFY(
+            QFile::setPermissions(m_sandbox->dataDir(), kOpen | QFile::ExeOwner | QFile::ExeGroup | QFile::ExeOther));
         QFile old(logPath);
         QVERIFY(old.open(QIODevice::WriteOnly));
         old.write("previous session");
         old.close();
+        QVERIFY(old.setPermissions(kOpen));
         launch({}, true);
         QVERIFY(m_reopened.isEmpty());
-        QVERIFY(QFile::exists(logPath));
+        QCOMPARE(QFileInfo(logPath).size(), 16);
         LogCapture log;
         launch({}, false);
         QCOMPARE(m_reopened, QStringList{logPath});
-        QVERIFY(!QFile::exists(logPath));
+        QCOMPARE(QFileInfo(logPath).size(), 0);
         QVERIFY(log.lines().contains(QStringLiteral("Removed previous log file")));
+        QCOMPARE(QFileInfo(logPath).permissions() & 0x7077, QFile::ReadOwner | QFile::WriteOwner);
+        QCOMPARE(QFileInfo(m_sandbox->dataDir()).permissions() & 0x7077,
+                 QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     }
 
     void unusableLogFolderKeepsStandardErrorAndTheLaunchGoesOn()

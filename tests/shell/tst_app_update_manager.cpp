@@ -7,6 +7,7 @@
 #include "support/LogCapture.h"
 
 #include <QDir>
+#include <QProcess>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -18,11 +19,67 @@ QByteArray readAll(const QString &path)
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
+
+QByteArray run(const QStringList &command)
+{
+    QProcess process;
+    process.start(command.first(), command.mid(1));
+    process.waitForFinished();
+    return process.exitCode() == 0 ? process.readAllStandardOutput() : QByteArray();
+}
+
+// Throw-away publisher keys and real packages, made once for the whole run.
+struct Publisher {
+    QTemporaryDir dir;
+    QString key, otherKey, publicKey;
+
+    bool make()
+    {
+        key = dir.filePath(QStringLiteral("key.pem"));
+        otherKey = dir.filePath(QStringLiteral("other.pem"));
+        publicKey = dir.filePath(QStringLiteral("public.pem"));
+        for (const QString &k : {key, otherKey})
+            run({QStringLiteral("openssl"), QStringLiteral("genpkey"), QStringLiteral("-algorithm"),
+                 QStringLiteral("ed25519"), QStringLiteral("-out"), k});
+        run({QStringLiteral("openssl"), QStringLiteral("pkey"), QStringLiteral("-in"), key, QStringLiteral("-pubout"),
+             QStringLiteral("-out"), publicKey});
+        return QFileInfo(publicKey).size() > 0;
+    }
+    QByteArray package(const QString &name, const QString &version) const
+    {
+        const QString root = dir.filePath(name + version);
+        QDir().mkpath(root + QStringLiteral("/DEBIAN"));
+        QFile control(root + QStringLiteral("/DEBIAN/control"));
+        if (!control.open(QIODevice::WriteOnly))
+            return {};
+        control.write(QStringLiteral("Package: %1\nVersion: %2\nArchitecture: all\nMaintainer: t <t@example>\n"
+                                     "Description: test\n")
+                          .arg(name, version)
+                          .toUtf8());
+        control.close();
+        const QString deb = root + QStringLiteral(".deb");
+        run({QStringLiteral("dpkg-deb"), QStringLiteral("--root-owner-group"), QStringLiteral("--build"), root, deb});
+        return readAll(deb);
+    }
+    QByteArray sign(const QByteArray &data, const QString &with) const
+    {
+        const QString in = dir.filePath(QStringLiteral("to-sign"));
+        QFile file(in);
+        if (!file.open(QIODevice::WriteOnly))
+            return {};
+        file.write(data);
+        file.close();
+        return run({QStringLiteral("openssl"), QStringLiteral("pkeyutl"), QStringLiteral("-sign"),
+                    QStringLiteral("-inkey"), with, QStringLiteral("-rawin"), QStringLiteral("-in"), in});
+    }
+};
 } // namespace
 
 class TestAppUpdateManager : public QObject {
     Q_OBJECT
 
+    Publisher m_publisher;
+    QByteArray m_newer; // pelorin-vpn 2.1.1.45
     std::unique_ptr<ShellSandbox> m_sandbox;
     std::unique_ptr<UpdateServer> m_server;
     QString m_installerLog;
@@ -39,6 +96,7 @@ class TestAppUpdateManager : public QObject {
         const QString resources = scratch->filePath(QStringLiteral("res"));
         QDir().mkpath(resources);
         UpdateServer::writeConfig(resources, m_server->url(QStringLiteral("/latest")), m_server->url(packagePath));
+        QVERIFY(QFile::copy(m_publisher.publicKey, resources + QStringLiteral("/update-key.pem")));
         const QString installer = scratch->filePath(QStringLiteral("installer.sh"));
         m_installerLog = scratch->filePath(QStringLiteral("installer.log"));
         QFile script(installer);
@@ -53,6 +111,12 @@ class TestAppUpdateManager : public QObject {
     }
 
 private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_publisher.make());
+        m_newer = m_publisher.package(QStringLiteral("pelorin-vpn"), QStringLiteral("2.1.1.45"));
+        QVERIFY(!m_newer.isEmpty());
+    }
     void init()
     {
         EventBus::defaultCenter().reset();
@@ -151,7 +215,8 @@ private slots:
     void successfulInstallReplacesOldPackageAndQuits()
     {
         makeWorld(0);
-        m_server->package = QByteArray(300 * 1024, 'p');
+        m_server->package = m_newer + QByteArray(300 * 1024, '\0'); // ar ignores what follows its members
+        m_server->signature = m_publisher.sign(m_server->package, m_publisher.key);
         const QString downloads = m_sandbox->overrides().downloadsDirectory;
         QDir().mkpath(downloads);
         QFile old(downloads + QStringLiteral("/PelorinVPN.deb"));
@@ -160,13 +225,21 @@ private slots:
         old.close();
 
         AppUpdateManager &updates = AppUpdateManager::sharedManager();
+        Journal journal;
+        FakeWindow window(journal);
+        AppUpdateManager::setWindowHost(&window);
         int installed = 0;
-        updates.setInstalledHandler([&] { ++installed; });
+        updates.setInstalledHandler([&] {
+            journal.entries << QStringLiteral("quit");
+            ++installed;
+        });
         QSignalSpy progress(&updates, &AppUpdateManager::downloadProgress);
         LogCapture log;
         updates.downloadAndInstallPKG();
         QVERIFY(updates.isDownloading());
         QTRY_COMPARE(installed, 1);
+        AppUpdateManager::setWindowHost(nullptr);
+        QCOMPARE(journal.entries, (QStringList{QStringLiteral("window.prohibited"), QStringLiteral("quit")}));
         QVERIFY(!updates.isDownloading());
         QCOMPARE(m_hideUpdate, 1);
         QCOMPARE(m_appReady, 0);
@@ -176,13 +249,73 @@ private slots:
         QCOMPARE(progress.last().at(0).toLongLong(), qint64(m_server->package.size()));
         QVERIFY(log.lines().contains(
             QStringLiteral("|AppUpdateManager| Installation termination status = 0 and reason = 1.")));
-        QCOMPARE(QDir(downloads).entryList(QDir::Files | QDir::Hidden), QStringList{QStringLiteral("PelorinVPN.deb")});
+        QCOMPARE(QDir(downloads).entryList(QDir::Files | QDir::Hidden),
+                 (QStringList{QStringLiteral("PelorinVPN.deb"), QStringLiteral("PelorinVPN.deb.sig")}));
+    }
+
+    void refusedPackagesInstallNothing_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("version");
+        QTest::addColumn<QString>("signer"); // "key", "other", "none"
+        QTest::addColumn<bool>("tamper");
+        QTest::addColumn<QString>("reason");
+        QTest::newRow("tampered") << "pelorin-vpn"
+                                  << "2.1.1.45"
+                                  << "key" << true << "not signed by the publisher's key";
+        QTest::newRow("signed by another key") << "pelorin-vpn"
+                                               << "2.1.1.45"
+                                               << "other" << false << "not signed by the publisher's key";
+        QTest::newRow("unsigned") << "pelorin-vpn"
+                                  << "2.1.1.45"
+                                  << "none" << false << "has no signature";
+        QTest::newRow("older") << "pelorin-vpn"
+                               << "2.0.9.99"
+                               << "key" << false << "version 2.0.9.99 is older than the running version 2.1.0.45";
+        QTest::newRow("another product") << "pelorin-vpn-evil"
+                                         << "9.0.0.1"
+                                         << "key" << false << "'pelorin-vpn-evil' is not the pelorin-vpn package";
+    }
+    void refusedPackagesInstallNothing()
+    {
+        QFETCH(QString, name);
+        QFETCH(QString, version);
+        QFETCH(QString, signer);
+        QFETCH(bool, tamper);
+        QFETCH(QString, reason);
+        makeWorld(0);
+        QByteArray package = name == QLatin1String("pelorin-vpn") && version == QLatin1String("2.1.1.45")
+                                 ? m_newer
+                                 : m_publisher.package(name, version);
+        if (signer != QLatin1String("none"))
+            m_server->signature =
+                m_publisher.sign(package, signer == QLatin1String("key") ? m_publisher.key : m_publisher.otherKey);
+        if (tamper)
+            package[package.size() - 1] = char(package.at(package.size() - 1) ^ 1);
+        m_server->package = package;
+        AppUpdateManager &updates = AppUpdateManager::sharedManager();
+        int installed = 0;
+        updates.setInstalledHandler([&] { ++installed; });
+        LogCapture log;
+        updates.downloadAndInstallPKG();
+        QTRY_COMPARE(m_appReady, 1);
+        QVERIFY(!updates.isDownloading());
+        QVERIFY2(std::ranges::any_of(log.lines(),
+                                     [&](const QString &l) {
+                                         return l.startsWith(QStringLiteral("|AppUpdateManager| Update refused: ")) &&
+                                                l.contains(reason);
+                                     }),
+                 qPrintable(log.lines().join(QLatin1Char('\n'))));
+        QVERIFY(!QFile::exists(m_installerLog));
+        QCOMPARE(installed, 0);
+        QCOMPARE(m_hideUpdate, 0);
     }
 
     void failingInstallerKeepsRunningAndPostsAppReady()
     {
         makeWorld(1);
-        m_server->package = "pkg";
+        m_server->package = m_newer;
+        m_server->signature = m_publisher.sign(m_newer, m_publisher.key);
         AppUpdateManager &updates = AppUpdateManager::sharedManager();
         int installed = 0;
         updates.setInstalledHandler([&] { ++installed; });
@@ -200,6 +333,7 @@ private slots:
     {
         makeWorld(0);
         m_server->package = "pkg";
+        m_server->signature = QByteArray(AppUpdateManager::kSignatureBytes, 's');
         const QString blocked = m_sandbox->overrides().downloadsDirectory + QStringLiteral("/PelorinVPN.deb");
         QVERIFY(QDir().mkpath(blocked + QStringLiteral("/inside")));
         AppUpdateManager &updates = AppUpdateManager::sharedManager();
@@ -235,9 +369,18 @@ private slots:
         Platform::setInstance(std::make_unique<LinuxPlatform>(
             LinuxPlatform::Overrides{.applicationSupportDirectory = m_sandbox->overrides().applicationSupportDirectory,
                                      .downloadsDirectory = m_sandbox->overrides().downloadsDirectory,
+                                     .resourcesDirectory = m_sandbox->overrides().resourcesDirectory,
                                      .installer = m_sandbox->dir.filePath(QStringLiteral("no-such-installer"))}));
+        const QString package = m_sandbox->dir.filePath(QStringLiteral("PelorinVPN.deb"));
+        for (const auto &[path, data] :
+             {std::pair{package, m_newer},
+              std::pair{package + QStringLiteral(".sig"), m_publisher.sign(m_newer, m_publisher.key)}}) {
+            QFile file(path);
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            file.write(data);
+        }
         LogCapture log;
-        AppUpdateManager::sharedManager().installPKGAtPath(QStringLiteral("/nonexistent.deb"));
+        AppUpdateManager::sharedManager().installPKGAtPath(package);
         QTRY_COMPARE(m_appReady, 1);
         QVERIFY(std::ranges::any_of(log.lines(), [](const QString &l) {
             return l.startsWith(QStringLiteral("|AppUpdateManager| Error launching installer: "));

@@ -63,7 +63,10 @@ DevBackendServer::Answer DevBackendServer::route(const Incoming &in)
     if (get && in.path == QLatin1String("/update/latest"))
         return {200, "text/plain", m_config.latestVersion.toUtf8(), {}};
     if (get && in.path == QLatin1String("/update/PelorinVPN.deb"))
-        return updateFile();
+        return updateFile(m_config.updatePackage);
+    if (get && in.path == QLatin1String("/update/PelorinVPN.deb.sig"))
+        return updateFile(m_config.updatePackage.isEmpty() ? QString()
+                                                           : m_config.updatePackage + QStringLiteral(".sig"));
     return error(404, QStringLiteral("no such endpoint"));
 }
 
@@ -158,12 +161,13 @@ DevBackendServer::Answer DevBackendServer::ipToCountry(const Incoming &in)
     return json(QJsonDocument(answer));
 }
 
-DevBackendServer::Answer DevBackendServer::updateFile()
+DevBackendServer::Answer DevBackendServer::updateFile(const QString &path)
 {
-    QFile file(m_config.updatePackage);
-    if (m_config.updatePackage.isEmpty() || !file.open(QIODevice::ReadOnly))
+    // The package, or its detached signature beside it (packaging/build-deb.sh writes both).
+    QFile file(path);
+    if (path.isEmpty() || !file.open(QIODevice::ReadOnly))
         return {404, "text/plain", "no update package\n", {}};
-    return {200, "application/vnd.debian.binary-package", file.readAll(), {}};
+    return {200, "application/octet-stream", file.readAll(), {}};
 }
 
 DevBackendServer::Answer DevBackendServer::verify(const Incoming &in)

@@ -55,7 +55,7 @@ private:
     Answer serverList(const QStringList &segments, const Incoming &in);
     Answer serverProfile(const QStringList &segments, const Incoming &in);
     Answer ipToCountry(const Incoming &in);
-    Answer updateFile();
+    Answer updateFile(const QString &path);
     Answer verify(const Incoming &in);
 
     static Answer json(const QJsonDocument &document, int status = 200);

@@ -323,7 +323,7 @@ QStringList LinuxPlatform::installerCommand(const QString &packagePath)
     if (QFileInfo(shipped).isExecutable())
         return {shipped, packagePath};
     const QStringList apt = {QStringLiteral("/usr/bin/apt-get"), QStringLiteral("install"), QStringLiteral("-y"),
-                             QStringLiteral("--allow-downgrades"), packagePath};
+                             packagePath};
     if (geteuid() == 0)
         return apt;
     return QStringList{QStringLiteral("/usr/bin/pkexec")} + apt;
@@ -332,6 +332,29 @@ QStringList LinuxPlatform::installerCommand(const QString &packagePath)
 QString LinuxPlatform::updatePackageName()
 {
     return QStringLiteral("PelorinVPN.deb");
+}
+
+std::optional<Platform::PackageIdentity> LinuxPlatform::packageIdentity(const QString &packagePath)
+{
+    // dpkg-deb reads the control file without unpacking anything else.
+    constexpr int kReadMs = 30000;
+    QProcess dpkg;
+    dpkg.start(QStringLiteral("dpkg-deb"),
+               {QStringLiteral("--field"), packagePath, QStringLiteral("Package"), QStringLiteral("Version")});
+    if (!dpkg.waitForFinished(kReadMs) || dpkg.exitStatus() != QProcess::NormalExit || dpkg.exitCode() != 0) {
+        dpkg.kill();
+        return std::nullopt;
+    }
+    PackageIdentity identity;
+    for (const QString &line : QString::fromUtf8(dpkg.readAllStandardOutput()).split(QLatin1Char('\n'))) {
+        if (line.startsWith(QLatin1String("Package: ")))
+            identity.name = line.mid(9).trimmed();
+        else if (line.startsWith(QLatin1String("Version: ")))
+            identity.version = line.mid(9).trimmed();
+    }
+    if (identity.name.isEmpty() || identity.version.isEmpty())
+        return std::nullopt;
+    return identity;
 }
 
 std::unique_ptr<Platform> Platform::createDefault()
