@@ -52,31 +52,29 @@ int g_spareFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
 
 bool AsyncSocket::acceptOnPort(std::uint16_t port, NQErrorOpt *error)
 {
-    std::lock_guard lock(m_mutex);
     NQErrorOpt failure;
     if (m_delegate.expired())
         failure = configError("Attempting to accept without a delegate. Set a delegate first.");
-    else if (!m_delegateQueue)
+    else if (!m_loop)
         failure = configError("Attempting to accept without a delegate queue. Set a delegate queue first.");
     else if (!m_ipv4Enabled && !m_ipv6Enabled)
         failure = configError("Both IPv4 and IPv6 have been disabled. Must enable at least one protocol first.");
-    else if (m_state == State::Connected || m_state == State::Accepting)
-        failure = configError("Attempting to accept while connected or accepting connections. Disconnect first.");
-    if (!failure && m_ipv4Enabled && !openListenerLocked(AF_INET, port, &failure))
-        closeLocked({}, false);
-    if (!failure && m_ipv6Enabled && !openListenerLocked(AF_INET6, m_fd4 >= 0 ? m_port4 : port, &failure))
-        closeLocked({}, false);
-    if (failure) {
-        if (error)
-            *error = failure;
-        return false;
-    }
-    m_reports = true;
-    m_state = State::Accepting;
-    return true;
+    else
+        m_loop->call([&] {
+            if (m_fd >= 0 || m_fd4 >= 0 || m_fd6 >= 0)
+                failure =
+                    configError("Attempting to accept while connected or accepting connections. Disconnect first.");
+            else if ((m_ipv4Enabled && !openListener(AF_INET, port, &failure)) ||
+                     (m_ipv6Enabled && !openListener(AF_INET6, m_fd4 >= 0 ? m_port4 : port, &failure)))
+                close({});
+            m_reported = true; // a failed start has nothing to report
+        });
+    if (failure && error)
+        *error = failure;
+    return !failure;
 }
 
-bool AsyncSocket::openListenerLocked(int family, std::uint16_t port, NQErrorOpt *error)
+bool AsyncSocket::openListener(int family, std::uint16_t port, NQErrorOpt *error)
 {
     const int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) {
@@ -90,7 +88,7 @@ bool AsyncSocket::openListenerLocked(int family, std::uint16_t port, NQErrorOpt 
     }
     auto fail = [&](const char *reason) {
         *error = socketError(errno, reason);
-        close(fd);
+        ::close(fd);
         return false;
     };
     if (!setNonBlocking(fd))
@@ -122,7 +120,7 @@ bool AsyncSocket::openListenerLocked(int family, std::uint16_t port, NQErrorOpt 
     socklen_t got = sizeof addr;
     getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &got);
     int pollError = 0;
-    const std::uint64_t token = SocketLoop::shared().add(fd, shared_from_this(), EventPoller::Readable, &pollError);
+    const std::uint64_t token = m_loop->watch(fd, this, EventPoller::Readable, &pollError);
     if (!token) {
         errno = pollError;
         return fail("Error in listen() function");
@@ -139,65 +137,39 @@ bool AsyncSocket::openListenerLocked(int family, std::uint16_t port, NQErrorOpt 
 
 void AsyncSocket::acceptPending(int listenFd)
 {
-    for (;;) {
+    while (listenFd >= 0 && (listenFd == m_fd4 || listenFd == m_fd6)) { // the delegate may stop listening
         sockaddr_storage addr{};
         socklen_t len = sizeof addr;
-        const int fd = accept(listenFd, reinterpret_cast<sockaddr *>(&addr), &len);
+        const int fd = accept4(listenFd, reinterpret_cast<sockaddr *>(&addr), &len, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
             if (errno == EINTR || errno == ECONNABORTED)
                 continue;
             if ((errno == EMFILE || errno == ENFILE) && g_spareFd >= 0) {
                 OsLog("AsyncSocket").error(QStringLiteral("Out of file descriptors: refusing a client"));
-                close(g_spareFd);
+                ::close(g_spareFd);
                 const int refused = accept(listenFd, nullptr, nullptr);
                 if (refused >= 0)
-                    close(refused);
+                    ::close(refused);
                 g_spareFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
             }
             return; // EAGAIN: backlog empty
         }
-        fcntl(fd, F_SETFD, FD_CLOEXEC);
-        if (!setNonBlocking(fd)) {
-            close(fd);
+        AsyncSocketPtr client(new AsyncSocket);
+        client->m_delegate = m_delegate;
+        client->m_loop = m_loop;
+        client->m_maxBuffered = m_maxBuffered;
+        client->m_peer = peerText(addr);
+        int pollError = 0;
+        client->m_token = m_loop->watch(fd, client.get(), client->m_interest = EventPoller::Readable, &pollError);
+        if (!client->m_token) {
+            ::close(fd);
             continue;
         }
-        AsyncSocketPtr client;
-        {
-            std::lock_guard lock(m_mutex);
-            if (m_state != State::Accepting) {
-                close(fd);
-                return;
-            }
-            client = adopt(fd, *this, peerText(addr));
-        }
-        if (!client)
-            continue;
-        std::lock_guard lock(client->m_mutex);
-        // Runs on the new socket's own queue, so it comes before any of its reads or its end.
-        client->postLocked({Completion::Accepted, 0, {}, shared_from_this(), {}});
+        client->m_fd = fd;
+        const auto delegate = m_delegate.lock();
+        if (!delegate)
+            return client->close({});
+        // Before any of its reads or its end: its events come in later rounds of the loop.
+        delegate->socketDidAcceptNewSocket(shared_from_this(), client);
     }
-}
-
-AsyncSocketPtr AsyncSocket::adopt(int fd, const AsyncSocket &listener, const QString &peer)
-{
-    AsyncSocketPtr client(new AsyncSocket);
-    client->m_delegate = listener.m_delegate;
-    client->m_delegateQueue = listener.m_delegateQueue;
-    client->m_maxBuffered = listener.m_maxBuffered;
-    client->m_reports = true;
-    client->m_peer = peer;
-    client->m_fd = fd;
-    client->m_state = State::Connected;
-    client->m_open = true;
-    client->m_interest = EventPoller::Readable;
-    int pollError = 0;
-    client->m_token = SocketLoop::shared().add(fd, client, client->m_interest, &pollError);
-    if (!client->m_token) {
-        close(fd);
-        client->m_fd = -1;
-        client->m_state = State::Disconnected;
-        client->m_open = false;
-        return nullptr;
-    }
-    return client;
 }

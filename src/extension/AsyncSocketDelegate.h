@@ -9,8 +9,7 @@
 class AsyncSocket;
 using AsyncSocketPtr = std::shared_ptr<AsyncSocket>;
 
-// Callbacks of AsyncSocket. They run on the socket's delegate queue (a worker pool), never
-// two at once for the same socket; callbacks of different sockets may run in parallel.
+// Callbacks of AsyncSocket. They all run on the socket loop's thread, one at a time.
 class AsyncSocketDelegate {
 public:
     virtual ~AsyncSocketDelegate() = default;
@@ -22,7 +21,7 @@ public:
     virtual void socketDidReadData(const AsyncSocketPtr &sock, QByteArray data, long tag) {}
     // Every byte of a write request has been handed to the kernel.
     virtual void socketDidWriteDataWithTag(const AsyncSocketPtr &sock, long tag) {}
-    // The socket closed, by either side or by disconnect(); reported exactly once. `error` is
-    // empty for an orderly close.
+    // The socket closed; reported exactly once. `error` says why: empty after disconnect(),
+    // PeerClosedError, ReadLimitError or an operating-system error.
     virtual void socketDidDisconnect(const AsyncSocketPtr &sock, const NQErrorOpt &error) {}
 };

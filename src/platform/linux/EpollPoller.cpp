@@ -37,10 +37,7 @@ std::unique_ptr<EventPoller> EventPoller::create()
         return nullptr;
     }
     auto poller = std::make_unique<EpollPoller>(epollFd, wakeFd);
-    epoll_event ev{};
-    ev.events = EPOLLIN;
-    ev.data.u64 = kWakeToken;
-    epoll_ctl(epollFd, EPOLL_CTL_ADD, wakeFd, &ev);
+    poller->add(wakeFd, kWakeToken, Readable);
     return poller;
 }
 
@@ -75,11 +72,11 @@ void EpollPoller::remove(int fd)
     epoll_ctl(m_epoll, EPOLL_CTL_DEL, fd, nullptr);
 }
 
-int EpollPoller::wait(std::vector<Ready> &out, int timeoutMs)
+int EpollPoller::wait(std::vector<Ready> &out)
 {
     out.clear();
     epoll_event events[kMaxEventsPerWait];
-    const int n = epoll_wait(m_epoll, events, kMaxEventsPerWait, timeoutMs);
+    const int n = epoll_wait(m_epoll, events, kMaxEventsPerWait, -1);
     if (n < 0)
         return errno == EINTR ? 0 : -errno;
     for (int i = 0; i < n; ++i) {

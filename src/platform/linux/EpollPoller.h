@@ -13,7 +13,7 @@ public:
     int add(int fd, std::uint64_t token, std::uint32_t interest) override;
     int modify(int fd, std::uint64_t token, std::uint32_t interest) override;
     void remove(int fd) override;
-    int wait(std::vector<Ready> &out, int timeoutMs) override;
+    int wait(std::vector<Ready> &out) override;
     void wake() override;
 
 private:
