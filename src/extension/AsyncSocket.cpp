@@ -1,15 +1,20 @@
 #include "extension/AsyncSocket.h"
 #include "extension/SocketLoop.h"
 
+#include "foundation/Log.h"
+
+#include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
-// Bytes taken from the kernel per read() call, and read() calls per readiness report, so one
-// busy client cannot hold the I/O thread for long.
+// Bytes per read() call, and calls per readiness report, so one busy client cannot hold the
+// I/O thread for long.
 constexpr qsizetype kReadChunk = 64 * 1024;
 constexpr int kReadsPerWakeup = 4;
 // An emptied input buffer bigger than this is given back rather than kept for the next bytes.
@@ -17,16 +22,33 @@ constexpr qsizetype kKeptBufferBytes = 2 * kReadsPerWakeup * kReadChunk;
 
 std::atomic<std::uint64_t> g_nextId{1};
 
-NQError osError(int err)
+NQError makeError(const char *domain, int code, const QString &text)
 {
-    return NQError(NQError::kPosixDomain, err,
-                   {{NQError::kLocalizedDescriptionKey, QString::fromLocal8Bit(std::strerror(err))}});
+    return NQError(domain, code, {{NQError::kLocalizedDescriptionKey, text}});
 }
 
-NQError ownError(int code, const QString &text)
+NQError osError(int err)
 {
-    return NQError(AsyncSocket::kErrorDomain, code, {{NQError::kLocalizedDescriptionKey, text}});
+    return makeError(NQError::kPosixDomain, err, QString::fromLocal8Bit(std::strerror(err)));
 }
+
+const NQError kPeerClosed =
+    makeError(AsyncSocket::kErrorDomain, AsyncSocket::PeerClosedError, QStringLiteral("Connection closed by the peer"));
+QString peerText(const sockaddr_storage &addr)
+{
+    char host[INET6_ADDRSTRLEN] = {};
+    const bool v4 = addr.ss_family == AF_INET;
+    const auto *in = reinterpret_cast<const sockaddr_in *>(&addr);
+    const auto *in6 = reinterpret_cast<const sockaddr_in6 *>(&addr);
+    inet_ntop(addr.ss_family, v4 ? static_cast<const void *>(&in->sin_addr) : &in6->sin6_addr, host, sizeof host);
+    return QString::fromLatin1(v4 ? "%1:%2" : "[%1]:%2")
+        .arg(QString::fromLatin1(host))
+        .arg(ntohs(v4 ? in->sin_port : in6->sin6_port));
+}
+
+// Kept in reserve so that, out of descriptors, a pending client can still be taken off the
+// backlog and closed instead of being reported without end.
+int g_spareFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
 } // namespace
 
 AsyncSocket::AsyncSocket() : m_id(g_nextId++) {}
@@ -41,8 +63,7 @@ AsyncSocketPtr AsyncSocket::create(std::weak_ptr<AsyncSocketDelegate> delegate, 
 
 AsyncSocket::~AsyncSocket()
 {
-    // The last owner may be another thread: descriptors are closed where they are watched.
-    if (m_loop)
+    if (m_loop) // the last owner may be another thread; descriptors close where they are watched
         m_loop->call([this] { close({}); });
 }
 
@@ -52,6 +73,121 @@ template <typename Task> void AsyncSocket::onLoop(Task task)
     if (!m_loop || m_loop->isLoopThread())
         return task();
     m_loop->post([self = shared_from_this(), task] { task(); });
+}
+
+bool AsyncSocket::acceptOnPort(std::uint16_t port, NQErrorOpt *error)
+{
+    NQErrorOpt failure;
+    if (m_delegate.expired())
+        failure = makeError(kErrorDomain, BadConfigError,
+                            QStringLiteral("Attempting to accept without a delegate. Set a delegate first."));
+    else if (!m_loop)
+        failure =
+            makeError(kErrorDomain, BadConfigError,
+                      QStringLiteral("Attempting to accept without a delegate queue. Set a delegate queue first."));
+    else if (!m_ipv4 && !m_ipv6)
+        failure = makeError(
+            kErrorDomain, BadConfigError,
+            QStringLiteral("Both IPv4 and IPv6 have been disabled. Must enable at least one protocol first."));
+    else
+        m_loop->call([&] {
+            if (m_fd >= 0 || m_fd4 >= 0 || m_fd6 >= 0) {
+                failure = makeError(
+                    kErrorDomain, BadConfigError,
+                    QStringLiteral("Attempting to accept while connected or accepting connections. Disconnect first."));
+                return;
+            }
+            m_port = port; // IPv6 takes the port IPv4 was given
+            if ((m_ipv4 && !openListener(AF_INET, &failure)) || (m_ipv6 && !openListener(AF_INET6, &failure))) {
+                close({});
+                m_port = 0;
+            }
+            m_reported = true; // a failed start has nothing to report
+        });
+    if (failure && error)
+        *error = failure;
+    return !failure;
+}
+
+bool AsyncSocket::openListener(int family, NQErrorOpt *error)
+{
+    const int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0 && family == AF_INET6 && errno == EAFNOSUPPORT && m_fd4 >= 0) {
+        OsLog("AsyncSocket").error(QStringLiteral("IPv6 unavailable, listening on IPv4 only"));
+        return true;
+    }
+    auto fail = [&](const char *reason) {
+        *error = NQError(NQError::kPosixDomain, errno,
+                         {{NQError::kLocalizedDescriptionKey, QString::fromUtf8(reason)},
+                          {NQError::kLocalizedFailureReasonKey, QString::fromLocal8Bit(std::strerror(errno))}});
+        if (fd >= 0)
+            ::close(fd);
+        return false;
+    };
+    if (fd < 0)
+        return fail("Error in socket() function");
+    const int flags = fcntl(fd, F_GETFL, 0);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) != 0)
+        return fail("Error enabling non-blocking IO on socket (fcntl)");
+    const int one = 1;
+    if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0)
+        return fail("Error enabling address reuse (setsockopt)");
+    sockaddr_storage addr{};
+    auto *in = reinterpret_cast<sockaddr_in *>(&addr);
+    auto *in6 = reinterpret_cast<sockaddr_in6 *>(&addr);
+    addr.ss_family = static_cast<sa_family_t>(family);
+    if (family == AF_INET) {
+        in->sin_port = htons(m_port); // the wildcard address is all zeros
+    } else {
+        // Without this the IPv6 wildcard also claims the IPv4 port just bound.
+        setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one);
+        in6->sin6_port = htons(m_port);
+    }
+    socklen_t len = family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+    if (bind(fd, reinterpret_cast<sockaddr *>(&addr), len) != 0)
+        return fail("Error in bind() function");
+    if (listen(fd, kListenBacklog) != 0)
+        return fail("Error in listen() function");
+    getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len);
+    m_port = ntohs(family == AF_INET ? in->sin_port : in6->sin6_port);
+    if ((errno = m_loop->watch(fd, this, EventPoller::Readable)))
+        return fail("Error in listen() function");
+    (family == AF_INET ? m_fd4 : m_fd6) = fd;
+    return true;
+}
+
+void AsyncSocket::acceptPending(int listenFd)
+{
+    // The delegate may stop the listener from its callback.
+    while (listenFd >= 0 && (listenFd == m_fd4 || listenFd == m_fd6)) {
+        sockaddr_storage addr{};
+        socklen_t len = sizeof addr;
+        const int fd = accept4(listenFd, reinterpret_cast<sockaddr *>(&addr), &len, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0 && (errno == EINTR || errno == ECONNABORTED))
+            continue;
+        if (fd < 0) {
+            if ((errno == EMFILE || errno == ENFILE) && g_spareFd >= 0) {
+                OsLog("AsyncSocket").error(QStringLiteral("Out of file descriptors: refusing a client"));
+                ::close(g_spareFd);
+                ::close(accept(listenFd, nullptr, nullptr));
+                g_spareFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+            }
+            return; // else EAGAIN: the backlog is empty
+        }
+        AsyncSocketPtr client(new AsyncSocket);
+        client->m_delegate = m_delegate;
+        client->m_loop = m_loop;
+        client->m_maxBuffered = m_maxBuffered;
+        client->m_peer = peerText(addr);
+        if (m_loop->watch(fd, client.get(), client->m_interest = EventPoller::Readable)) {
+            ::close(fd);
+            continue;
+        }
+        client->m_fd = fd;
+        // Before any of its reads or its end, which come in later rounds of the loop.
+        if (const auto delegate = m_delegate.lock())
+            delegate->socketDidAcceptNewSocket(shared_from_this(), client);
+    }
 }
 
 void AsyncSocket::readDataWithTimeout(double, long tag)
@@ -68,10 +204,10 @@ void AsyncSocket::readDataToLength(std::uint64_t length, double, long tag)
 void AsyncSocket::queueRead(std::int64_t length, long tag)
 {
     onLoop([this, length, tag] {
-        if (m_fd < 0)
-            return;
-        m_reads.push_back({length, tag});
-        pump();
+        if (m_fd >= 0) {
+            m_reads.push_back({length, tag});
+            pump();
+        }
     });
 }
 
@@ -80,7 +216,7 @@ void AsyncSocket::writeData(const QByteArray &data, double, long tag)
     onLoop([this, data, tag] {
         if (m_fd < 0)
             return;
-        m_writes.push_back({data, tag});
+        m_writes.emplace_back(data, tag);
         if (m_writes.size() == 1)
             writeKernel();
         pump();
@@ -98,8 +234,7 @@ void AsyncSocket::disconnect()
 void AsyncSocket::handleReady(std::uint32_t events)
 {
     const AsyncSocketPtr self = shared_from_this();
-    if (m_fd < 0) {
-        // A listener: whichever family fired, both backlogs are emptied.
+    if (m_fd < 0) { // a listener: whichever family fired, both backlogs are emptied
         acceptPending(m_fd4);
         acceptPending(m_fd6);
         return;
@@ -109,12 +244,11 @@ void AsyncSocket::handleReady(std::uint32_t events)
     if (m_fd >= 0 && (events & (EventPoller::Readable | EventPoller::HangUp))) {
         if (m_interest & EventPoller::Readable) {
             readKernel();
-        } else {
-            // Hung up while reading is paused: the poller would say so without end.
+        } else { // hung up while reading is paused: the poller would say so without end
             int err = 0;
             socklen_t len = sizeof err;
             getsockopt(m_fd, SOL_SOCKET, SO_ERROR, &err, &len);
-            close(err ? osError(err) : ownError(PeerClosedError, QStringLiteral("Connection closed by the peer")));
+            close(err ? osError(err) : kPeerClosed);
         }
     }
     pump();
@@ -122,23 +256,19 @@ void AsyncSocket::handleReady(std::uint32_t events)
 
 void AsyncSocket::readKernel()
 {
-    if (m_inPos) {
-        m_in.remove(0, m_inPos); // moves where the bytes start, not the bytes
-        m_inPos = 0;
-    }
+    m_in.remove(0, std::exchange(m_inPos, 0)); // moves where the bytes start, not the bytes
     for (int i = 0; i < kReadsPerWakeup && !m_eof; ++i) {
         const qsizetype want = std::min<qsizetype>(m_maxBuffered - m_in.size(), kReadChunk);
         if (want <= 0)
             return;
-        // Straight into the buffer's free end: no second copy.
         const qsizetype held = m_in.size();
-        m_in.resize(held + want);
+        m_in.resize(held + want); // read straight into the buffer's free end
         const ssize_t n = ::read(m_fd, m_in.data() + held, static_cast<size_t>(want));
         m_in.resize(held + std::max<qsizetype>(n, 0));
         if (n == 0) {
             m_eof = true;
         } else if (n < 0 && errno != EINTR) {
-            if (errno != EAGAIN && errno != EWOULDBLOCK)
+            if (errno != EAGAIN)
                 close(osError(errno));
             return;
         } else if (n > 0 && n < want) {
@@ -150,26 +280,23 @@ void AsyncSocket::readKernel()
 void AsyncSocket::writeKernel()
 {
     while (!m_writes.empty()) {
-        const QByteArray &data = m_writes.front().data;
-        const ssize_t n =
-            ::send(m_fd, data.constData() + m_written, static_cast<size_t>(data.size() - m_written), MSG_NOSIGNAL);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            if (errno != EAGAIN && errno != EWOULDBLOCK)
+        const QByteArray &data = m_writes.front().first;
+        const ssize_t n = ::send(m_fd, data.constData() + m_written, size_t(data.size() - m_written), MSG_NOSIGNAL);
+        if (n < 0 && errno != EINTR) {
+            if (errno != EAGAIN)
                 close(osError(errno));
             return;
         }
-        if ((m_written += n) < data.size())
+        if ((m_written += std::max<ssize_t>(n, 0)) < data.size())
             continue;
-        m_wroteTags.push_back(m_writes.front().tag);
+        m_wroteTags.push_back(m_writes.front().second);
         m_writes.pop_front();
         m_written = 0;
     }
 }
 
 // Runs every callback that is due, one at a time. A call made from inside a callback only
-// queues its work: the running pump picks it up, so callbacks never nest.
+// queues its work and the running pump picks it up, so callbacks never nest.
 void AsyncSocket::pump()
 {
     if (m_pumping)
@@ -182,10 +309,14 @@ void AsyncSocket::pump()
     while (deliverOne(*delegate, self)) {
     }
     m_pumping = false;
-    if (m_fd >= 0 || m_fd4 >= 0 || m_fd6 >= 0)
-        return updateInterest();
-    if (!std::exchange(m_reported, true))
+    if (m_fd >= 0) {
+        const std::uint32_t wanted = (!m_eof && m_in.size() - m_inPos < m_maxBuffered ? EventPoller::Readable : 0u) |
+                                     (m_writes.empty() ? 0u : EventPoller::Writable);
+        if (wanted != std::exchange(m_interest, wanted))
+            m_loop->watch(m_fd, this, wanted);
+    } else if (m_fd4 < 0 && m_fd6 < 0 && !std::exchange(m_reported, true)) {
         delegate->socketDidDisconnect(self, m_closeError);
+    }
 }
 
 bool AsyncSocket::deliverOne(AsyncSocketDelegate &delegate, const AsyncSocketPtr &self)
@@ -202,14 +333,14 @@ bool AsyncSocket::deliverOne(AsyncSocketDelegate &delegate, const AsyncSocketPtr
     const std::int64_t wanted = m_reads.empty() ? 0 : m_reads.front().length;
     if (m_reads.empty() || (wanted < 0 ? held == 0 : wanted > held)) {
         if (m_eof) // nothing more will come to meet it
-            close(ownError(PeerClosedError, QStringLiteral("Connection closed by the peer")));
+            close(kPeerClosed);
         else if (wanted > m_maxBuffered && held >= m_maxBuffered)
-            close(ownError(
-                ReadLimitError,
+            close(makeError(
+                kErrorDomain, ReadLimitError,
                 QStringLiteral("Read of %1 bytes exceeds the %2-byte buffer limit").arg(wanted).arg(m_maxBuffered)));
         return false;
     }
-    const qsizetype n = wanted < 0 ? held : static_cast<qsizetype>(wanted);
+    const qsizetype n = wanted < 0 ? held : qsizetype(wanted);
     QByteArray data;
     if (m_inPos == 0 && n == m_in.size()) {
         data = std::exchange(m_in, {}); // the whole buffer: handed over, not copied
@@ -227,33 +358,17 @@ bool AsyncSocket::deliverOne(AsyncSocketDelegate &delegate, const AsyncSocketPtr
     return true;
 }
 
-void AsyncSocket::updateInterest()
-{
-    if (m_fd < 0)
-        return;
-    std::uint32_t wanted = 0;
-    if (!m_eof && m_in.size() - m_inPos < m_maxBuffered)
-        wanted |= EventPoller::Readable;
-    if (!m_writes.empty())
-        wanted |= EventPoller::Writable;
-    if (wanted != m_interest)
-        m_loop->modify(m_fd, m_token, m_interest = wanted);
-}
-
 // Closes whatever is open and drops what was queued; the next pump reports it.
 void AsyncSocket::close(NQErrorOpt error)
 {
-    bool wasOpen = false;
-    for (auto [fd, token] : {std::pair{&m_fd, m_token}, std::pair{&m_fd4, m_token4}, std::pair{&m_fd6, m_token6}}) {
-        if (*fd < 0)
-            continue;
-        m_loop->unwatch(*fd, token);
-        ::close(*fd);
-        *fd = -1;
-        wasOpen = true;
-    }
-    if (!wasOpen)
+    if (m_fd < 0 && m_fd4 < 0 && m_fd6 < 0)
         return;
+    for (int *fd : {&m_fd, &m_fd4, &m_fd6}) {
+        if (*fd >= 0) {
+            m_loop->unwatch(*fd, this);
+            ::close(std::exchange(*fd, -1));
+        }
+    }
     m_reads.clear();
     m_writes.clear();
     m_wroteTags.clear();

@@ -4,21 +4,17 @@
 
 #include <QString>
 
-#include <cstdint>
 #include <deque>
 #include <vector>
 
 class SocketLoop;
 
 // Asynchronous TCP socket, used here as a server: a listener that accepts any number of
-// clients, and per accepted connection a queue of tagged reads and writes completing by
-// callback (AsyncSocketDelegate).
-//
+// clients, and per connection a queue of tagged reads and writes completing by callback.
 // The socket loop's thread owns every socket and runs every callback; a call from another
-// thread is queued there, behind the calls made before it. Reads of one connection complete
-// in the order queued, bytes past the current request wait for the next one; writes go out
-// and complete in order. Time-outs are taken for the call's shape only: a negative value
-// (none) is all this product passes.
+// thread is queued there behind the calls made before it. Reads complete in the order queued,
+// bytes past the current request wait for the next one; writes go out and complete in order.
+// Time-outs are taken for the call's shape only: none (negative) is all this product passes.
 class AsyncSocket : public std::enable_shared_from_this<AsyncSocket> {
 public:
     static constexpr auto kErrorDomain = "AsyncSocketErrorDomain";
@@ -29,11 +25,9 @@ public:
     };
     // Unread bytes held per connection by default; see setMaxBufferedBytes().
     static constexpr std::int64_t kDefaultMaxBufferedBytes = 16 * 1024 * 1024;
-    // Pending connections the kernel keeps per listening socket.
-    static constexpr int kListenBacklog = 1024;
+    static constexpr int kListenBacklog = 1024; // pending connections the kernel keeps
 
-    // An idle socket reporting to `delegate` (held weakly) on `delegateQueue`, which a null
-    // queue makes acceptOnPort refuse.
+    // An idle socket reporting to `delegate` (held weakly) on `delegateQueue`.
     static AsyncSocketPtr create(std::weak_ptr<AsyncSocketDelegate> delegate, SocketLoop *delegateQueue);
     ~AsyncSocket();
     AsyncSocket(const AsyncSocket &) = delete;
@@ -42,19 +36,16 @@ public:
     // Settings, before acceptOnPort; accepted sockets inherit them.
     void setDelegate(std::weak_ptr<AsyncSocketDelegate> delegate) { m_delegate = std::move(delegate); }
     void setDelegateQueue(SocketLoop *queue) { m_loop = queue; }
-    void setIPv4Enabled(bool enabled) { m_ipv4Enabled = enabled; }
-    void setIPv6Enabled(bool enabled) { m_ipv6Enabled = enabled; }
-    // Most unread bytes held for one connection. Reading pauses at the limit; a read request
-    // that needs more fails the connection with ReadLimitError. What a peer merely announces
-    // costs nothing.
+    void setIPv4Enabled(bool enabled) { m_ipv4 = enabled; }
+    void setIPv6Enabled(bool enabled) { m_ipv6 = enabled; }
+    // Most unread bytes held per connection. Reading pauses there; a read request that needs
+    // more fails the connection with ReadLimitError. What a peer merely announces costs nothing.
     void setMaxBufferedBytes(std::int64_t limit) { m_maxBuffered = std::max<std::int64_t>(1, limit); }
 
-    // Listens on the wildcard address of IPv4 and then IPv6; with port 0 IPv6 takes the port
-    // IPv4 was given. False with `error` set on failure, nothing left open.
+    // Listens on the wildcard address of IPv4, then IPv6 on the same port. False with `error`
+    // set on failure, nothing left open.
     bool acceptOnPort(std::uint16_t port, NQErrorOpt *error);
-    // Listening port (IPv4 if open, else IPv6); 0 when not listening.
-    std::uint16_t localPort() const { return m_port4 ? m_port4 : m_port6; }
-    std::uint16_t localPortIPv6() const { return m_port6; }
+    std::uint16_t localPort() const { return m_port; } // 0 when not listening
 
     // Completes with everything available (at least one byte).
     void readDataWithTimeout(double timeout, long tag);
@@ -64,7 +55,7 @@ public:
     // Closes at once, dropping queued reads and writes; the disconnection is still reported.
     void disconnect();
 
-    // Unique in the process, fixed at creation: how other threads name a connection.
+    // Unique in the process and fixed: how other threads name a connection.
     std::uint64_t connectionId() const { return m_id; }
     // "<peer address>:<port>" of an accepted connection, for logs; fixed at accept.
     QString description() const { return m_peer; }
@@ -75,46 +66,35 @@ private:
         std::int64_t length; // -1: whatever is available
         long tag;
     };
-    struct Write {
-        QByteArray data;
-        long tag;
-    };
 
     AsyncSocket();
     template <typename Task> void onLoop(Task task);
     void queueRead(std::int64_t length, long tag);
     void handleReady(std::uint32_t events);
+    bool openListener(int family, NQErrorOpt *error);
     void acceptPending(int listenFd);
-    bool openListener(int family, std::uint16_t port, NQErrorOpt *error);
     void readKernel();
     void writeKernel();
     void pump();
     bool deliverOne(AsyncSocketDelegate &delegate, const AsyncSocketPtr &self);
-    void updateInterest();
     void close(NQErrorOpt error);
-    void closeListeners();
 
+    const std::uint64_t m_id;
     std::weak_ptr<AsyncSocketDelegate> m_delegate;
     SocketLoop *m_loop = nullptr;
-    bool m_ipv4Enabled = true, m_ipv6Enabled = true;
+    bool m_ipv4 = true, m_ipv6 = true;
     std::int64_t m_maxBuffered = kDefaultMaxBufferedBytes;
-    const std::uint64_t m_id;
-
-    // Listener.
-    int m_fd4 = -1, m_fd6 = -1;
-    std::uint64_t m_token4 = 0, m_token6 = 0;
-    std::uint16_t m_port4 = 0, m_port6 = 0;
-
-    // Connection; from here on, loop thread only.
-    int m_fd = -1;
-    std::uint64_t m_token = 0;
-    std::uint32_t m_interest = 0;
+    std::uint16_t m_port = 0;
     QString m_peer;
+
+    // From here on, loop thread only.
+    int m_fd = -1, m_fd4 = -1, m_fd6 = -1; // a connection, or a listener's two families
+    std::uint32_t m_interest = 0;
     QByteArray m_in; // read from the kernel; unread from m_inPos on
     qsizetype m_inPos = 0;
     bool m_eof = false;        // the peer's end of stream has been read
     std::vector<Read> m_reads; // rarely more than one: a vector beats a deque here
-    std::deque<Write> m_writes;
+    std::deque<std::pair<QByteArray, long>> m_writes;
     qsizetype m_written = 0;      // of the front write
     std::deque<long> m_wroteTags; // completed writes not yet reported
     bool m_pumping = false;       // a callback of this socket is running

@@ -53,7 +53,7 @@ public:
     void toMain(Event event)
     {
         if (batch.empty())
-            SocketLoop::shared().atEndOfWakeup([self = shared_from_this()] { self->flush(); });
+            SocketLoop::shared().post([self = shared_from_this()] { self->flush(); });
         batch.push_back(std::move(event));
         if (batch.size() == kEventsPerBatch)
             flush();

@@ -6,12 +6,10 @@
 #include <cerrno>
 #include <cstring>
 #include <future>
-#include <utility>
 
 SocketLoop &SocketLoop::shared()
 {
-    // Deliberately leaked: the I/O thread runs until the process ends.
-    static auto *loop = new SocketLoop;
+    static auto *loop = new SocketLoop; // leaked: the I/O thread runs until the process ends
     return *loop;
 }
 
@@ -21,7 +19,7 @@ SocketLoop::SocketLoop() : m_poller(EventPoller::create())
         OsLog("AsyncSocket")
             .fault(QStringLiteral("Cannot create the socket event poller: %1")
                        .arg(QString::fromLocal8Bit(std::strerror(errno))));
-        return; // no thread: tasks run where they are posted, sockets cannot be watched
+        return; // no thread: tasks run where they are posted, and nothing can be watched
     }
     std::lock_guard lock(m_mutex); // run() starts by taking it, so it sees m_threadId
     std::thread thread([this] { run(); });
@@ -33,13 +31,13 @@ void SocketLoop::post(Task task)
 {
     if (!m_poller)
         return task();
-    bool wasEmpty;
+    bool first;
     {
         std::lock_guard lock(m_mutex);
-        wasEmpty = m_posted.empty();
+        first = m_posted.empty();
         m_posted.push_back(std::move(task));
     }
-    if (wasEmpty) // otherwise a wake-up is already on its way
+    if (first) // else a wake-up is already on its way
         m_poller->wake();
 }
 
@@ -55,33 +53,18 @@ void SocketLoop::call(const Task &task)
     done.get_future().wait();
 }
 
-void SocketLoop::atEndOfWakeup(Task task)
+int SocketLoop::watch(int fd, AsyncSocket *socket, std::uint32_t interest)
 {
-    m_atEnd.push_back(std::move(task));
+    const int error = m_poller ? m_poller->watch(fd, socket->connectionId(), interest) : ENOSYS;
+    if (!error)
+        m_sockets[socket->connectionId()] = socket;
+    return error;
 }
 
-std::uint64_t SocketLoop::watch(int fd, AsyncSocket *socket, std::uint32_t interest, int *error)
-{
-    if (!m_poller) {
-        *error = ENOSYS;
-        return 0;
-    }
-    const std::uint64_t token = m_nextToken++;
-    if ((*error = m_poller->add(fd, token, interest)))
-        return 0;
-    m_sockets.emplace(token, socket);
-    return token;
-}
-
-void SocketLoop::modify(int fd, std::uint64_t token, std::uint32_t interest)
-{
-    m_poller->modify(fd, token, interest);
-}
-
-void SocketLoop::unwatch(int fd, std::uint64_t token)
+void SocketLoop::unwatch(int fd, const AsyncSocket *socket)
 {
     m_poller->remove(fd);
-    m_sockets.erase(token);
+    m_sockets.erase(socket->connectionId());
 }
 
 void SocketLoop::run()
@@ -98,8 +81,8 @@ void SocketLoop::run()
             return;
         }
         for (const auto &r : ready) {
-            // A socket closed by an earlier entry of this round is gone from the map.
-            if (auto it = m_sockets.find(r.token); it != m_sockets.end())
+            // A socket closed by an earlier entry of this round is no longer found.
+            if (const auto it = m_sockets.find(r.token); it != m_sockets.end())
                 it->second->handleReady(r.events);
         }
         {
@@ -109,9 +92,5 @@ void SocketLoop::run()
         for (Task &task : tasks)
             task();
         tasks.clear();
-        // Tasks run here may queue more for the end of this same wake-up.
-        for (std::size_t i = 0; i < m_atEnd.size(); ++i)
-            std::exchange(m_atEnd[i], {})();
-        m_atEnd.clear();
     }
 }

@@ -2,13 +2,10 @@
 
 #include "platform/EventPoller.h"
 
-#include <cstdint>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
-#include <vector>
 
 class AsyncSocket;
 
@@ -22,19 +19,15 @@ public:
     static SocketLoop &shared();
 
     bool isLoopThread() const { return std::this_thread::get_id() == m_threadId; }
-    // Any thread: runs `task` on the loop thread after everything posted before it.
+    // Runs `task` on the loop thread after everything posted before it; from the loop thread
+    // itself, once this round's socket events are handled.
     void post(Task task);
-    // Off the loop thread: runs `task` there and waits for it. On it: runs it now.
+    // Runs `task` on the loop thread and waits for it (at once when already there).
     void call(const Task &task);
-    // Loop thread: runs `task` once this wake-up's events and commands are handled, so work
-    // gathered over a wake-up is handed on once.
-    void atEndOfWakeup(Task task);
-
-    // Loop thread: watches `fd` for `socket`. The registration's token, or 0 with an errno value.
-    std::uint64_t watch(int fd, AsyncSocket *socket, std::uint32_t interest, int *error);
-    void modify(int fd, std::uint64_t token, std::uint32_t interest);
-    // Forgets the registration; the caller closes the descriptor afterwards.
-    void unwatch(int fd, std::uint64_t token);
+    // Loop thread: watches `fd` for `socket`, or changes what for. 0 or an errno value.
+    int watch(int fd, AsyncSocket *socket, std::uint32_t interest);
+    // Loop thread, before the descriptor is closed.
+    void unwatch(int fd, const AsyncSocket *socket);
 
 private:
     SocketLoop();
@@ -44,8 +37,5 @@ private:
     std::thread::id m_threadId;
     std::mutex m_mutex; // guards m_posted
     std::vector<Task> m_posted;
-    // Loop thread only.
-    std::vector<Task> m_atEnd;
-    std::unordered_map<std::uint64_t, AsyncSocket *> m_sockets;
-    std::uint64_t m_nextToken = 1;
+    std::unordered_map<std::uint64_t, AsyncSocket *> m_sockets; // by connection id; loop thread only
 };

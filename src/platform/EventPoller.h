@@ -4,9 +4,9 @@
 #include <memory>
 #include <vector>
 
-// Readiness of non-blocking file descriptors (epoll on Linux, kqueue on macOS), for the socket
-// layer's I/O thread. Level-triggered: a descriptor is reported while it stays ready.
-// wake() may be called from any thread; everything else from the thread that waits.
+// Readiness of non-blocking descriptors (epoll on Linux, kqueue on macOS) for the socket
+// layer's I/O thread. Level-triggered. wake() may be called from any thread, the rest only
+// from the thread that waits.
 class EventPoller {
 public:
     enum Interest : std::uint32_t {
@@ -15,18 +15,16 @@ public:
         HangUp = 1u << 2, // reported only: the peer hung up or the descriptor is in error
     };
     struct Ready {
-        std::uint64_t token; // what add() was given, so a reused descriptor is never mistaken
+        std::uint64_t token; // what watch() was given
         std::uint32_t events;
     };
 
     virtual ~EventPoller() = default;
-    // 0 or an errno value.
-    virtual int add(int fd, std::uint64_t token, std::uint32_t interest) = 0;
-    virtual int modify(int fd, std::uint64_t token, std::uint32_t interest) = 0;
+    // Starts watching `fd`, or changes what it is watched for. 0 or an errno value.
+    virtual int watch(int fd, std::uint64_t token, std::uint32_t interest) = 0;
     // Call before closing the descriptor.
     virtual void remove(int fd) = 0;
-    // Blocks until something is ready or wake() is called; fills `out`. Returns the number of
-    // entries (0 after a wake-up alone) or -errno.
+    // Blocks until something is ready or wake() is called; fills `out`. -errno on failure.
     virtual int wait(std::vector<Ready> &out) = 0;
     virtual void wake() = 0;
 

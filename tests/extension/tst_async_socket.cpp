@@ -74,7 +74,6 @@ private slots:
     void listensOnBothFamiliesWithOnePort()
     {
         QVERIFY(listener->localPort() != 0);
-        QCOMPARE(listener->localPortIPv6(), listener->localPort());
         QTcpSocket v6;
         v6.connectToHost(QHostAddress::LocalHostIPv6, listener->localPort());
         QVERIFY(v6.waitForConnected(5000));
