@@ -3,11 +3,11 @@
 
 #include "foundation/Log.h"
 
-#include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -34,16 +34,12 @@ NQError osError(int err)
 
 const NQError kPeerClosed =
     makeError(AsyncSocket::kErrorDomain, AsyncSocket::PeerClosedError, QStringLiteral("Connection closed by the peer"));
-QString peerText(const sockaddr_storage &addr)
+QString peerText(const sockaddr_storage &addr, socklen_t len)
 {
-    char host[INET6_ADDRSTRLEN] = {};
-    const bool v4 = addr.ss_family == AF_INET;
-    const auto *in = reinterpret_cast<const sockaddr_in *>(&addr);
-    const auto *in6 = reinterpret_cast<const sockaddr_in6 *>(&addr);
-    inet_ntop(addr.ss_family, v4 ? static_cast<const void *>(&in->sin_addr) : &in6->sin6_addr, host, sizeof host);
-    return QString::fromLatin1(v4 ? "%1:%2" : "[%1]:%2")
-        .arg(QString::fromLatin1(host))
-        .arg(ntohs(v4 ? in->sin_port : in6->sin6_port));
+    char host[NI_MAXHOST] = {}, port[NI_MAXSERV] = {};
+    getnameinfo(reinterpret_cast<const sockaddr *>(&addr), len, host, sizeof host, port, sizeof port,
+                NI_NUMERICHOST | NI_NUMERICSERV);
+    return QString::fromLatin1(addr.ss_family == AF_INET6 ? "[%1]:%2" : "%1:%2").arg(host, port);
 }
 
 // Kept in reserve so that, out of descriptors, a pending client can still be taken off the
@@ -51,14 +47,9 @@ QString peerText(const sockaddr_storage &addr)
 int g_spareFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
 } // namespace
 
-AsyncSocket::AsyncSocket() : m_id(g_nextId++) {}
-
-AsyncSocketPtr AsyncSocket::create(std::weak_ptr<AsyncSocketDelegate> delegate, SocketLoop *delegateQueue)
+AsyncSocket::AsyncSocket(std::weak_ptr<AsyncSocketDelegate> delegate, SocketLoop *delegateQueue)
+    : m_id(g_nextId++), m_delegate(std::move(delegate)), m_loop(delegateQueue)
 {
-    AsyncSocketPtr socket(new AsyncSocket);
-    socket->m_delegate = std::move(delegate);
-    socket->m_loop = delegateQueue;
-    return socket;
 }
 
 AsyncSocket::~AsyncSocket()
@@ -78,25 +69,17 @@ template <typename Task> void AsyncSocket::onLoop(Task task)
 bool AsyncSocket::acceptOnPort(std::uint16_t port, NQErrorOpt *error)
 {
     NQErrorOpt failure;
+    auto refuse = [&](const char *text) { failure = makeError(kErrorDomain, BadConfigError, QString::fromUtf8(text)); };
     if (m_delegate.expired())
-        failure = makeError(kErrorDomain, BadConfigError,
-                            QStringLiteral("Attempting to accept without a delegate. Set a delegate first."));
+        refuse("Attempting to accept without a delegate. Set a delegate first.");
     else if (!m_loop)
-        failure =
-            makeError(kErrorDomain, BadConfigError,
-                      QStringLiteral("Attempting to accept without a delegate queue. Set a delegate queue first."));
+        refuse("Attempting to accept without a delegate queue. Set a delegate queue first.");
     else if (!m_ipv4 && !m_ipv6)
-        failure = makeError(
-            kErrorDomain, BadConfigError,
-            QStringLiteral("Both IPv4 and IPv6 have been disabled. Must enable at least one protocol first."));
+        refuse("Both IPv4 and IPv6 have been disabled. Must enable at least one protocol first.");
     else
         m_loop->call([&] {
-            if (m_fd >= 0 || m_fd4 >= 0 || m_fd6 >= 0) {
-                failure = makeError(
-                    kErrorDomain, BadConfigError,
-                    QStringLiteral("Attempting to accept while connected or accepting connections. Disconnect first."));
-                return;
-            }
+            if (m_fd >= 0 || m_fd4 >= 0 || m_fd6 >= 0)
+                return refuse("Attempting to accept while connected or accepting connections. Disconnect first.");
             m_port = port; // IPv6 takes the port IPv4 was given
             if ((m_ipv4 && !openListener(AF_INET, &failure)) || (m_ipv6 && !openListener(AF_INET6, &failure))) {
                 close({});
@@ -174,11 +157,9 @@ void AsyncSocket::acceptPending(int listenFd)
             }
             return; // else EAGAIN: the backlog is empty
         }
-        AsyncSocketPtr client(new AsyncSocket);
-        client->m_delegate = m_delegate;
-        client->m_loop = m_loop;
+        const auto client = std::make_shared<AsyncSocket>(m_delegate, m_loop);
         client->m_maxBuffered = m_maxBuffered;
-        client->m_peer = peerText(addr);
+        client->m_peer = peerText(addr, len);
         if (m_loop->watch(fd, client.get(), client->m_interest = EventPoller::Readable)) {
             ::close(fd);
             continue;
@@ -188,17 +169,6 @@ void AsyncSocket::acceptPending(int listenFd)
         if (const auto delegate = m_delegate.lock())
             delegate->socketDidAcceptNewSocket(shared_from_this(), client);
     }
-}
-
-void AsyncSocket::readDataWithTimeout(double, long tag)
-{
-    queueRead(-1, tag);
-}
-
-void AsyncSocket::readDataToLength(std::uint64_t length, double, long tag)
-{
-    // Lengths past what a signed count holds can never be met; they wait like any other.
-    queueRead(static_cast<std::int64_t>(std::min<std::uint64_t>(length, INT64_MAX)), tag);
 }
 
 void AsyncSocket::queueRead(std::int64_t length, long tag)

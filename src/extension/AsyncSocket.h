@@ -9,37 +9,31 @@
 
 class SocketLoop;
 
-// Asynchronous TCP socket, used here as a server: a listener that accepts any number of
-// clients, and per connection a queue of tagged reads and writes completing by callback.
-// The socket loop's thread owns every socket and runs every callback; a call from another
-// thread is queued there behind the calls made before it. Reads complete in the order queued,
-// bytes past the current request wait for the next one; writes go out and complete in order.
-// Time-outs are taken for the call's shape only: none (negative) is all this product passes.
+// Asynchronous TCP socket, used as a server: a listener that accepts any number of clients,
+// and per connection tagged reads and writes completing by callback. The socket loop's thread
+// owns every socket and runs every callback; a call from another thread is queued there behind
+// the calls made before it. Reads complete in the order queued, bytes past the current request
+// wait for the next one; writes go out and complete in order. Time-outs are taken for the
+// call's shape only: none (negative) is all this product passes.
 class AsyncSocket : public std::enable_shared_from_this<AsyncSocket> {
 public:
     static constexpr auto kErrorDomain = "AsyncSocketErrorDomain";
-    enum ErrorCode {
-        BadConfigError = 1,  // accept refused before touching the network
-        ReadLimitError = 2,  // a read needs more than maxBufferedBytes held at once
-        PeerClosedError = 3, // the peer ended the connection
-    };
+    enum ErrorCode { BadConfigError = 1, ReadLimitError = 2, PeerClosedError = 3 };
     // Unread bytes held per connection by default; see setMaxBufferedBytes().
     static constexpr std::int64_t kDefaultMaxBufferedBytes = 16 * 1024 * 1024;
     static constexpr int kListenBacklog = 1024; // pending connections the kernel keeps
 
     // An idle socket reporting to `delegate` (held weakly) on `delegateQueue`.
-    static AsyncSocketPtr create(std::weak_ptr<AsyncSocketDelegate> delegate, SocketLoop *delegateQueue);
+    AsyncSocket(std::weak_ptr<AsyncSocketDelegate> delegate, SocketLoop *delegateQueue);
     ~AsyncSocket();
     AsyncSocket(const AsyncSocket &) = delete;
     AsyncSocket &operator=(const AsyncSocket &) = delete;
 
-    // Settings, before acceptOnPort; accepted sockets inherit them.
-    void setDelegate(std::weak_ptr<AsyncSocketDelegate> delegate) { m_delegate = std::move(delegate); }
-    void setDelegateQueue(SocketLoop *queue) { m_loop = queue; }
+    // Settings, before acceptOnPort; accepted sockets inherit the limit.
     void setIPv4Enabled(bool enabled) { m_ipv4 = enabled; }
     void setIPv6Enabled(bool enabled) { m_ipv6 = enabled; }
-    // Most unread bytes held per connection. Reading pauses there; a read request that needs
-    // more fails the connection with ReadLimitError. What a peer merely announces costs nothing.
+    // Reading pauses at the limit; a read request that needs more fails the connection with
+    // ReadLimitError. What a peer merely announces costs nothing.
     void setMaxBufferedBytes(std::int64_t limit) { m_maxBuffered = std::max<std::int64_t>(1, limit); }
 
     // Listens on the wildcard address of IPv4, then IPv6 on the same port. False with `error`
@@ -48,17 +42,19 @@ public:
     std::uint16_t localPort() const { return m_port; } // 0 when not listening
 
     // Completes with everything available (at least one byte).
-    void readDataWithTimeout(double timeout, long tag);
-    // Completes with exactly `length` bytes.
-    void readDataToLength(std::uint64_t length, double timeout, long tag);
+    void readDataWithTimeout(double, long tag) { queueRead(-1, tag); }
+    // Completes with exactly `length` bytes; one past what a signed count holds never does.
+    void readDataToLength(std::uint64_t length, double, long tag)
+    {
+        queueRead(static_cast<std::int64_t>(std::min<std::uint64_t>(length, INT64_MAX)), tag);
+    }
     void writeData(const QByteArray &data, double timeout, long tag);
     // Closes at once, dropping queued reads and writes; the disconnection is still reported.
     void disconnect();
 
     // Unique in the process and fixed: how other threads name a connection.
     std::uint64_t connectionId() const { return m_id; }
-    // "<peer address>:<port>" of an accepted connection, for logs; fixed at accept.
-    QString description() const { return m_peer; }
+    QString description() const { return m_peer; } // "<peer address>:<port>", for logs
 
 private:
     friend class SocketLoop;
@@ -67,7 +63,6 @@ private:
         long tag;
     };
 
-    AsyncSocket();
     template <typename Task> void onLoop(Task task);
     void queueRead(std::int64_t length, long tag);
     void handleReady(std::uint32_t events);
@@ -80,8 +75,8 @@ private:
     void close(NQErrorOpt error);
 
     const std::uint64_t m_id;
-    std::weak_ptr<AsyncSocketDelegate> m_delegate;
-    SocketLoop *m_loop = nullptr;
+    const std::weak_ptr<AsyncSocketDelegate> m_delegate;
+    SocketLoop *const m_loop;
     bool m_ipv4 = true, m_ipv6 = true;
     std::int64_t m_maxBuffered = kDefaultMaxBufferedBytes;
     std::uint16_t m_port = 0;

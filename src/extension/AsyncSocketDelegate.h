@@ -9,19 +9,17 @@
 class AsyncSocket;
 using AsyncSocketPtr = std::shared_ptr<AsyncSocket>;
 
-// Callbacks of AsyncSocket. They all run on the socket loop's thread, one at a time.
+// Callbacks of AsyncSocket, all run on the socket loop's thread, one at a time.
 class AsyncSocketDelegate {
 public:
     virtual ~AsyncSocketDelegate() = default;
-
-    // A client connected to the listening socket `sock`; `newSocket` inherits its delegate and
-    // delegate queue. Keep `newSocket` or it closes.
+    // A client connected to the listener `sock`; keep `newSocket` or it closes.
     virtual void socketDidAcceptNewSocket(const AsyncSocketPtr &sock, const AsyncSocketPtr &newSocket) {}
-    // A read request completed with `data`, the delegate's own; `tag` is the request's tag.
+    // A read request completed with `data`, the delegate's own.
     virtual void socketDidReadData(const AsyncSocketPtr &sock, QByteArray data, long tag) {}
     // Every byte of a write request has been handed to the kernel.
     virtual void socketDidWriteDataWithTag(const AsyncSocketPtr &sock, long tag) {}
-    // The socket closed; reported exactly once. `error` says why: empty after disconnect(),
-    // PeerClosedError, ReadLimitError or an operating-system error.
+    // Reported once. `error` says why: empty after disconnect(), else PeerClosedError,
+    // ReadLimitError or an operating-system error.
     virtual void socketDidDisconnect(const AsyncSocketPtr &sock, const NQErrorOpt &error) {}
 };

@@ -170,7 +170,7 @@ CVWebSocketServer::initWithPort(std::uint16_t port, CVWebSocketServerDelegate *d
     auto core = std::make_shared<Core>();
     core->server = server.get();
     core->delegate = delegate;
-    core->listener = AsyncSocket::create(core, &SocketLoop::shared());
+    core->listener = std::make_shared<AsyncSocket>(core, &SocketLoop::shared());
     core->listener->setMaxBufferedBytes(kMaxBufferedBytesPerConnection);
     NQErrorOpt failure;
     if (!core->listener->acceptOnPort(port, &failure)) {

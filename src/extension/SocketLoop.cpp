@@ -13,9 +13,9 @@ SocketLoop &SocketLoop::shared()
     return *loop;
 }
 
-SocketLoop::SocketLoop() : m_poller(EventPoller::create())
+SocketLoop::SocketLoop()
 {
-    if (!m_poller) {
+    if (!m_poller.valid()) {
         OsLog("AsyncSocket")
             .fault(QStringLiteral("Cannot create the socket event poller: %1")
                        .arg(QString::fromLocal8Bit(std::strerror(errno))));
@@ -29,7 +29,7 @@ SocketLoop::SocketLoop() : m_poller(EventPoller::create())
 
 void SocketLoop::post(Task task)
 {
-    if (!m_poller)
+    if (!m_poller.valid())
         return task();
     bool first;
     {
@@ -38,12 +38,12 @@ void SocketLoop::post(Task task)
         m_posted.push_back(std::move(task));
     }
     if (first) // else a wake-up is already on its way
-        m_poller->wake();
+        m_poller.wake();
 }
 
 void SocketLoop::call(const Task &task)
 {
-    if (!m_poller || isLoopThread())
+    if (!m_poller.valid() || isLoopThread())
         return task();
     std::promise<void> done;
     post([&] {
@@ -55,7 +55,7 @@ void SocketLoop::call(const Task &task)
 
 int SocketLoop::watch(int fd, AsyncSocket *socket, std::uint32_t interest)
 {
-    const int error = m_poller ? m_poller->watch(fd, socket->connectionId(), interest) : ENOSYS;
+    const int error = m_poller.valid() ? m_poller.watch(fd, socket->connectionId(), interest) : ENOSYS;
     if (!error)
         m_sockets[socket->connectionId()] = socket;
     return error;
@@ -63,7 +63,7 @@ int SocketLoop::watch(int fd, AsyncSocket *socket, std::uint32_t interest)
 
 void SocketLoop::unwatch(int fd, const AsyncSocket *socket)
 {
-    m_poller->remove(fd);
+    m_poller.remove(fd);
     m_sockets.erase(socket->connectionId());
 }
 
@@ -75,15 +75,15 @@ void SocketLoop::run()
         std::lock_guard lock(m_mutex);
     }
     for (;;) {
-        if (const int n = m_poller->wait(ready); n < 0) {
+        if (const int n = m_poller.wait(ready); n < 0) {
             OsLog("AsyncSocket")
                 .fault(QStringLiteral("Socket event poller failed: %1").arg(QString::fromLocal8Bit(std::strerror(-n))));
             return;
         }
         for (const auto &r : ready) {
             // A socket closed by an earlier entry of this round is no longer found.
-            if (const auto it = m_sockets.find(r.token); it != m_sockets.end())
-                it->second->handleReady(r.events);
+            if (const auto it = m_sockets.find(r.first); it != m_sockets.end())
+                it->second->handleReady(r.second);
         }
         {
             std::lock_guard lock(m_mutex);

@@ -15,25 +15,24 @@ class SocketLoop {
 public:
     using Task = std::function<void()>;
 
-    // The process-wide loop, started on first use and never stopped.
-    static SocketLoop &shared();
+    static SocketLoop &shared(); // started on first use, never stopped
 
     bool isLoopThread() const { return std::this_thread::get_id() == m_threadId; }
-    // Runs `task` on the loop thread after everything posted before it; from the loop thread
-    // itself, once this round's socket events are handled.
+    // Runs `task` on the loop thread after everything posted before it; posted from the loop
+    // thread itself, once this round's socket events are handled.
     void post(Task task);
     // Runs `task` on the loop thread and waits for it (at once when already there).
     void call(const Task &task);
+
     // Loop thread: watches `fd` for `socket`, or changes what for. 0 or an errno value.
     int watch(int fd, AsyncSocket *socket, std::uint32_t interest);
-    // Loop thread, before the descriptor is closed.
-    void unwatch(int fd, const AsyncSocket *socket);
+    void unwatch(int fd, const AsyncSocket *socket); // before the descriptor is closed
 
 private:
     SocketLoop();
     void run();
 
-    std::unique_ptr<EventPoller> m_poller;
+    EventPoller m_poller;
     std::thread::id m_threadId;
     std::mutex m_mutex; // guards m_posted
     std::vector<Task> m_posted;

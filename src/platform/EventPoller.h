@@ -1,33 +1,30 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
+#include <utility>
 #include <vector>
 
-// Readiness of non-blocking descriptors (epoll on Linux, kqueue on macOS) for the socket
-// layer's I/O thread. Level-triggered. wake() may be called from any thread, the rest only
-// from the thread that waits.
+// Readiness of non-blocking descriptors for the socket layer's I/O thread, level-triggered;
+// each platform's file implements it (epoll on Linux, kqueue on macOS). wake() may be called
+// from any thread, the rest only from the thread that waits.
 class EventPoller {
 public:
-    enum Interest : std::uint32_t {
-        Readable = 1u << 0,
-        Writable = 1u << 1,
-        HangUp = 1u << 2, // reported only: the peer hung up or the descriptor is in error
-    };
-    struct Ready {
-        std::uint64_t token; // what watch() was given
-        std::uint32_t events;
-    };
+    enum Interest : std::uint32_t { Readable = 1, Writable = 2, HangUp = 4 /* reported only */ };
+    using Ready = std::pair<std::uint64_t, std::uint32_t>; // watch()'s token, what happened
 
-    virtual ~EventPoller() = default;
-    // Starts watching `fd`, or changes what it is watched for. 0 or an errno value.
-    virtual int watch(int fd, std::uint64_t token, std::uint32_t interest) = 0;
-    // Call before closing the descriptor.
-    virtual void remove(int fd) = 0;
+    EventPoller(); // valid() false, errno set, when the kernel refuses one
+    ~EventPoller();
+    EventPoller(const EventPoller &) = delete;
+    EventPoller &operator=(const EventPoller &) = delete;
+    bool valid() const { return m_fd >= 0 && m_wake >= 0; }
+
+    // Starts watching `fd`, or changes what for. 0 or an errno value.
+    int watch(int fd, std::uint64_t token, std::uint32_t interest);
+    void remove(int fd); // before the descriptor is closed
     // Blocks until something is ready or wake() is called; fills `out`. -errno on failure.
-    virtual int wait(std::vector<Ready> &out) = 0;
-    virtual void wake() = 0;
+    int wait(std::vector<Ready> &out);
+    void wake();
 
-    // The build's poller; nullptr (errno set) when the kernel refuses one.
-    static std::unique_ptr<EventPoller> create();
+private:
+    int m_fd = -1, m_wake = -1;
 };

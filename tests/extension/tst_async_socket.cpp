@@ -29,7 +29,7 @@ private slots:
     void init()
     {
         recorder = std::make_shared<SocketRecorder>();
-        listener = AsyncSocket::create(recorder, &SocketLoop::shared());
+        listener = std::make_shared<AsyncSocket>(recorder, &SocketLoop::shared());
         NQErrorOpt error;
         QVERIFY(listener->acceptOnPort(0, &error));
     }
@@ -55,13 +55,16 @@ private slots:
             QCOMPARE(s->localPort() != 0, listening);
         };
         // Every fault at once: the delegate is reported first, then the queue, then protocols.
-        auto s = AsyncSocket::create({}, nullptr);
-        s->setIPv4Enabled(false);
-        s->setIPv6Enabled(false);
-        check(s, "Attempting to accept without a delegate. Set a delegate first.");
-        s->setDelegate(delegate);
-        check(s, "Attempting to accept without a delegate queue. Set a delegate queue first.");
-        s->setDelegateQueue(&SocketLoop::shared());
+        auto withoutProtocols = [](const std::shared_ptr<SocketRecorder> &d, SocketLoop *queue) {
+            auto socket = std::make_shared<AsyncSocket>(d, queue);
+            socket->setIPv4Enabled(false);
+            socket->setIPv6Enabled(false);
+            return socket;
+        };
+        check(withoutProtocols({}, nullptr), "Attempting to accept without a delegate. Set a delegate first.");
+        check(withoutProtocols(delegate, nullptr),
+              "Attempting to accept without a delegate queue. Set a delegate queue first.");
+        auto s = withoutProtocols(delegate, &SocketLoop::shared());
         check(s, "Both IPv4 and IPv6 have been disabled. Must enable at least one protocol first.");
         s->setIPv4Enabled(true);
         QVERIFY(s->acceptOnPort(0, nullptr));
@@ -85,7 +88,7 @@ private slots:
     {
         QTcpServer holder;
         QVERIFY(holder.listen(QHostAddress::AnyIPv4, 0));
-        auto s = AsyncSocket::create(recorder, &SocketLoop::shared());
+        auto s = std::make_shared<AsyncSocket>(recorder, &SocketLoop::shared());
         NQErrorOpt error;
         QVERIFY(!s->acceptOnPort(holder.serverPort(), &error));
         QCOMPARE(error->domain(), QString::fromLatin1(NQError::kPosixDomain));
