@@ -13,8 +13,7 @@
 #include <unistd.h>
 
 namespace {
-// Bytes per read() call, and calls per readiness report, so one busy client cannot hold the
-// I/O thread for long.
+// Per read() call, and calls per readiness report: one busy client cannot hold the thread.
 constexpr qsizetype kReadChunk = 64 * 1024;
 constexpr int kReadsPerWakeup = 4;
 // An emptied input buffer bigger than this is given back rather than kept for the next bytes.
@@ -42,8 +41,7 @@ QString peerText(const sockaddr_storage &addr, socklen_t len)
     return QString::fromLatin1(addr.ss_family == AF_INET6 ? "[%1]:%2" : "%1:%2").arg(host, port);
 }
 
-// Kept in reserve so that, out of descriptors, a pending client can still be taken off the
-// backlog and closed instead of being reported without end.
+// Kept so that, out of descriptors, a pending client can still be taken off the backlog.
 int g_spareFd = open("/dev/null", O_RDONLY | O_CLOEXEC);
 } // namespace
 
@@ -115,24 +113,18 @@ bool AsyncSocket::openListener(int family, NQErrorOpt *error)
     const int one = 1;
     if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0)
         return fail("Error enabling address reuse (setsockopt)");
-    sockaddr_storage addr{};
-    auto *in = reinterpret_cast<sockaddr_in *>(&addr);
-    auto *in6 = reinterpret_cast<sockaddr_in6 *>(&addr);
-    addr.ss_family = static_cast<sa_family_t>(family);
-    if (family == AF_INET) {
-        in->sin_port = htons(m_port); // the wildcard address is all zeros
-    } else {
-        // Without this the IPv6 wildcard also claims the IPv4 port just bound.
+    if (family == AF_INET6) // else the IPv6 wildcard also claims the IPv4 port just bound
         setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one);
-        in6->sin6_port = htons(m_port);
-    }
-    socklen_t len = family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
-    if (bind(fd, reinterpret_cast<sockaddr *>(&addr), len) != 0)
+    sockaddr_in in{AF_INET, htons(m_port), {htonl(INADDR_ANY)}, {}};
+    sockaddr_in6 in6{AF_INET6, htons(m_port), 0, in6addr_any, 0};
+    auto *addr = family == AF_INET ? reinterpret_cast<sockaddr *>(&in) : reinterpret_cast<sockaddr *>(&in6);
+    socklen_t len = family == AF_INET ? sizeof in : sizeof in6;
+    if (bind(fd, addr, len) != 0)
         return fail("Error in bind() function");
     if (listen(fd, kListenBacklog) != 0)
         return fail("Error in listen() function");
-    getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &len);
-    m_port = ntohs(family == AF_INET ? in->sin_port : in6->sin6_port);
+    getsockname(fd, addr, &len);
+    m_port = ntohs(family == AF_INET ? in.sin_port : in6.sin6_port);
     if ((errno = m_loop->watch(fd, this, EventPoller::Readable)))
         return fail("Error in listen() function");
     (family == AF_INET ? m_fd4 : m_fd6) = fd;
@@ -212,14 +204,10 @@ void AsyncSocket::handleReady(std::uint32_t events)
     if (events & EventPoller::Writable)
         writeKernel();
     if (m_fd >= 0 && (events & (EventPoller::Readable | EventPoller::HangUp))) {
-        if (m_interest & EventPoller::Readable) {
+        if (m_interest & EventPoller::Readable)
             readKernel();
-        } else { // hung up while reading is paused: the poller would say so without end
-            int err = 0;
-            socklen_t len = sizeof err;
-            getsockopt(m_fd, SOL_SOCKET, SO_ERROR, &err, &len);
-            close(err ? osError(err) : kPeerClosed);
-        }
+        else // reset while reading is paused: the poller would say so without end
+            close(kPeerClosed);
     }
     pump();
 }
@@ -227,23 +215,17 @@ void AsyncSocket::handleReady(std::uint32_t events)
 void AsyncSocket::readKernel()
 {
     m_in.remove(0, std::exchange(m_inPos, 0)); // moves where the bytes start, not the bytes
-    for (int i = 0; i < kReadsPerWakeup && !m_eof; ++i) {
+    for (int i = 0; i < kReadsPerWakeup && !m_eof && m_in.size() < m_maxBuffered; ++i) {
         const qsizetype want = std::min<qsizetype>(m_maxBuffered - m_in.size(), kReadChunk);
-        if (want <= 0)
-            return;
         const qsizetype held = m_in.size();
         m_in.resize(held + want); // read straight into the buffer's free end
         const ssize_t n = ::read(m_fd, m_in.data() + held, static_cast<size_t>(want));
         m_in.resize(held + std::max<qsizetype>(n, 0));
-        if (n == 0) {
-            m_eof = true;
-        } else if (n < 0 && errno != EINTR) {
-            if (errno != EAGAIN)
-                close(osError(errno));
-            return;
-        } else if (n > 0 && n < want) {
+        if (n < 0 && errno != EINTR && errno != EAGAIN)
+            return close(osError(errno));
+        m_eof = n == 0;
+        if ((n > 0 && n < want) || (n < 0 && errno == EAGAIN))
             return; // drained
-        }
     }
 }
 
@@ -252,11 +234,10 @@ void AsyncSocket::writeKernel()
     while (!m_writes.empty()) {
         const QByteArray &data = m_writes.front().first;
         const ssize_t n = ::send(m_fd, data.constData() + m_written, size_t(data.size() - m_written), MSG_NOSIGNAL);
-        if (n < 0 && errno != EINTR) {
-            if (errno != EAGAIN)
-                close(osError(errno));
+        if (n < 0 && errno != EINTR && errno != EAGAIN)
+            return close(osError(errno));
+        if (n < 0 && errno == EAGAIN)
             return;
-        }
         if ((m_written += std::max<ssize_t>(n, 0)) < data.size())
             continue;
         m_wroteTags.push_back(m_writes.front().second);
@@ -311,14 +292,9 @@ bool AsyncSocket::deliverOne(AsyncSocketDelegate &delegate, const AsyncSocketPtr
         return false;
     }
     const qsizetype n = wanted < 0 ? held : qsizetype(wanted);
-    QByteArray data;
-    if (m_inPos == 0 && n == m_in.size()) {
-        data = std::exchange(m_in, {}); // the whole buffer: handed over, not copied
-    } else {
-        data = QByteArray(m_in.constData() + m_inPos, n);
-        m_inPos += n;
-    }
-    if (m_inPos == m_in.size()) {
+    // The whole buffer is handed over, not copied.
+    QByteArray data = n == m_in.size() ? std::exchange(m_in, {}) : QByteArray(m_in.constData() + m_inPos, n);
+    if ((m_inPos += n) >= m_in.size()) {
         m_inPos = 0;
         m_in.capacity() > kKeptBufferBytes ? m_in.clear() : m_in.resize(0);
     }

@@ -1,27 +1,40 @@
 #pragma once
 
-#include "extension/AsyncSocketDelegate.h"
+#include "foundation/NQError.h"
 
 #include <QString>
 
 #include <deque>
+#include <memory>
 #include <vector>
 
+class AsyncSocket;
 class SocketLoop;
+using AsyncSocketPtr = std::shared_ptr<AsyncSocket>;
 
-// Asynchronous TCP socket, used as a server: a listener that accepts any number of clients,
-// and per connection tagged reads and writes completing by callback. The socket loop's thread
-// owns every socket and runs every callback; a call from another thread is queued there behind
-// the calls made before it. Reads complete in the order queued, bytes past the current request
-// wait for the next one; writes go out and complete in order. Time-outs are taken for the
-// call's shape only: none (negative) is all this product passes.
+// Callbacks of AsyncSocket, all run on the socket loop's thread, one at a time.
+class AsyncSocketDelegate {
+public:
+    virtual ~AsyncSocketDelegate() = default;
+    // A client connected to the listener `sock`; keep `newSocket` or it closes.
+    virtual void socketDidAcceptNewSocket(const AsyncSocketPtr &sock, const AsyncSocketPtr &newSocket) {}
+    virtual void socketDidReadData(const AsyncSocketPtr &sock, QByteArray data, long tag) {}
+    virtual void socketDidWriteDataWithTag(const AsyncSocketPtr &sock, long tag) {} // all bytes handed to the kernel
+    // Once per socket. `error` says why: empty after disconnect(), else PeerClosedError,
+    // ReadLimitError or an operating-system error.
+    virtual void socketDidDisconnect(const AsyncSocketPtr &sock, const NQErrorOpt &error) {}
+};
+
+// Asynchronous TCP socket, used as a server: a listener, and per accepted connection tagged
+// reads and writes completing in order by callback. The socket loop's thread owns every socket
+// and runs every callback; a call from another thread is queued there behind earlier calls.
+// Time-outs are for the call's shape only: none (negative) is all this product passes.
 class AsyncSocket : public std::enable_shared_from_this<AsyncSocket> {
 public:
     static constexpr auto kErrorDomain = "AsyncSocketErrorDomain";
     enum ErrorCode { BadConfigError = 1, ReadLimitError = 2, PeerClosedError = 3 };
-    // Unread bytes held per connection by default; see setMaxBufferedBytes().
-    static constexpr std::int64_t kDefaultMaxBufferedBytes = 16 * 1024 * 1024;
-    static constexpr int kListenBacklog = 1024; // pending connections the kernel keeps
+    static constexpr std::int64_t kDefaultMaxBufferedBytes = 16 * 1024 * 1024; // unread, per connection
+    static constexpr int kListenBacklog = 1024;                                // pending connections the kernel keeps
 
     // An idle socket reporting to `delegate` (held weakly) on `delegateQueue`.
     AsyncSocket(std::weak_ptr<AsyncSocketDelegate> delegate, SocketLoop *delegateQueue);
@@ -29,21 +42,20 @@ public:
     AsyncSocket(const AsyncSocket &) = delete;
     AsyncSocket &operator=(const AsyncSocket &) = delete;
 
-    // Settings, before acceptOnPort; accepted sockets inherit the limit.
+    // Settings, before acceptOnPort. Reading pauses at the buffer limit (inherited by accepted
+    // sockets); a read that needs more fails with ReadLimitError, so declared lengths cost nothing.
     void setIPv4Enabled(bool enabled) { m_ipv4 = enabled; }
     void setIPv6Enabled(bool enabled) { m_ipv6 = enabled; }
-    // Reading pauses at the limit; a read request that needs more fails the connection with
-    // ReadLimitError. What a peer merely announces costs nothing.
     void setMaxBufferedBytes(std::int64_t limit) { m_maxBuffered = std::max<std::int64_t>(1, limit); }
 
-    // Listens on the wildcard address of IPv4, then IPv6 on the same port. False with `error`
-    // set on failure, nothing left open.
+    // The wildcard address of IPv4, then of IPv6 on the same port. False with `error` set on
+    // failure, nothing left open.
     bool acceptOnPort(std::uint16_t port, NQErrorOpt *error);
     std::uint16_t localPort() const { return m_port; } // 0 when not listening
 
     // Completes with everything available (at least one byte).
     void readDataWithTimeout(double, long tag) { queueRead(-1, tag); }
-    // Completes with exactly `length` bytes; one past what a signed count holds never does.
+    // Completes with exactly `length` bytes; past what a signed count holds, never.
     void readDataToLength(std::uint64_t length, double, long tag)
     {
         queueRead(static_cast<std::int64_t>(std::min<std::uint64_t>(length, INT64_MAX)), tag);
@@ -52,9 +64,8 @@ public:
     // Closes at once, dropping queued reads and writes; the disconnection is still reported.
     void disconnect();
 
-    // Unique in the process and fixed: how other threads name a connection.
-    std::uint64_t connectionId() const { return m_id; }
-    QString description() const { return m_peer; } // "<peer address>:<port>", for logs
+    std::uint64_t connectionId() const { return m_id; } // how other threads name a connection
+    QString description() const { return m_peer; }      // "<peer address>:<port>", for logs
 
 private:
     friend class SocketLoop;

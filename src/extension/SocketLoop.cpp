@@ -21,7 +21,7 @@ SocketLoop::SocketLoop()
                        .arg(QString::fromLocal8Bit(std::strerror(errno))));
         return; // no thread: tasks run where they are posted, and nothing can be watched
     }
-    std::lock_guard lock(m_mutex); // run() starts by taking it, so it sees m_threadId
+    std::lock_guard lock(m_mutex); // run() waits for it, so it sees m_threadId
     std::thread thread([this] { run(); });
     m_threadId = thread.get_id();
     thread.detach();
@@ -55,7 +55,7 @@ void SocketLoop::call(const Task &task)
 
 int SocketLoop::watch(int fd, AsyncSocket *socket, std::uint32_t interest)
 {
-    const int error = m_poller.valid() ? m_poller.watch(fd, socket->connectionId(), interest) : ENOSYS;
+    const int error = m_poller.watch(fd, socket->connectionId(), interest);
     if (!error)
         m_sockets[socket->connectionId()] = socket;
     return error;
@@ -71,20 +71,17 @@ void SocketLoop::run()
 {
     std::vector<EventPoller::Ready> ready;
     std::vector<Task> tasks;
-    {
-        std::lock_guard lock(m_mutex);
-    }
+    m_mutex.lock(); // the constructor has set m_threadId
+    m_mutex.unlock();
     for (;;) {
         if (const int n = m_poller.wait(ready); n < 0) {
             OsLog("AsyncSocket")
                 .fault(QStringLiteral("Socket event poller failed: %1").arg(QString::fromLocal8Bit(std::strerror(-n))));
             return;
         }
-        for (const auto &r : ready) {
-            // A socket closed by an earlier entry of this round is no longer found.
-            if (const auto it = m_sockets.find(r.first); it != m_sockets.end())
-                it->second->handleReady(r.second);
-        }
+        for (const auto &[token, events] : ready) // a socket closed earlier in the round is not found
+            if (const auto it = m_sockets.find(token); it != m_sockets.end())
+                it->second->handleReady(events);
         {
             std::lock_guard lock(m_mutex);
             tasks.swap(m_posted);

@@ -18,8 +18,8 @@ public:
     static SocketLoop &shared(); // started on first use, never stopped
 
     bool isLoopThread() const { return std::this_thread::get_id() == m_threadId; }
-    // Runs `task` on the loop thread after everything posted before it; posted from the loop
-    // thread itself, once this round's socket events are handled.
+    // Runs `task` on the loop thread after everything posted before it (from the loop thread
+    // itself: once this round's socket events are handled).
     void post(Task task);
     // Runs `task` on the loop thread and waits for it (at once when already there).
     void call(const Task &task);

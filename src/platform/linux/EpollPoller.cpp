@@ -28,9 +28,9 @@ int EventPoller::watch(int fd, std::uint64_t token, std::uint32_t interest)
     // Half-close matters only while reading; hang-up and errors are always reported.
     ev.events = ((interest & Readable) ? EPOLLIN | EPOLLRDHUP : 0u) | ((interest & Writable) ? EPOLLOUT : 0u);
     ev.data.u64 = token;
-    if (epoll_ctl(m_fd, EPOLL_CTL_MOD, fd, &ev) == 0)
-        return 0;
-    return errno == ENOENT && epoll_ctl(m_fd, EPOLL_CTL_ADD, fd, &ev) == 0 ? 0 : errno;
+    const bool ok = epoll_ctl(m_fd, EPOLL_CTL_MOD, fd, &ev) == 0 ||
+                    (errno == ENOENT && epoll_ctl(m_fd, EPOLL_CTL_ADD, fd, &ev) == 0);
+    return ok ? 0 : errno;
 }
 
 void EventPoller::remove(int fd)
