@@ -150,7 +150,7 @@ void AsyncSocket::acceptPending(int listenFd)
             return; // else EAGAIN: the backlog is empty
         }
         const auto client = std::make_shared<AsyncSocket>(m_delegate, m_loop);
-        client->m_maxBuffered = m_maxBuffered;
+        client->m_maxBuffered = m_maxBuffered.load();
         client->m_peer = peerText(addr, len);
         if (m_loop->watch(fd, client.get(), client->m_interest = EventPoller::Readable)) {
             ::close(fd);
@@ -286,9 +286,10 @@ bool AsyncSocket::deliverOne(AsyncSocketDelegate &delegate, const AsyncSocketPtr
         if (m_eof) // nothing more will come to meet it
             close(kPeerClosed);
         else if (wanted > m_maxBuffered && held >= m_maxBuffered)
-            close(makeError(
-                kErrorDomain, ReadLimitError,
-                QStringLiteral("Read of %1 bytes exceeds the %2-byte buffer limit").arg(wanted).arg(m_maxBuffered)));
+            close(makeError(kErrorDomain, ReadLimitError,
+                            QStringLiteral("Read of %1 bytes exceeds the %2-byte buffer limit")
+                                .arg(wanted)
+                                .arg(m_maxBuffered.load())));
         return false;
     }
     const qsizetype n = wanted < 0 ? held : qsizetype(wanted);

@@ -4,6 +4,7 @@
 
 #include <QString>
 
+#include <atomic>
 #include <deque>
 #include <memory>
 #include <vector>
@@ -38,12 +39,10 @@ public:
 
     // An idle socket reporting to `delegate` (held weakly) on `delegateQueue`.
     AsyncSocket(std::weak_ptr<AsyncSocketDelegate> delegate, SocketLoop *delegateQueue);
-    ~AsyncSocket();
-    AsyncSocket(const AsyncSocket &) = delete;
-    AsyncSocket &operator=(const AsyncSocket &) = delete;
+    ~AsyncSocket(); // not copyable: the atomic member sees to that
 
-    // Settings, before acceptOnPort. Reading pauses at the buffer limit (inherited by accepted
-    // sockets); a read that needs more fails with ReadLimitError, so declared lengths cost nothing.
+    // Settings, before acceptOnPort (the limit, any time). Reading pauses at the limit, which new
+    // connections inherit; a read that needs more fails with ReadLimitError.
     void setIPv4Enabled(bool enabled) { m_ipv4 = enabled; }
     void setIPv6Enabled(bool enabled) { m_ipv6 = enabled; }
     void setMaxBufferedBytes(std::int64_t limit) { m_maxBuffered = std::max<std::int64_t>(1, limit); }
@@ -89,7 +88,7 @@ private:
     const std::weak_ptr<AsyncSocketDelegate> m_delegate;
     SocketLoop *const m_loop;
     bool m_ipv4 = true, m_ipv6 = true;
-    std::int64_t m_maxBuffered = kDefaultMaxBufferedBytes;
+    std::atomic<std::int64_t> m_maxBuffered = kDefaultMaxBufferedBytes;
     std::uint16_t m_port = 0;
     QString m_peer;
 

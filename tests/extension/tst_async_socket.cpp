@@ -103,7 +103,9 @@ private slots:
         s->disconnect();
     }
 
-    void readAvailableReturnsWhatArrivedSoFar()
+    // Reads complete in order, an exact read only once all its bytes are there, and bytes
+    // past a request (or before any) wait for the next one.
+    void readsWaitForTheirBytesAndKeepTheSurplus()
     {
         QTcpSocket client;
         auto sock = connectClient(client);
@@ -114,33 +116,22 @@ private slots:
         QTRY_COMPARE(recorder->reads().size(), size_t(1));
         QCOMPARE(recorder->reads()[0].data, QByteArray("first"));
         QCOMPARE(recorder->reads()[0].tag, 7L);
-        client.write("second");
-        client.flush();
-        QTest::qWait(50); // bytes arrive before the next request: they must be kept
-        sock->readDataWithTimeout(-1, 8);
-        QTRY_COMPARE(recorder->reads().size(), size_t(2));
-        QCOMPARE(recorder->reads()[1].data, QByteArray("second"));
-    }
-
-    void readToLengthWaitsForAllBytesAndKeepsSurplus()
-    {
-        QTcpSocket client;
-        auto sock = connectClient(client);
-        sock->readDataToLength(6, -1, 1);
-        sock->readDataToLength(3, -1, 2);
         client.write("abc");
         client.flush();
-        QTest::qWait(100);
-        QCOMPARE(recorder->reads().size(), size_t(0));
+        QTest::qWait(50); // bytes arrive before the next request: they must be kept
+        sock->readDataToLength(6, -1, 1);
+        sock->readDataToLength(3, -1, 2);
+        QTest::qWait(50);
+        QCOMPARE(recorder->reads().size(), size_t(1));
         client.write("defghijk");
         client.flush();
-        QTRY_COMPARE(recorder->reads().size(), size_t(2));
-        QCOMPARE(recorder->reads()[0].data, QByteArray("abcdef"));
-        QCOMPARE(recorder->reads()[1].data, QByteArray("ghi"));
-        QCOMPARE(recorder->reads()[1].tag, 2L);
-        sock->readDataWithTimeout(-1, 3);
         QTRY_COMPARE(recorder->reads().size(), size_t(3));
-        QCOMPARE(recorder->reads()[2].data, QByteArray("jk"));
+        QCOMPARE(recorder->reads()[1].data, QByteArray("abcdef"));
+        QCOMPARE(recorder->reads()[2].data, QByteArray("ghi"));
+        QCOMPARE(recorder->reads()[2].tag, 2L);
+        sock->readDataWithTimeout(-1, 3);
+        QTRY_COMPARE(recorder->reads().size(), size_t(4));
+        QCOMPARE(recorder->reads()[3].data, QByteArray("jk"));
     }
 
     void exactReadsReassembleAStreamCutAnywhere()
@@ -266,16 +257,7 @@ private slots:
         QCOMPARE(error->domain(), QStringLiteral("AsyncSocketErrorDomain"));
         QCOMPARE(error->code(), int(AsyncSocket::ReadLimitError));
 
-        // An enormous declared length costs nothing while the bytes do not come.
-        QTcpSocket c;
-        auto huge = connectClient(c);
-        huge->readDataToLength(std::uint64_t(1) << 62, -1, 9);
-        c.write("xyz");
-        c.flush();
-        QTest::qWait(100);
-        QCOMPARE(recorder->disconnects().size(), size_t(1));
-        QCOMPARE(recorder->reads().size(), size_t(1));
-        c.disconnectFromHost();
+        a.disconnectFromHost();
         QTRY_COMPARE(recorder->disconnects().size(), size_t(2));
         QCOMPARE(recorder->disconnects()[1].second->code(), int(AsyncSocket::PeerClosedError));
     }
