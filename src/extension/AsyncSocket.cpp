@@ -13,9 +13,8 @@
 #include <unistd.h>
 
 namespace {
-// Per read() call, and calls per readiness report: one busy client cannot hold the thread.
-constexpr qsizetype kReadChunk = 64 * 1024;
-constexpr int kReadsPerWakeup = 4;
+constexpr qsizetype kReadChunk = 64 * 1024; // per read() call
+constexpr int kReadsPerWakeup = 4;          // per readiness report: one busy client cannot hold the thread
 // An emptied input buffer bigger than this is given back rather than kept for the next bytes.
 constexpr qsizetype kKeptBufferBytes = 2 * kReadsPerWakeup * kReadChunk;
 
@@ -56,7 +55,6 @@ AsyncSocket::~AsyncSocket()
         m_loop->call([this] { close({}); });
 }
 
-// Runs `task` now on the loop thread, else queues it there behind earlier calls.
 template <typename Task> void AsyncSocket::onLoop(Task task)
 {
     if (!m_loop || m_loop->isLoopThread())
@@ -246,8 +244,7 @@ void AsyncSocket::writeKernel()
     }
 }
 
-// Runs every callback that is due, one at a time. A call made from inside a callback only
-// queues its work and the running pump picks it up, so callbacks never nest.
+// Runs the callbacks due, one at a time; a call from inside one only queues, so none nest.
 void AsyncSocket::pump()
 {
     if (m_pumping)

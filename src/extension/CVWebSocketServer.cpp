@@ -63,11 +63,13 @@ public:
     {
         if (batch.empty())
             return;
+        const bool full = batch.size() == kEventsPerBatch;
         MainQueue::async([weak = weak_from_this(), events = std::exchange(batch, {})] {
             if (const auto core = weak.lock())
                 core->deliver(events);
         });
-        batch.reserve(kEventsPerBatch);
+        if (full) // more of the flood is on its way
+            batch.reserve(kEventsPerBatch);
     }
 
     void deliver(const std::vector<Event> &events)

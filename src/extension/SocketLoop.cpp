@@ -37,7 +37,7 @@ void SocketLoop::post(Task task)
         first = m_posted.empty();
         m_posted.push_back(std::move(task));
     }
-    if (first) // else a wake-up is already on its way
+    if (first && !isLoopThread()) // else a wake-up is on its way, or the loop is awake
         m_poller.wake();
 }
 
@@ -82,12 +82,16 @@ void SocketLoop::run()
         for (const auto &[token, events] : ready) // a socket closed earlier in the round is not found
             if (const auto it = m_sockets.find(token); it != m_sockets.end())
                 it->second->handleReady(events);
-        {
-            std::lock_guard lock(m_mutex);
-            tasks.swap(m_posted);
+        for (;;) { // tasks that tasks post run in the same round
+            {
+                std::lock_guard lock(m_mutex);
+                tasks.swap(m_posted);
+            }
+            if (tasks.empty())
+                break;
+            for (Task &task : tasks)
+                task();
+            tasks.clear();
         }
-        for (Task &task : tasks)
-            task();
-        tasks.clear();
     }
 }

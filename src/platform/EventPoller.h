@@ -4,9 +4,8 @@
 #include <utility>
 #include <vector>
 
-// Readiness of non-blocking descriptors for the socket layer's I/O thread, level-triggered;
-// each platform's file implements it (epoll on Linux, kqueue on macOS). wake() may be called
-// from any thread, the rest only from the thread that waits.
+// Level-triggered readiness of descriptors for the socket I/O thread; one file per platform
+// (epoll, kqueue). wake() may be called from any thread, the rest only from the waiting one.
 class EventPoller {
 public:
     enum Interest : std::uint32_t { Readable = 1, Writable = 2, HangUp = 4 /* reported only */ };
