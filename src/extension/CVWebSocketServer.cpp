@@ -192,11 +192,12 @@ CVWebSocketServer::~CVWebSocketServer()
         return;
     m_core->server = nullptr;
     m_core->delegate = nullptr;
-    SocketLoop::shared().call([core = m_core] {
+    // The listener goes with the core, on this thread, which made it.
+    SocketLoop::shared().call([core = m_core.get()] {
         const auto clients = std::exchange(core->clients, {});
         for (const auto &[id, client] : clients)
             client.socket->disconnect();
-        std::exchange(core->listener, {})->disconnect();
+        core->listener->disconnect();
     });
 }
 

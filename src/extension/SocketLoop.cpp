@@ -45,12 +45,9 @@ void SocketLoop::call(const Task &task)
 {
     if (!m_poller.valid() || isLoopThread())
         return task();
-    std::promise<void> done;
-    post([&] {
-        task();
-        done.set_value();
-    });
-    done.get_future().wait();
+    auto done = std::make_shared<std::promise<void>>(); // nothing the loop touches is on this stack
+    post([task, done] { task(), done->set_value(); });
+    done->get_future().wait();
 }
 
 int SocketLoop::watch(int fd, AsyncSocket *socket, std::uint32_t interest)
