@@ -28,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     static QCoreApplication app(argc, argv);
     static World *world = new World;
     const QByteArray bytes(reinterpret_cast<const char *>(data), static_cast<qsizetype>(size));
-    world->api.webSocketServerDidReceiveData(nullptr, bytes, nullptr);
+    world->api.webSocketServerDidReceiveData(nullptr, bytes, {});
     QCoreApplication::processEvents(); // runs due repeats of the announcement
     // Keep the stored lists from growing without end across runs.
     if (world->api.storage().blockerWhitelist().value_or(QList<WhitelistDomain>()).size() > 200)

@@ -28,7 +28,7 @@ const QString kDir = QStringLiteral(PELORIN_BENCH_DIR);
 struct Counter : CVWebSocketServerDelegate {
     CVWebSocketServer *server = nullptr;
     qint64 expected = 0, count = 0;
-    void webSocketServerDidReceiveData(CVWebSocketServer *, const QByteArray &, const AsyncSocketPtr &) override
+    void webSocketServerDidReceiveData(CVWebSocketServer *, const QByteArray &, const WebSocketConnection &) override
     {
         if (++count == expected)
             server->send(QStringLiteral("done"));

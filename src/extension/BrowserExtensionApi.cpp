@@ -202,20 +202,20 @@ qint64 BrowserExtensionApi::countBlockedDomainsToday() const
     return statisticsCount("this_day");
 }
 
-void BrowserExtensionApi::webSocketServerDidAcceptConnection(CVWebSocketServer *, const AsyncSocketPtr &)
+void BrowserExtensionApi::webSocketServerDidAcceptConnection(CVWebSocketServer *, const WebSocketConnection &)
 {
     NQLog::line(QStringLiteral("|BrowserExtension| webSocketServer:didAcceptConnection: Connected to a client, we "
                                "accept multiple connections"));
 }
 
-void BrowserExtensionApi::webSocketServerClientDisconnected(CVWebSocketServer *, const AsyncSocketPtr &connection)
+void BrowserExtensionApi::webSocketServerClientDisconnected(CVWebSocketServer *, const WebSocketConnection &connection)
 {
     NQLog::line(QStringLiteral("|BrowserExtension| webSocketServer:clientDisconnected: Disconnected from client: %1")
-                    .arg(connection->description()));
+                    .arg(connection.description()));
 }
 
 void BrowserExtensionApi::webSocketServerCouldNotParseRawData(CVWebSocketServer *, const QByteArray &,
-                                                              const AsyncSocketPtr &, const NQError &error)
+                                                              const WebSocketConnection &, const NQError &error)
 {
     NQLog::line(QStringLiteral("|BrowserExtension| webSocketServer:couldNotParseRawData: CVWebSocketServer error: %1")
                     .arg(error.debugDescription()));

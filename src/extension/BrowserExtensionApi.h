@@ -81,10 +81,13 @@ public:
     // Handles one message as if an extension had sent it (the server's path in).
     void dispatchMessage(const QString &text);
 
-    void webSocketServerDidAcceptConnection(CVWebSocketServer *, const AsyncSocketPtr &) override;
-    void webSocketServerDidReceiveData(CVWebSocketServer *, const QByteArray &data, const AsyncSocketPtr &) override;
-    void webSocketServerClientDisconnected(CVWebSocketServer *, const AsyncSocketPtr &connection) override;
-    void webSocketServerCouldNotParseRawData(CVWebSocketServer *, const QByteArray &, const AsyncSocketPtr &,
+    // The server names a connection by id, not by socket; the old name stays for the handlers.
+    using AsyncSocketPtr = WebSocketConnection;
+    void webSocketServerDidAcceptConnection(CVWebSocketServer *, const WebSocketConnection &) override;
+    void webSocketServerDidReceiveData(CVWebSocketServer *, const QByteArray &data,
+                                       const WebSocketConnection &) override;
+    void webSocketServerClientDisconnected(CVWebSocketServer *, const WebSocketConnection &connection) override;
+    void webSocketServerCouldNotParseRawData(CVWebSocketServer *, const QByteArray &, const WebSocketConnection &,
                                              const NQError &error) override;
 
 private:

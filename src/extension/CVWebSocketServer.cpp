@@ -1,163 +1,110 @@
 #include "extension/CVWebSocketServer.h"
 
+#include "extension/AsyncSocket.h"
+#include "extension/SocketLoop.h"
 #include "extension/WebSocketFrame.h"
 #include "extension/WebSocketFrameDecoder.h"
 #include "extension/WebSocketHandshake.h"
 #include "foundation/Log.h"
 #include "foundation/MainQueue.h"
 
-#include <algorithm>
-#include <future>
-#include <mutex>
-#include <span>
+#include <atomic>
+#include <map>
 #include <utility>
 #include <vector>
 
 using namespace WebSocketFrameDecoder;
 
-// The socket delegate. It lives behind a shared pointer so callbacks already queued on the
-// worker pool or the main queue find it gone, not dangling, once the server is destroyed.
+// The sockets' delegate, living on the socket loop's thread. It sits behind a shared pointer
+// so a batch already queued on the main thread finds it gone, not dangling.
 class CVWebSocketServer::Core : public AsyncSocketDelegate, public std::enable_shared_from_this<Core> {
 public:
     // Main thread only.
     CVWebSocketServer *server = nullptr;
     CVWebSocketServerDelegate *delegate = nullptr;
 
+    std::atomic<int> count{0}; // written on the loop thread, read by clientCount()
+
+    // Loop thread only.
+    struct Client {
+        AsyncSocketPtr socket;
+        bool open = false; // its handshake response has gone out
+        QString failure;   // why the server let it go
+    };
     AsyncSocketPtr listener;
-    std::mutex mutex; // guards connections: changed on socket threads, read by send()
-    std::vector<AsyncSocketPtr> connections;
-
-    // What the delegate hears, in the order the sockets said it. Deliveries wait in one list
-    // that a single main-queue task takes whole, so a busy connection costs the main thread
-    // one wake-up and one lock per batch rather than per message; the two lists trade places
-    // and keep their room, so queueing allocates nothing once warm.
-    // Releases a worker waiting on a parse failure once its delivery is gone: delivered,
-    // or dropped with the queue.
-    struct Handled {
-        std::promise<void> promise;
-        ~Handled() { promise.set_value(); }
-    };
-    struct Delivery {
-        enum Kind { Text, Accepted, Disconnected, ParseFailure } kind;
-        AsyncSocketPtr sock;
+    std::map<std::uint64_t, Client> clients; // by id, which is accept order
+    // What the main thread hears. A text names its connection by id alone, so no string is
+    // shared between the threads per message; the other kinds carry the peer.
+    struct Event {
+        enum Kind { Accepted, Text, Disconnected, ParseFailure } kind;
+        std::uint64_t id;
         QByteArray data; // the text, or the raw bytes that failed
-        std::optional<NQError> error;
-        std::shared_ptr<Handled> handled;
+        QString text;    // the failure, or why the connection ended
+        QString peer;
     };
-    static constexpr int kDeliveriesPerTurn = 256; // then other main-thread work gets a turn
-    std::mutex deliveryMutex;
-    std::vector<Delivery> incoming; // filled on socket threads
-    bool drainScheduled = false;
-    std::vector<Delivery> taken; // main thread: the batch being delivered
-    std::size_t takenAt = 0;
+    // Events handed over at the end of a wake-up, or sooner past this many, so a flood from
+    // many clients makes several modest batches rather than one huge one.
+    static constexpr std::size_t kEventsPerBatch = 1024;
+    std::vector<Event> batch;
 
-    // On a pool thread, what one socket callback burst produces is gathered and queued once
-    // at the end of its task, so the threads parsing different connections do not meet on
-    // the queue's lock for every message.
-    struct Gathered {
-        std::shared_ptr<Core> core;
-        std::vector<Delivery> deliveries;
-    };
-    static inline thread_local Gathered t_gathered;
+    // Main thread only: the connections the delegate has been told of.
+    std::map<std::uint64_t, WebSocketConnection> known;
 
-    void toMain(Delivery delivery)
+    void toMain(Event event)
     {
-        Gathered &gathered = t_gathered;
-        if (gathered.core.get() != this) {
-            flushGathered();
-            if (!WorkerPool::atEndOfTask(&Core::flushGathered))
-                return enqueue({&delivery, 1});
-            gathered.core = shared_from_this();
-        }
-        gathered.deliveries.push_back(std::move(delivery));
+        if (batch.empty())
+            SocketLoop::shared().post([self = shared_from_this()] { self->flush(); });
+        batch.push_back(std::move(event));
+        if (batch.size() == kEventsPerBatch)
+            flush();
     }
 
-    static void flushGathered()
+    void flush()
     {
-        Gathered &gathered = t_gathered;
-        if (!gathered.core)
+        if (batch.empty())
             return;
-        const std::shared_ptr<Core> core = std::move(gathered.core);
-        core->enqueue(gathered.deliveries);
-        gathered.deliveries.clear();
-    }
-
-    // Hands deliveries to the main thread under one lock.
-    void enqueue(std::span<Delivery> batch)
-    {
-        {
-            std::lock_guard lock(deliveryMutex);
-            for (Delivery &d : batch)
-                incoming.push_back(std::move(d));
-            if (std::exchange(drainScheduled, true))
-                return;
-        }
-        scheduleDrain();
-    }
-
-    void scheduleDrain()
-    {
-        MainQueue::async([weak = weak_from_this()] {
-            if (auto core = weak.lock())
-                core->drain();
+        const bool full = batch.size() == kEventsPerBatch;
+        MainQueue::async([weak = weak_from_this(), events = std::exchange(batch, {})] {
+            if (const auto core = weak.lock())
+                core->deliver(events);
         });
+        if (full) // more of the flood is on its way
+            batch.reserve(kEventsPerBatch);
     }
 
-    void drain()
+    void deliver(const std::vector<Event> &events)
     {
-        for (int i = 0; i < kDeliveriesPerTurn; ++i) {
-            if (takenAt == taken.size()) {
-                taken.clear();
-                takenAt = 0;
-                std::lock_guard lock(deliveryMutex);
-                if (incoming.empty()) {
-                    drainScheduled = false;
-                    return;
-                }
-                taken.swap(incoming);
+        for (const Event &e : events) {
+            if (!server || !delegate) // gone, or going, meanwhile
+                return;
+            if (e.kind == Event::Text) {
+                delegate->webSocketServerDidReceiveData(server, e.data, known[e.id]);
+                continue;
             }
-            Delivery &next = taken[takenAt++];
-            deliver(next);
-            next.handled.reset();
+            const WebSocketConnection connection{e.id, e.peer};
+            switch (e.kind) {
+            case Event::Accepted:
+                known.emplace(e.id, connection);
+                delegate->webSocketServerDidAcceptConnection(server, connection);
+                break;
+            case Event::Disconnected:
+                known.erase(e.id);
+                OsLog("CVWebSocketServer").info(QStringLiteral("Connection %1 closed: %2").arg(e.peer, e.text));
+                delegate->webSocketServerClientDisconnected(server, connection);
+                break;
+            default:
+                delegate->webSocketServerCouldNotParseRawData(
+                    server, e.data, connection,
+                    NQError(kErrorDomain, 1, {{NQError::kLocalizedDescriptionKey, e.text}}));
+                break;
+            }
         }
-        scheduleDrain();
-    }
-
-    void deliver(const Delivery &d)
-    {
-        if (!server || !delegate)
-            return;
-        switch (d.kind) {
-        case Delivery::Text:
-            delegate->webSocketServerDidReceiveData(server, d.data, d.sock);
-            break;
-        case Delivery::Accepted:
-            delegate->webSocketServerDidAcceptConnection(server, d.sock);
-            break;
-        case Delivery::Disconnected:
-            delegate->webSocketServerClientDisconnected(server, d.sock);
-            break;
-        case Delivery::ParseFailure:
-            delegate->webSocketServerCouldNotParseRawData(server, d.data, d.sock, *d.error);
-            break;
-        }
-    }
-
-    // Deliveries never run once the server is gone; destroyed outside the lock, they release
-    // any worker waiting on one.
-    void dropDeliveries()
-    {
-        std::vector<Delivery> dropped;
-        std::lock_guard lock(deliveryMutex);
-        dropped.swap(incoming);
     }
 
     void socketDidAcceptNewSocket(const AsyncSocketPtr &, const AsyncSocketPtr &newSocket) override
     {
-        {
-            std::lock_guard lock(mutex);
-            connections.push_back(newSocket);
-        }
+        clients.emplace(newSocket->connectionId(), Client{newSocket, false, {}});
+        ++count;
         newSocket->readDataWithTimeout(-1.0, HandshakeRead);
     }
 
@@ -174,7 +121,7 @@ public:
         if (!step.failure.isEmpty())
             return fail(sock, step.rejected, step.failure);
         if (step.text)
-            toMain({Delivery::Text, sock, std::move(*step.text), {}, {}});
+            toMain({Event::Text, sock->connectionId(), std::move(*step.text), {}, {}});
         if (!step.reply.isEmpty())
             sock->writeData(step.reply, -1.0, ReplyWrite);
         sock->readDataToLength(step.nextLength, -1.0, step.nextTag);
@@ -184,40 +131,37 @@ public:
     {
         if (tag != HandshakeWrite)
             return;
-        toMain({Delivery::Accepted, sock, {}, {}, {}});
+        clients[sock->connectionId()].open = true;
+        toMain({Event::Accepted, sock->connectionId(), {}, {}, sock->description()});
         sock->readDataToLength(2, -1.0, HeaderRead);
     }
 
-    void socketDidDisconnect(const AsyncSocketPtr &sock, const NQErrorOpt &) override
+    void socketDidDisconnect(const AsyncSocketPtr &sock, const NQErrorOpt &error) override
     {
-        if (sock == listener)
-            return;
-        {
-            std::lock_guard lock(mutex);
-            connections.erase(std::remove(connections.begin(), connections.end(), sock), connections.end());
-        }
-        toMain({Delivery::Disconnected, sock, {}, {}, {}});
+        const auto it = clients.find(sock->connectionId());
+        if (it == clients.end())
+            return; // the listener, or the server is closing
+        const QString reason = !it->second.failure.isEmpty() ? QStringLiteral("protocol error: ") + it->second.failure
+                               : error                       ? error->localizedDescription()
+                                                             : QStringLiteral("closed by the server");
+        clients.erase(it);
+        --count;
+        toMain({Event::Disconnected, sock->connectionId(), {}, reason, sock->description()});
     }
 
-    // Hands the failure to the delegate and waits for it, then closes the connection.
+    // The delegate hears of the failure after every message the connection sent before it;
+    // then the connection closes.
     void fail(const AsyncSocketPtr &sock, const QByteArray &raw, const QString &text)
     {
-        Delivery failure{Delivery::ParseFailure,
-                         sock,
-                         raw,
-                         NQError(kErrorDomain, 1, {{NQError::kLocalizedDescriptionKey, text}}),
-                         {}};
-        if (MainQueue::isMainThread()) {
-            deliver(failure);
-        } else {
-            // Released when the delegate has had it, or when it is dropped at shutdown.
-            failure.handled = std::make_shared<Handled>();
-            std::future<void> finished = failure.handled->promise.get_future();
-            toMain(std::move(failure));
-            flushGathered(); // with what came before it, and now: this thread waits on it
-            finished.wait();
-        }
+        clients[sock->connectionId()].failure = text;
+        toMain({Event::ParseFailure, sock->connectionId(), raw, text, sock->description()});
         sock->disconnect();
+    }
+
+    void write(Client &client, const QByteArray &frame)
+    {
+        if (client.open)
+            client.socket->writeData(frame, -1.0, FrameWrite);
     }
 };
 
@@ -228,7 +172,7 @@ CVWebSocketServer::initWithPort(std::uint16_t port, CVWebSocketServerDelegate *d
     auto core = std::make_shared<Core>();
     core->server = server.get();
     core->delegate = delegate;
-    core->listener = AsyncSocket::create(core, WorkerPool::globalDefault());
+    core->listener = std::make_shared<AsyncSocket>(core, &SocketLoop::shared());
     core->listener->setMaxBufferedBytes(kMaxBufferedBytesPerConnection);
     NQErrorOpt failure;
     if (!core->listener->acceptOnPort(port, &failure)) {
@@ -248,38 +192,34 @@ CVWebSocketServer::~CVWebSocketServer()
         return;
     m_core->server = nullptr;
     m_core->delegate = nullptr;
-    m_core->dropDeliveries();
-    m_core->listener->disconnect();
-    std::vector<AsyncSocketPtr> connections;
-    {
-        std::lock_guard lock(m_core->mutex);
-        connections.swap(m_core->connections);
-    }
-    for (const auto &connection : connections)
-        connection->disconnect();
+    // The listener goes with the core, on this thread, which made it.
+    SocketLoop::shared().call([core = m_core.get()] {
+        const auto clients = std::exchange(core->clients, {});
+        for (const auto &[id, client] : clients)
+            client.socket->disconnect();
+        core->listener->disconnect();
+    });
 }
 
 void CVWebSocketServer::send(const QString &text)
 {
-    std::vector<AsyncSocketPtr> connections;
-    {
-        std::lock_guard lock(m_core->mutex);
-        connections = m_core->connections;
-    }
-    if (connections.empty())
+    if (m_core->count == 0)
         return;
-    const QByteArray frame = WebSocketFrame::webSocketFrameData(text);
-    for (const auto &connection : connections)
-        connection->writeData(frame, -1.0, FrameWrite);
+    SocketLoop::shared().post([core = m_core, frame = WebSocketFrame::webSocketFrameData(text)] {
+        for (auto &[id, client] : core->clients)
+            core->write(client, frame);
+    });
 }
 
 int CVWebSocketServer::clientCount() const
 {
-    std::lock_guard lock(m_core->mutex);
-    return static_cast<int>(m_core->connections.size());
+    return m_core->count;
 }
 
-void CVWebSocketServer::writeWebSocketFrame(const AsyncSocketPtr &connection, const QString &text)
+void CVWebSocketServer::writeWebSocketFrame(const WebSocketConnection &connection, const QString &text)
 {
-    connection->writeData(WebSocketFrame::webSocketFrameData(text), -1.0, FrameWrite);
+    SocketLoop::shared().post([core = m_core, id = connection.id, frame = WebSocketFrame::webSocketFrameData(text)] {
+        if (const auto it = core->clients.find(id); it != core->clients.end())
+            core->write(it->second, frame);
+    });
 }

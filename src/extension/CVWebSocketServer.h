@@ -12,7 +12,9 @@
 // message sent to every connected client at once.
 //
 // Create, use and destroy it on the main thread; the delegate is not owned and must outlive
-// the server (callbacks still queued when the server goes are dropped).
+// the server (callbacks still queued when the server goes are dropped). Its sockets live on
+// the socket loop's thread, which parses what arrives and hands the main thread each
+// wake-up's events in one batch; the main thread reaches a connection by its id alone.
 class CVWebSocketServer {
 public:
     static constexpr auto kErrorDomain = "com.corvane.webSocketServer";
@@ -31,12 +33,12 @@ public:
 
     // The listening port (the one the system chose when 0 was asked for).
     std::uint16_t port() const { return m_port; }
-    // Frames `text` and writes it to every connection.
+    // Frames `text` and writes it to every connection past its handshake.
     void send(const QString &text);
+    // Accepted connections, those still in their handshake included.
     int clientCount() const;
-
-    // Writes one text frame to `connection` only.
-    static void writeWebSocketFrame(const AsyncSocketPtr &connection, const QString &text);
+    // Writes one text frame to `connection` only, if it is still there.
+    void writeWebSocketFrame(const WebSocketConnection &connection, const QString &text);
 
     class Core;
 

@@ -5,87 +5,90 @@
 
 #include <cerrno>
 #include <cstring>
-#include <vector>
+#include <future>
 
 SocketLoop &SocketLoop::shared()
 {
-    // Deliberately leaked: the I/O thread runs until the process ends.
-    static auto *loop = new SocketLoop;
+    static auto *loop = new SocketLoop; // leaked: the I/O thread runs until the process ends
     return *loop;
 }
 
-SocketLoop::SocketLoop() : m_poller(EventPoller::create())
+SocketLoop::SocketLoop()
 {
-    if (!m_poller) {
+    if (!m_poller.valid()) {
         OsLog("AsyncSocket")
             .fault(QStringLiteral("Cannot create the socket event poller: %1")
                        .arg(QString::fromLocal8Bit(std::strerror(errno))));
-        return;
+        return; // no thread: tasks run where they are posted, and nothing can be watched
     }
-    m_thread = std::thread([this] { run(); });
-    m_thread.detach();
+    std::lock_guard lock(m_mutex); // run() waits for it, so it sees m_threadId
+    std::thread thread([this] { run(); });
+    m_threadId = thread.get_id();
+    thread.detach();
 }
 
-std::uint64_t SocketLoop::add(int fd, const std::shared_ptr<AsyncSocket> &socket, std::uint32_t interest, int *error)
+void SocketLoop::post(Task task)
 {
-    if (!m_poller) {
-        *error = ENOSYS;
-        return 0;
-    }
-    std::uint64_t token;
+    if (!m_poller.valid())
+        return task();
+    bool first;
     {
         std::lock_guard lock(m_mutex);
-        token = m_nextToken++;
-        m_sockets.emplace(token, socket);
+        first = m_posted.empty();
+        m_posted.push_back(std::move(task));
     }
-    if (const int rc = m_poller->add(fd, token, interest)) {
-        std::lock_guard lock(m_mutex);
-        m_sockets.erase(token);
-        *error = rc;
-        return 0;
-    }
-    return token;
+    if (first && !isLoopThread()) // else a wake-up is on its way, or the loop is awake
+        m_poller.wake();
 }
 
-void SocketLoop::modify(int fd, std::uint64_t token, std::uint32_t interest)
+void SocketLoop::call(const Task &task)
 {
-    if (m_poller)
-        m_poller->modify(fd, token, interest);
+    if (!m_poller.valid() || isLoopThread())
+        return task();
+    auto done = std::make_shared<std::promise<void>>(); // nothing the loop touches is on this stack
+    post([task, done] { task(), done->set_value(); });
+    done->get_future().wait();
 }
 
-void SocketLoop::remove(int fd, std::uint64_t token)
+int SocketLoop::watch(int fd, AsyncSocket *socket, std::uint32_t interest)
 {
-    if (!m_poller)
-        return;
-    m_poller->remove(fd);
-    std::lock_guard lock(m_mutex);
-    m_sockets.erase(token);
+    const int error = m_poller.watch(fd, socket->connectionId(), interest);
+    if (!error)
+        m_sockets[socket->connectionId()] = socket;
+    return error;
+}
+
+void SocketLoop::unwatch(int fd, const AsyncSocket *socket)
+{
+    m_poller.remove(fd);
+    m_sockets.erase(socket->connectionId());
 }
 
 void SocketLoop::run()
 {
     std::vector<EventPoller::Ready> ready;
-    std::vector<std::pair<std::shared_ptr<AsyncSocket>, std::uint32_t>> batch;
+    std::vector<Task> tasks;
+    m_mutex.lock(); // the constructor has set m_threadId
+    m_mutex.unlock();
     for (;;) {
-        const int n = m_poller->wait(ready, -1);
-        if (n < 0) {
+        if (const int n = m_poller.wait(ready); n < 0) {
             OsLog("AsyncSocket")
                 .fault(QStringLiteral("Socket event poller failed: %1").arg(QString::fromLocal8Bit(std::strerror(-n))));
             return;
         }
-        batch.clear();
-        {
-            std::lock_guard lock(m_mutex);
-            for (const auto &r : ready) {
-                auto it = m_sockets.find(r.token);
-                if (it == m_sockets.end())
-                    continue; // removed while the event was on its way
-                if (auto socket = it->second.lock())
-                    batch.emplace_back(std::move(socket), r.events);
+        for (const auto &[token, events] : ready) // a socket closed earlier in the round is not found
+            if (const auto it = m_sockets.find(token); it != m_sockets.end())
+                it->second->handleReady(events);
+        for (;;) { // tasks that tasks post run in the same round
+            {
+                std::lock_guard lock(m_mutex);
+                tasks.swap(m_posted);
             }
+            if (tasks.empty())
+                break;
+            for (Task &task : tasks)
+                task();
+            tasks.clear();
         }
-        for (auto &[socket, events] : batch)
-            socket->handleReady(events);
-        batch.clear(); // last references may die here, outside the lock
     }
 }

@@ -2,36 +2,39 @@
 
 #include "platform/EventPoller.h"
 
-#include <cstdint>
-#include <memory>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
 
 class AsyncSocket;
 
-// The socket layer's I/O thread: one poller, one thread, every AsyncSocket registered with it.
-// Readiness is handed to the socket on this thread; the socket posts its callbacks onwards.
-// Sockets are held weakly so a registration never keeps a socket alive.
+// The bridge's I/O thread: it owns every AsyncSocket, runs their callbacks, and is "the
+// delegate queue" they report on. Other threads get in only through post() or call().
 class SocketLoop {
 public:
-    // The process-wide loop, started on first use and never stopped.
-    static SocketLoop &shared();
+    using Task = std::function<void()>;
 
-    // Watches `fd` for `socket`. Returns the registration's token, or 0 with the errno value in
-    // `error` when the poller refuses.
-    std::uint64_t add(int fd, const std::shared_ptr<AsyncSocket> &socket, std::uint32_t interest, int *error);
-    void modify(int fd, std::uint64_t token, std::uint32_t interest);
-    // Forgets the registration; the caller closes the descriptor afterwards.
-    void remove(int fd, std::uint64_t token);
+    static SocketLoop &shared(); // started on first use, never stopped
+
+    bool isLoopThread() const { return std::this_thread::get_id() == m_threadId; }
+    // Runs `task` on the loop thread after everything posted before it (from the loop thread
+    // itself: once this round's socket events are handled).
+    void post(Task task);
+    // Runs `task` on the loop thread and waits for it (at once when already there).
+    void call(const Task &task);
+
+    // Loop thread: watches `fd` for `socket`, or changes what for. 0 or an errno value.
+    int watch(int fd, AsyncSocket *socket, std::uint32_t interest);
+    void unwatch(int fd, const AsyncSocket *socket); // before the descriptor is closed
 
 private:
     SocketLoop();
     void run();
 
-    std::unique_ptr<EventPoller> m_poller;
-    std::mutex m_mutex;
-    std::unordered_map<std::uint64_t, std::weak_ptr<AsyncSocket>> m_sockets;
-    std::uint64_t m_nextToken = 1;
-    std::thread m_thread;
+    EventPoller m_poller;
+    std::thread::id m_threadId;
+    std::mutex m_mutex; // guards m_posted
+    std::vector<Task> m_posted;
+    std::unordered_map<std::uint64_t, AsyncSocket *> m_sockets; // by connection id; loop thread only
 };

@@ -21,11 +21,10 @@ public:
         socket.write(bytes);
         socket.flush();
     }
-    // Sends the standard handshake and waits for the 101 response.
-    bool handshake(quint16 port)
+    // Connects, sends the standard handshake and waits for the 101 response.
+    bool handshake(quint16 port) { return connectTo(port) && upgrade(); }
+    bool upgrade()
     {
-        if (!connectTo(port))
-            return false;
         write("GET /Quellon/ HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
               "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
         if (!waitFor([&] { return received.contains("\r\n\r\n"); }))

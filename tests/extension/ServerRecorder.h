@@ -12,19 +12,20 @@ public:
     int accepted = 0;
     int disconnected = 0;
     QList<QByteArray> messages;
-    QList<AsyncSocketPtr> messageConnections;
+    QList<WebSocketConnection> messageConnections;
     QStringList errors;
     QList<QByteArray> errorData;
     int failedConnectionMessages = -1; // messages from the failing connection before its error
     bool offMainThread = false;
-    std::function<void(const QByteArray &, const AsyncSocketPtr &)> onMessage;
+    std::function<void(const QByteArray &, const WebSocketConnection &)> onMessage;
 
-    void webSocketServerDidAcceptConnection(CVWebSocketServer *, const AsyncSocketPtr &) override
+    void webSocketServerDidAcceptConnection(CVWebSocketServer *, const WebSocketConnection &) override
     {
         check();
         ++accepted;
     }
-    void webSocketServerDidReceiveData(CVWebSocketServer *, const QByteArray &data, const AsyncSocketPtr &c) override
+    void webSocketServerDidReceiveData(CVWebSocketServer *, const QByteArray &data,
+                                       const WebSocketConnection &c) override
     {
         check();
         messages << data;
@@ -32,12 +33,12 @@ public:
         if (onMessage)
             onMessage(data, c);
     }
-    void webSocketServerClientDisconnected(CVWebSocketServer *, const AsyncSocketPtr &) override
+    void webSocketServerClientDisconnected(CVWebSocketServer *, const WebSocketConnection &) override
     {
         check();
         ++disconnected;
     }
-    void webSocketServerCouldNotParseRawData(CVWebSocketServer *, const QByteArray &raw, const AsyncSocketPtr &c,
+    void webSocketServerCouldNotParseRawData(CVWebSocketServer *, const QByteArray &raw, const WebSocketConnection &c,
                                              const NQError &error) override
     {
         check();

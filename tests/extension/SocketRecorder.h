@@ -1,14 +1,16 @@
 #pragma once
 
 #include "extension/AsyncSocket.h"
+#include "foundation/MainQueue.h"
 
 #include <QList>
 
+#include <atomic>
 #include <mutex>
 #include <vector>
 
 // An AsyncSocketDelegate that records every callback, for tests that wait on them from the
-// main thread. `onAccept` / `onRead` / `onWrite` let a test answer from the socket's queue.
+// main thread. `onAccept` / `onRead` let a test answer from the socket's thread.
 class SocketRecorder : public AsyncSocketDelegate {
 public:
     struct Read {
@@ -18,9 +20,11 @@ public:
     };
     std::function<void(const AsyncSocketPtr &)> onAccept;
     std::function<void(const Read &)> onRead;
+    std::atomic<bool> onMainThread{false}; // a callback ran on the main thread
 
     void socketDidAcceptNewSocket(const AsyncSocketPtr &, const AsyncSocketPtr &newSocket) override
     {
+        check();
         {
             std::lock_guard lock(m_mutex);
             m_accepted.push_back(newSocket);
@@ -30,6 +34,7 @@ public:
     }
     void socketDidReadData(const AsyncSocketPtr &sock, QByteArray data, long tag) override
     {
+        check();
         {
             std::lock_guard lock(m_mutex);
             m_reads.push_back({sock, data, tag});
@@ -39,11 +44,13 @@ public:
     }
     void socketDidWriteDataWithTag(const AsyncSocketPtr &, long tag) override
     {
+        check();
         std::lock_guard lock(m_mutex);
         m_writes << tag;
     }
     void socketDidDisconnect(const AsyncSocketPtr &sock, const NQErrorOpt &error) override
     {
+        check();
         std::lock_guard lock(m_mutex);
         m_disconnects.push_back({sock, error});
     }
@@ -70,6 +77,12 @@ public:
     }
 
 private:
+    void check()
+    {
+        if (MainQueue::isMainThread())
+            onMainThread = true;
+    }
+
     mutable std::mutex m_mutex;
     std::vector<AsyncSocketPtr> m_accepted;
     std::vector<Read> m_reads;

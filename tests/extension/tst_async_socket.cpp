@@ -1,5 +1,7 @@
 #include "SocketRecorder.h"
 
+#include "extension/SocketLoop.h"
+
 #include <QHostAddress>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -27,7 +29,7 @@ private slots:
     void init()
     {
         recorder = std::make_shared<SocketRecorder>();
-        listener = AsyncSocket::create(recorder, WorkerPool::globalDefault());
+        listener = std::make_shared<AsyncSocket>(recorder, &SocketLoop::shared());
         NQErrorOpt error;
         QVERIFY(listener->acceptOnPort(0, &error));
     }
@@ -37,38 +39,8 @@ private slots:
         for (const auto &s : recorder->accepted())
             s->disconnect();
         listener.reset();
+        QVERIFY(!recorder->onMainThread);
         recorder.reset();
-    }
-
-    void poolTasksStartAfterTheEndOfTheTaskThatQueuedThem()
-    {
-        // Idle threads wait for the queued task; the end-of-task work still comes first.
-        WorkerPool pool(4);
-        std::mutex mutex;
-        QStringList order;
-        auto note = [&](const QString &what) {
-            std::lock_guard lock(mutex);
-            order << what;
-        };
-        std::atomic<int> registered{0};
-        for (int i = 0; i < 20; ++i) {
-            pool.async([&, i] {
-                registered += WorkerPool::atEndOfTask([&, i] {
-                    QThread::usleep(300);
-                    note(QStringLiteral("end %1").arg(i));
-                });
-                pool.async([&, i] { note(QStringLiteral("queued %1").arg(i)); });
-            });
-        }
-        QTRY_VERIFY([&] {
-            std::lock_guard lock(mutex);
-            return order.size() == 40;
-        }());
-        QCOMPARE(registered.load(), 20);
-        std::lock_guard lock(mutex);
-        for (int i = 0; i < 20; ++i)
-            QVERIFY(order.indexOf(QStringLiteral("end %1").arg(i)) < order.indexOf(QStringLiteral("queued %1").arg(i)));
-        QVERIFY(!WorkerPool::atEndOfTask([] {})); // not on a pool thread
     }
 
     void configurationErrorsInOrder()
@@ -83,13 +55,16 @@ private slots:
             QCOMPARE(s->localPort() != 0, listening);
         };
         // Every fault at once: the delegate is reported first, then the queue, then protocols.
-        auto s = AsyncSocket::create({}, nullptr);
-        s->setIPv4Enabled(false);
-        s->setIPv6Enabled(false);
-        check(s, "Attempting to accept without a delegate. Set a delegate first.");
-        s->setDelegate(delegate);
-        check(s, "Attempting to accept without a delegate queue. Set a delegate queue first.");
-        s->setDelegateQueue(WorkerPool::globalDefault());
+        auto withoutProtocols = [](const std::shared_ptr<SocketRecorder> &d, SocketLoop *queue) {
+            auto socket = std::make_shared<AsyncSocket>(d, queue);
+            socket->setIPv4Enabled(false);
+            socket->setIPv6Enabled(false);
+            return socket;
+        };
+        check(withoutProtocols({}, nullptr), "Attempting to accept without a delegate. Set a delegate first.");
+        check(withoutProtocols(delegate, nullptr),
+              "Attempting to accept without a delegate queue. Set a delegate queue first.");
+        auto s = withoutProtocols(delegate, &SocketLoop::shared());
         check(s, "Both IPv4 and IPv6 have been disabled. Must enable at least one protocol first.");
         s->setIPv4Enabled(true);
         QVERIFY(s->acceptOnPort(0, nullptr));
@@ -102,7 +77,6 @@ private slots:
     void listensOnBothFamiliesWithOnePort()
     {
         QVERIFY(listener->localPort() != 0);
-        QCOMPARE(listener->localPortIPv6(), listener->localPort());
         QTcpSocket v6;
         v6.connectToHost(QHostAddress::LocalHostIPv6, listener->localPort());
         QVERIFY(v6.waitForConnected(5000));
@@ -114,7 +88,7 @@ private slots:
     {
         QTcpServer holder;
         QVERIFY(holder.listen(QHostAddress::AnyIPv4, 0));
-        auto s = AsyncSocket::create(recorder, WorkerPool::globalDefault());
+        auto s = std::make_shared<AsyncSocket>(recorder, &SocketLoop::shared());
         NQErrorOpt error;
         QVERIFY(!s->acceptOnPort(holder.serverPort(), &error));
         QCOMPARE(error->domain(), QString::fromLatin1(NQError::kPosixDomain));
@@ -129,7 +103,9 @@ private slots:
         s->disconnect();
     }
 
-    void readAvailableReturnsWhatArrivedSoFar()
+    // Reads complete in order, an exact read only once all its bytes are there, and bytes
+    // past a request (or before any) wait for the next one.
+    void readsWaitForTheirBytesAndKeepTheSurplus()
     {
         QTcpSocket client;
         auto sock = connectClient(client);
@@ -140,33 +116,22 @@ private slots:
         QTRY_COMPARE(recorder->reads().size(), size_t(1));
         QCOMPARE(recorder->reads()[0].data, QByteArray("first"));
         QCOMPARE(recorder->reads()[0].tag, 7L);
-        client.write("second");
-        client.flush();
-        QTest::qWait(50); // bytes arrive before the next request: they must be kept
-        sock->readDataWithTimeout(-1, 8);
-        QTRY_COMPARE(recorder->reads().size(), size_t(2));
-        QCOMPARE(recorder->reads()[1].data, QByteArray("second"));
-    }
-
-    void readToLengthWaitsForAllBytesAndKeepsSurplus()
-    {
-        QTcpSocket client;
-        auto sock = connectClient(client);
-        sock->readDataToLength(6, -1, 1);
-        sock->readDataToLength(3, -1, 2);
         client.write("abc");
         client.flush();
-        QTest::qWait(100);
-        QCOMPARE(recorder->reads().size(), size_t(0));
+        QTest::qWait(50); // bytes arrive before the next request: they must be kept
+        sock->readDataToLength(6, -1, 1);
+        sock->readDataToLength(3, -1, 2);
+        QTest::qWait(50);
+        QCOMPARE(recorder->reads().size(), size_t(1));
         client.write("defghijk");
         client.flush();
-        QTRY_COMPARE(recorder->reads().size(), size_t(2));
-        QCOMPARE(recorder->reads()[0].data, QByteArray("abcdef"));
-        QCOMPARE(recorder->reads()[1].data, QByteArray("ghi"));
-        QCOMPARE(recorder->reads()[1].tag, 2L);
-        sock->readDataWithTimeout(-1, 3);
         QTRY_COMPARE(recorder->reads().size(), size_t(3));
-        QCOMPARE(recorder->reads()[2].data, QByteArray("jk"));
+        QCOMPARE(recorder->reads()[1].data, QByteArray("abcdef"));
+        QCOMPARE(recorder->reads()[2].data, QByteArray("ghi"));
+        QCOMPARE(recorder->reads()[2].tag, 2L);
+        sock->readDataWithTimeout(-1, 3);
+        QTRY_COMPARE(recorder->reads().size(), size_t(4));
+        QCOMPARE(recorder->reads()[3].data, QByteArray("jk"));
     }
 
     void exactReadsReassembleAStreamCutAnywhere()
@@ -247,7 +212,6 @@ private slots:
         QVERIFY(!recorder->disconnects()[0].second);
         QVERIFY(!recorder->writes().contains(42));
         QCOMPARE(recorder->reads().size(), size_t(0));
-        QVERIFY(sock->isDisconnected());
         sock->writeData("late", -1, 43); // ignored, no crash, no callback
         QTest::qWait(50);
         QVERIFY(recorder->writes().isEmpty());
@@ -292,41 +256,10 @@ private slots:
         QCOMPARE(sock, over);
         QCOMPARE(error->domain(), QStringLiteral("AsyncSocketErrorDomain"));
         QCOMPARE(error->code(), int(AsyncSocket::ReadLimitError));
-        QVERIFY(exact->isConnected());
 
-        // An enormous declared length costs nothing while the bytes do not come.
-        QTcpSocket c;
-        auto huge = connectClient(c);
-        huge->readDataToLength(std::uint64_t(1) << 62, -1, 9);
-        c.write("xyz");
-        c.flush();
-        QTest::qWait(100);
-        QVERIFY(huge->isConnected());
-        QCOMPARE(recorder->reads().size(), size_t(1));
-        c.disconnectFromHost();
+        a.disconnectFromHost();
         QTRY_COMPARE(recorder->disconnects().size(), size_t(2));
-    }
-
-    void callbacksOfOneSocketNeverOverlap()
-    {
-        std::atomic<int> inside{0};
-        std::atomic<bool> overlapped{false};
-        recorder->onRead = [&](const SocketRecorder::Read &r) {
-            if (inside.fetch_add(1) != 0)
-                overlapped = true;
-            QThread::usleep(200);
-            inside.fetch_sub(1);
-            r.sock->readDataToLength(1, -1, r.tag + 1);
-        };
-        QTcpSocket client;
-        auto sock = connectClient(client);
-        sock->readDataToLength(1, -1, 0);
-        client.write(QByteArray(200, 'z'));
-        QTRY_COMPARE_WITH_TIMEOUT(recorder->reads().size(), size_t(200), 10000);
-        QVERIFY(!overlapped);
-        for (size_t i = 0; i < 200; ++i)
-            QCOMPARE(recorder->reads()[i].tag, long(i));
-        recorder->onRead = nullptr;
+        QCOMPARE(recorder->disconnects()[1].second->code(), int(AsyncSocket::PeerClosedError));
     }
 };
 

@@ -404,7 +404,7 @@ private slots:
     void invalidUtf8AndBinaryMessagesAreIgnored()
     {
         // Bytes that are not UTF-8 make no text, whatever words they hold.
-        api->webSocketServerDidReceiveData(api->browserExtWebsocket(), "\xff\xfe CONNECTED ChromeIsOn", nullptr);
+        api->webSocketServerDidReceiveData(api->browserExtWebsocket(), "\xff\xfe CONNECTED ChromeIsOn", {});
         QVERIFY(events.isEmpty());
         client->sendBinaryMessage("x"); // opcode 2: the server closes this client
         QTRY_COMPARE(client->state(), QAbstractSocket::UnconnectedState);

@@ -134,9 +134,11 @@ private slots:
         // The server waits for the client to close: further frames are still read.
         c.write(RawClient::frame(0x81, "still here"));
         QTRY_COMPARE(recorder.messages, QList<QByteArray>{"still here"});
+        LogCapture log;
         c.socket.disconnectFromHost();
         QTRY_COMPARE(recorder.disconnected, 1);
         QCOMPARE(server->clientCount(), 0);
+        QVERIFY(log.osTexts().value(0).endsWith(QLatin1String(" closed: Connection closed by the peer")));
     }
 
     // Long bursts on two connections at once: per-connection order holds across every batch,
@@ -170,6 +172,7 @@ private slots:
 
     void binaryAndPongFramesCloseTheConnection()
     {
+        LogCapture log;
         for (unsigned char b0 : {0x82, 0x8A}) {
             recorder = ServerRecorder();
             RawClient c;
@@ -179,26 +182,37 @@ private slots:
             QTRY_COMPARE(recorder.errors, QStringList{QStringLiteral("Cannot handle this websocket frame format!")});
             QCOMPARE(recorder.errorData, QList<QByteArray>{RawClient::frame(b0, "xx").left(2)});
             QTRY_COMPARE(recorder.disconnected, 1);
+            QVERIFY(
+                log.osTexts()
+                    .value(log.osTexts().size() - 1)
+                    .endsWith(QLatin1String(" closed: protocol error: Cannot handle this websocket frame format!")));
         }
     }
 
-    void sendReachesEveryClient()
+    void sendReachesEveryClientPastItsHandshake()
     {
-        RawClient a, b, c;
+        RawClient a, b, c, pending;
         QVERIFY(a.handshake(server->port()));
         QVERIFY(b.handshake(server->port()));
         QVERIFY(c.handshake(server->port()));
-        QTRY_COMPARE(server->clientCount(), 3);
+        QVERIFY(pending.connectTo(server->port()));
+        QTRY_COMPARE(server->clientCount(), 4);
         server->send(QStringLiteral("to all"));
         for (RawClient *client : {&a, &b, &c}) {
             QVERIFY(client->waitForBytes(8));
             QCOMPARE(client->received, QByteArray("\x81\x06to all"));
         }
+        // A frame ahead of the handshake response would break the client's handshake.
+        QVERIFY(pending.upgrade());
+        QTRY_COMPARE(recorder.accepted, 4);
+        server->send(QStringLiteral("now"));
+        QVERIFY(pending.waitForBytes(5));
+        QCOMPARE(pending.received, QByteArray("\x81\x03now"));
         b.socket.disconnectFromHost();
-        QTRY_COMPARE(server->clientCount(), 2);
+        QTRY_COMPARE(server->clientCount(), 3);
         server->send(QStringLiteral("x"));
-        QVERIFY(a.waitForBytes(11));
-        QVERIFY(c.waitForBytes(11));
+        QVERIFY(a.waitForBytes(16));
+        QVERIFY(c.waitForBytes(16));
     }
 
     void hugeDeclaredFrameCostsNothingUntilSent()
@@ -221,6 +235,7 @@ private slots:
     void bufferLimitAtNAndNPlusOne()
     {
         const auto limit = CVWebSocketServer::kMaxBufferedBytesPerConnection;
+        LogCapture log;
         // Masking key plus payload is what one read holds.
         const QByteArray fits(static_cast<int>(limit - 4), 'n');
         const QByteArray over(static_cast<int>(limit - 3), 'o');
@@ -234,6 +249,9 @@ private slots:
         QVERIFY(b.waitForClose(30000));
         QTRY_COMPARE(recorder.disconnected, 1);
         QCOMPARE(a.socket.state(), QAbstractSocket::ConnectedState);
+        QCOMPARE(log.osTexts(QStringLiteral("CVWebSocketServer")).size(), 1);
+        QVERIFY(log.osTexts().value(0).endsWith(
+            QStringLiteral(" closed: Read of %1 bytes exceeds the %2-byte buffer limit").arg(limit + 1).arg(limit)));
     }
 
     void thousandIdleConnectionsDoNotStopService()

@@ -1,107 +1,65 @@
-#include "platform/linux/EpollPoller.h"
+#include "platform/EventPoller.h"
 
 #include <cerrno>
-#include <cstdint>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 namespace {
-// The wake eventfd is registered under a token no socket can have.
-constexpr std::uint64_t kWakeToken = UINT64_MAX;
-// Events fetched per wait(); more simply wait for the next round.
-constexpr int kMaxEventsPerWait = 256;
-
-std::uint32_t toEpoll(std::uint32_t interest)
-{
-    std::uint32_t events = 0;
-    // Half-close is only of interest while reading; hang-up and errors are always reported.
-    if (interest & EventPoller::Readable)
-        events |= EPOLLIN | EPOLLRDHUP;
-    if (interest & EventPoller::Writable)
-        events |= EPOLLOUT;
-    return events;
-}
+constexpr std::uint64_t kWakeToken = UINT64_MAX; // no socket has it
+constexpr int kMaxEventsPerWait = 256;           // more wait for the next round
 } // namespace
 
-std::unique_ptr<EventPoller> EventPoller::create()
+EventPoller::EventPoller() : m_fd(epoll_create1(EPOLL_CLOEXEC)), m_wake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
 {
-    const int epollFd = epoll_create1(EPOLL_CLOEXEC);
-    if (epollFd < 0)
-        return nullptr;
-    const int wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (wakeFd < 0) {
-        const int saved = errno;
-        close(epollFd);
-        errno = saved;
-        return nullptr;
-    }
-    auto poller = std::make_unique<EpollPoller>(epollFd, wakeFd);
-    epoll_event ev{};
-    ev.events = EPOLLIN;
-    ev.data.u64 = kWakeToken;
-    epoll_ctl(epollFd, EPOLL_CTL_ADD, wakeFd, &ev);
-    return poller;
+    if (valid())
+        watch(m_wake, kWakeToken, Readable);
 }
 
-EpollPoller::EpollPoller(int epollFd, int wakeFd) : m_epoll(epollFd), m_wake(wakeFd) {}
-
-EpollPoller::~EpollPoller()
+EventPoller::~EventPoller()
 {
     close(m_wake);
-    close(m_epoll);
+    close(m_fd);
 }
 
-int EpollPoller::control(int op, int fd, std::uint64_t token, std::uint32_t interest)
+int EventPoller::watch(int fd, std::uint64_t token, std::uint32_t interest)
 {
     epoll_event ev{};
-    ev.events = toEpoll(interest);
+    // Half-close matters only while reading; hang-up and errors are always reported.
+    ev.events = ((interest & Readable) ? EPOLLIN | EPOLLRDHUP : 0u) | ((interest & Writable) ? EPOLLOUT : 0u);
     ev.data.u64 = token;
-    return epoll_ctl(m_epoll, op, fd, &ev) == 0 ? 0 : errno;
+    const bool ok = epoll_ctl(m_fd, EPOLL_CTL_MOD, fd, &ev) == 0 ||
+                    (errno == ENOENT && epoll_ctl(m_fd, EPOLL_CTL_ADD, fd, &ev) == 0);
+    return ok ? 0 : errno;
 }
 
-int EpollPoller::add(int fd, std::uint64_t token, std::uint32_t interest)
+void EventPoller::remove(int fd)
 {
-    return control(EPOLL_CTL_ADD, fd, token, interest);
+    epoll_ctl(m_fd, EPOLL_CTL_DEL, fd, nullptr);
 }
 
-int EpollPoller::modify(int fd, std::uint64_t token, std::uint32_t interest)
-{
-    return control(EPOLL_CTL_MOD, fd, token, interest);
-}
-
-void EpollPoller::remove(int fd)
-{
-    epoll_ctl(m_epoll, EPOLL_CTL_DEL, fd, nullptr);
-}
-
-int EpollPoller::wait(std::vector<Ready> &out, int timeoutMs)
+int EventPoller::wait(std::vector<Ready> &out)
 {
     out.clear();
     epoll_event events[kMaxEventsPerWait];
-    const int n = epoll_wait(m_epoll, events, kMaxEventsPerWait, timeoutMs);
+    const int n = epoll_wait(m_fd, events, kMaxEventsPerWait, -1);
     if (n < 0)
         return errno == EINTR ? 0 : -errno;
     for (int i = 0; i < n; ++i) {
+        const std::uint32_t e = events[i].events;
         if (events[i].data.u64 == kWakeToken) {
-            std::uint64_t drained;
-            while (read(m_wake, &drained, sizeof drained) > 0) {
-            }
+            std::uint64_t count;
+            [[maybe_unused]] auto drained = read(m_wake, &count, sizeof count);
             continue;
         }
-        std::uint32_t ready = 0;
-        if (events[i].events & EPOLLIN)
-            ready |= Readable;
-        if (events[i].events & EPOLLOUT)
-            ready |= Writable;
-        if (events[i].events & (EPOLLHUP | EPOLLERR | EPOLLRDHUP))
-            ready |= HangUp;
-        out.push_back({events[i].data.u64, ready});
+        out.emplace_back(std::uint64_t(events[i].data.u64),
+                         ((e & EPOLLIN) ? Readable : 0u) | ((e & EPOLLOUT) ? Writable : 0u) |
+                             ((e & (EPOLLHUP | EPOLLERR | EPOLLRDHUP)) ? HangUp : 0u));
     }
     return static_cast<int>(out.size());
 }
 
-void EpollPoller::wake()
+void EventPoller::wake()
 {
     const std::uint64_t one = 1;
     [[maybe_unused]] auto written = write(m_wake, &one, sizeof one);
