@@ -81,8 +81,6 @@ public:
     // Handles one message as if an extension had sent it (the server's path in).
     void dispatchMessage(const QString &text);
 
-    // The server names a connection by id, not by socket; the old name stays for the handlers.
-    using AsyncSocketPtr = WebSocketConnection;
     void webSocketServerDidAcceptConnection(CVWebSocketServer *, const WebSocketConnection &) override;
     void webSocketServerDidReceiveData(CVWebSocketServer *, const QByteArray &data,
                                        const WebSocketConnection &) override;

@@ -39,7 +39,7 @@ void post(const char *name, const QVariantMap &userInfo = {}, const void *sender
 } // namespace
 
 void BrowserExtensionApi::webSocketServerDidReceiveData(CVWebSocketServer *, const QByteArray &data,
-                                                        const AsyncSocketPtr &)
+                                                        const WebSocketConnection &)
 {
     // Bytes that are not UTF-8 make no text at all, so no row of the table can match.
     QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
