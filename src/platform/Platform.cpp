@@ -41,6 +41,8 @@ QList<Platform::LoginItem> Platform::loginItems()
 
 void Platform::releaseFreeMemory() {}
 
+void Platform::runWithoutTerminal(QProcess &) {}
+
 bool Platform::showNotification(const QString &, const QString &, quint32 *, QString *error)
 {
     if (error)

@@ -1,5 +1,7 @@
 #include "vpn/TunnelProcess.h"
 
+#include "platform/Platform.h"
+
 #include <QMetaObject>
 #include <QProcess>
 #include <QThread>
@@ -40,6 +42,8 @@ TunnelProcess::Launch TunnelProcess::launch(const QString &program, const QStrin
             process->setStandardInputFile(QProcess::nullDevice());
             process->setProgram(program);
             process->setArguments(arguments);
+            // sudo must fail at once rather than ask for a password on our terminal.
+            Platform::instance().runWithoutTerminal(*process);
             QObject::connect(process, &QProcess::readyReadStandardOutput, process,
                              [process, onOutput = handlers.onOutput] {
                                  const QByteArray chunk = process->readAllStandardOutput();

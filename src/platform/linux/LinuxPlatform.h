@@ -57,6 +57,7 @@ public:
     // Through the freedesktop notification service on the session bus.
     bool showNotification(const QString &title, const QString &body, quint32 *id, QString *error) override;
     void releaseFreeMemory() override;
+    void runWithoutTerminal(QProcess &process) override;
 
     QStringList installerCommand(const QString &packagePath) override;
     QString updatePackageName() override;
