@@ -15,38 +15,10 @@
 namespace {
 constexpr int kWaitMs = 15000;
 
-// Runs the program it is given, or a kill by name limited to this test's own helpers, so
-// parallel tests never stop each other's clients.
-// Also records its session, to show that it never shares ours (where sudo could find a
-// terminal to ask for a password on); "sudo-refuses" or "sudo-hangs" make it do just that.
-const QByteArray kStandInSudo = R"SH(#!/bin/bash
-here="$(dirname "$0")"
-printf '%s\n' "$*" >> "$here/sudo-calls"
-ps -o sid= -p $$ | tr -d ' ' >> "$here/sudo-sessions"
-if [ -e "$here/sudo-refuses" ]; then
-  printf 'sudo: a terminal is required to read the password; either use the -S option to read from standard input or configure an askpass helper\nsudo: a password is required\n'
-  exit 1
-fi
-if [ -e "$here/sudo-hangs" ]; then exec sleep 30; fi
-if [ "$1" = pkill ]; then exec pkill -f "$here/helpers/$2"; fi
-exec "$@"
-)SH";
+const QByteArray kStandInSudo = VpnTestEnvironment::kStandInSudo;
+const QByteArray kStandInClient = VpnTestEnvironment::kStandInClient;
 
-// Records how it was started, then does what the test put in "behaviour".
-const QByteArray kStandInClient = R"SH(#!/bin/bash
-here="$(dirname "$0")"
-printf '%s\n' "$@" > "$here/args"
-cat "$1" > "$here/profile-at-launch"
-echo $$ > "$here/pid"
-step() { while [ ! -e "$here/go$1" ]; do sleep 0.02; done; }
-source "$here/behaviour"
-)SH";
-
-const QByteArray kConnectThenWait = R"SH(
-trap 'printf "ovpncli: Exiting due to signal 15\n"; exit 143' TERM
-printf 'ovpncli: state CONNECTED\n'
-while :; do sleep 1 & wait $!; done
-)SH";
+const QByteArray kConnectThenWait = VpnTestEnvironment::kConnectThenWait;
 
 struct StateLog {
     mutable std::mutex mutex;
