@@ -170,11 +170,11 @@ void TestE2eTunnel::wrongPasswordIsRejectedByTheServer()
     QTRY_VERIFY2_WITH_TIMEOUT(m_states->snapshot().contains(0), qPrintable(logs.lines().join(QLatin1Char('\n'))),
                               kConnectMs);
     QVERIFY(logs.lines().contains(QStringLiteral("|NQVPNManager| VPN Authentication Failed.")));
-    // openvpn gives up after the rejection; the exit leaves the state at 0.
+    // openvpn gives up after the rejection; ovpncli's last line reports the end.
     QTRY_VERIFY_WITH_TIMEOUT(
         !logs.lines().filter(QStringLiteral("|NQVPNManager| OpenVPN process terminated")).isEmpty(), kStepMs);
-    QCOMPARE(m_states->snapshot(), (QList<int>{2, 0}));
-    QCOMPARE(m_env->storage().getVPNStatus(), 0);
+    QCOMPARE(m_states->snapshot(), (QList<int>{2, 0, 1}));
+    QCOMPARE(m_env->storage().getVPNStatus(), 1);
     QTRY_VERIFY_WITH_TIMEOUT(m_lab->clientProcesses().isEmpty(), kStepMs);
 
     vpn.stopVPNConnection();
