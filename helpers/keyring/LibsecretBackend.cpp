@@ -196,7 +196,8 @@ Result LibsecretBackend::update(const std::string &service, const std::string &a
     return result;
 }
 
-Result LibsecretBackend::add(const std::string &service, const std::string &account, std::string_view data)
+Result LibsecretBackend::add(const std::string &service, const std::string &account, std::string_view data,
+                             const std::string &label)
 {
     if (!validNames(service, account))
         return failure(Status::InternalComponent, kInvalidNamesMessage);
@@ -210,10 +211,10 @@ Result LibsecretBackend::add(const std::string &service, const std::string &acco
         g_object_unref(collection);
         return failure(Status::InteractionNotAllowed, kLockedMessage);
     }
-    const std::string label = service + " (" + account + ")";
+    const std::string shown = label.empty() ? service + " (" + account + ")" : label;
     Attributes attributes = attributesFor(service, account);
     SecretValue *value = secret_value_new(data.data(), gssize(data.size()), "text/plain");
-    SecretItem *item = secret_item_create_sync(collection, &kSchema, attributes.get(), label.c_str(), value,
+    SecretItem *item = secret_item_create_sync(collection, &kSchema, attributes.get(), shown.c_str(), value,
                                                SECRET_ITEM_CREATE_NONE, nullptr, &error);
     secret_value_unref(value);
     g_object_unref(collection);

@@ -30,7 +30,9 @@ public:
     Answer find(const std::string &service, const std::string &account);
     // Replaces the secret of the existing item(s); ItemNotFound when there is none.
     Answer update(const std::string &service, const std::string &account, std::string_view data);
-    Answer add(const std::string &service, const std::string &account, std::string_view data);
+    // `label` is what keyring managers show; empty: "<service> (<account>)".
+    Answer add(const std::string &service, const std::string &account, std::string_view data,
+               const std::string &label = {});
     // Deletes the item(s); ItemNotFound when there is none.
     Answer remove(const std::string &service, const std::string &account);
 

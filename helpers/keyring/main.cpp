@@ -73,6 +73,8 @@ public:
             return m_backend->update(request.service, request.account, request.secret);
         case Operation::Add:
             return m_backend->add(request.service, request.account, request.secret);
+        case Operation::AddLabelled:
+            return m_backend->add(request.service, request.account, request.secret, request.label);
         case Operation::Remove:
             return m_backend->remove(request.service, request.account);
         }

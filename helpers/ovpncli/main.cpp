@@ -8,6 +8,7 @@
 #include "OvpnLogReader.h"
 #include "ProfileHandOver.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -23,19 +24,21 @@ constexpr int kNotFoundStatus = 127;
 
 void printLine(const std::string &line)
 {
-    // One write per line, straight to the pipe: the reader sees each line as soon as it exists.
-    std::string text = line + "\n";
-    const char *data = text.data();
-    std::size_t left = text.size();
-    while (left > 0) {
-        const ssize_t n = write(STDOUT_FILENO, data, left);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return;
+    // One write per line (or per piece of a long one), straight to the pipe: the reader sees
+    // each line whole and as soon as it exists.
+    for (const std::string &text : OvpnLogReader::forWriting(line)) {
+        const char *data = text.data();
+        std::size_t left = text.size();
+        while (left > 0) {
+            const ssize_t n = write(STDOUT_FILENO, data, left);
+            if (n < 0) {
+                if (errno == EINTR)
+                    continue;
+                return;
+            }
+            data += n;
+            left -= static_cast<std::size_t>(n);
         }
-        data += n;
-        left -= static_cast<std::size_t>(n);
     }
 }
 
@@ -56,7 +59,7 @@ int main(int argc, char **argv)
 {
     signal(SIGPIPE, SIG_IGN);
     if (argc != 2 || argv[1][0] == '\0') {
-        printLine("usage: ovpncli <profile.ovpn>");
+        printLine("ovpncli: connect error, usage: ovpncli <profile.ovpn>");
         return kUsageStatus;
     }
     const std::string profile = argv[1];

@@ -3,6 +3,7 @@
 #include "SignalWatcher.h"
 #include "foundation/AppStorageManager.h"
 #include "foundation/Log.h"
+#include "foundation/MainQueue.h"
 #include "shell/AppDelegate.h"
 #include "shell/DefaultShellEngine.h"
 #include "shell/NQApplication.h"
@@ -17,6 +18,7 @@
 #include "ui/app/ProcessChromeLauncher.h"
 #include "ui/widgets/MessageBoxAlertPresenter.h"
 #include "vpn/NQVPNManager.h"
+#include "vpn/VpnState.h"
 
 #include <QApplication>
 #include <QDir>
@@ -80,7 +82,27 @@ int GuiApp::run(QApplication &app)
         application.terminate();
     });
 
+    // A tunnel client that sudo refused, or that vanished without a word: say why and what to
+    // do, and stop, so the panel does not stay "connecting" or "connected".
+    NQVPNManager::sharedManager().setOnClientEnded([&alerts](const TunnelClientEnd &end) {
+        MainQueue::async([&alerts, end] {
+            const int state = AppStorageManager::sharedManager().getVPNStatus();
+            if (state != VpnStateConnecting && state != VpnStateConnected)
+                return;
+            NQVPNManager::sharedManager().stopVPNConnection();
+            AlertRequest request;
+            request.title = end.kind == TunnelClientEnd::Kind::PrivilegeRefused
+                                ? QStringLiteral("The tunnel could not be started")
+                                : QStringLiteral("The tunnel has ended");
+            request.message = end.message();
+            request.buttons = {{QStringLiteral("Ok"), AlertPresenter::kDefaultButtonTag}};
+            alerts.runModal(request, [](long) {});
+        });
+    });
+
     startScreenshots(app);
     delegate.applicationDidFinishLaunching();
-    return app.exec();
+    const int status = app.exec();
+    NQVPNManager::sharedManager().setOnClientEnded(nullptr);
+    return status;
 }

@@ -1,12 +1,14 @@
 // pelorin-vpn: the application's entry point. With a display it runs the windowed interface;
-// with --headless (or a console mode: --list, --connect, --script, --help) or without a
-// display it runs on the console with the same controller and engine.
+// with --headless (or a console mode: --list, --connect, --script, --help, --version) or
+// without a display it runs on the console with the same controller and engine.
 #include "SignalWatcher.h"
+#include "foundation/AppConfig.h"
 #include "platform/Platform.h"
 #include "shell/HeadlessRunner.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QFile>
 #include <QLibrary>
 #include <QSocketNotifier>
 #include <QTextStream>
@@ -23,18 +25,72 @@ bool displayAvailable()
     return !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
 }
 
-// Any console mode or help wins over the window; the controller's own switches do not.
-bool consoleRequested(int argc, char *argv[])
-{
-    for (int i = 1; i < argc; ++i) {
-        const QByteArray arg(argv[i]);
-        for (const char *option :
-             {"--headless", "--list", "--connect", "--script", "--on-connected", "--help", "-h", "--help-all", "-?"}) {
-            if (arg == option || arg.startsWith(QByteArray(option) + '='))
-                return true;
-        }
+const char *const kHelpText = R"(PelorinVPN client.
+
+Without a display, or with --headless or a console option, it runs on the console.
+
+Commands on standard input (console):
+  status      print the tunnel state ("State: 3 connected")
+  disconnect  end the tunnel and keep running
+  quit        disconnect if needed and end (so do Ctrl-C and SIGTERM)
+
+Switches (plain words, not options):
+  CLEAR_USERDEFAULTS  start as on the first run: the settings are reset
+  CLEAR_VPN           forget the stored VPN account; a new one is requested
+
+Exit codes (console):
+  0  the asked job was done (--list printed, --connect connected, --script's check passed,
+     or the program ran until quit)
+  1  another failure
+  2  usage: unknown option, missing argument, no such cluster
+  3  the backend cannot be reached (server list, VPN account, profile)
+  4  could not connect: refused, not allowed to run the tunnel helper, no tunnel within
+     60 seconds, or the tunnel went down
+  5  --script: the --on-connected check failed
+  6  interrupted: a signal, "quit" or an update ended the run before the job was done)";
+
+struct Cli {
+    QCommandLineOption headless{QStringLiteral("headless"), QStringLiteral("Run without a window.")};
+    QCommandLineOption list{QStringLiteral("list"), QStringLiteral("Print the server clusters and exit.")};
+    QCommandLineOption connect{QStringLiteral("connect"),
+                               QStringLiteral("Connect to the cluster with this name or ISO code and stay."),
+                               QStringLiteral("NAME|ISO")};
+    QCommandLineOption script{QStringLiteral("script"),
+                              QStringLiteral("Connect to the default cluster, run the --on-connected check, "
+                                             "disconnect; exit 0 only if all of that worked.")};
+    QCommandLineOption onConnected{QStringLiteral("on-connected"),
+                                   QStringLiteral("Shell command run once connected (with --script)."),
+                                   QStringLiteral("CMD")};
+    QCommandLineOption loginItem{QStringLiteral("login-item")}; // the autostart entry's argument
+    QCommandLineParser parser;
+
+    Cli()
+    {
+        loginItem.setFlags(QCommandLineOption::HiddenFromHelp);
+        parser.setApplicationDescription(QLatin1String(kHelpText));
+        parser.addHelpOption();
+        parser.addVersionOption();
+        parser.addOptions({headless, list, connect, script, onConnected, loginItem});
+        // The controller's own switches (CLEAR_USERDEFAULTS, CLEAR_VPN, FIRST_RUN, ...).
+        parser.addPositionalArgument(QStringLiteral("SWITCH"), QStringLiteral("CLEAR_USERDEFAULTS or CLEAR_VPN."),
+                                     QStringLiteral("[SWITCH...]"));
     }
-    return false;
+
+    bool consoleRequested() const
+    {
+        for (const auto *option : {&headless, &list, &connect, &script, &onConnected})
+            if (parser.isSet(*option))
+                return true;
+        return parser.isSet(QStringLiteral("help")) || parser.isSet(QStringLiteral("version"));
+    }
+};
+
+QStringList argumentsOf(int argc, char *argv[])
+{
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i)
+        arguments << QString::fromLocal8Bit(argv[i]);
+    return arguments;
 }
 
 using GuiMain = int (*)(int, char **);
@@ -52,59 +108,50 @@ GuiMain loadGui(QString *why)
 
 int main(int argc, char *argv[])
 {
-    if (!consoleRequested(argc, argv) && displayAvailable()) {
+    // Options are checked the same way whether a window or the console follows.
+    Cli cli;
+    if (!cli.parser.parse(argumentsOf(argc, argv))) {
+        std::fprintf(stderr, "pelorin-vpn: %s\nSee pelorin-vpn --help.\n", qPrintable(cli.parser.errorText()));
+        return HeadlessRunner::kExitUsage;
+    }
+    if (!cli.consoleRequested() && displayAvailable()) {
         QString why;
         if (const GuiMain gui = loadGui(&why))
             return gui(argc, argv);
         std::fprintf(stderr, "The window cannot be opened (%s); running on the console.\n", qPrintable(why));
     }
 
+    // Messages for people keep going to the terminal or pipe we were started with, also after
+    // the controller has moved the log (standard error) to its file.
+    QFile errFile;
+    errFile.open(::dup(STDERR_FILENO), QIODevice::WriteOnly, QFileDevice::AutoCloseHandle);
+    QTextStream err(&errFile);
+
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("PelorinVPN"));
-
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("PelorinVPN client"));
-    parser.addHelpOption();
-    const QCommandLineOption headless(QStringLiteral("headless"), QStringLiteral("Run without a window."));
-    const QCommandLineOption list(QStringLiteral("list"), QStringLiteral("Print the server clusters and exit."));
-    const QCommandLineOption connect(QStringLiteral("connect"),
-                                     QStringLiteral("Connect to the cluster with this name or ISO code."),
-                                     QStringLiteral("NAME|ISO"));
-    const QCommandLineOption script(QStringLiteral("script"),
-                                    QStringLiteral("Connect to the default cluster, run the --on-connected check, "
-                                                   "disconnect; exit 0 only if all of that worked."));
-    const QCommandLineOption onConnected(QStringLiteral("on-connected"),
-                                         QStringLiteral("Shell command run once connected (with --script)."),
-                                         QStringLiteral("CMD"));
-    parser.addOptions({headless, list, connect, script, onConnected});
-    // The controller's own switches (CLEAR_USERDEFAULTS, CLEAR_VPN, FIRST_RUN, ...) and the
-    // autostart entry's argument pass through untouched.
-    QStringList known = app.arguments();
-    known.removeAll(QStringLiteral("--login-item"));
-    parser.process(known);
+    QCoreApplication::setApplicationVersion(AppConfig::appVersion());
+    cli.parser.process(app); // --help, --version
 
     QTextStream out(stdout);
     HeadlessRunner::Options options;
     options.arguments = app.arguments();
-    if (parser.isSet(script)) {
+    if (cli.parser.isSet(cli.script)) {
         options.mode = HeadlessRunner::Mode::Script;
-        options.onConnectedCommand = parser.value(onConnected);
+        options.onConnectedCommand = cli.parser.value(cli.onConnected);
         if (options.onConnectedCommand.isEmpty()) {
-            std::fprintf(stderr, "--script needs --on-connected CMD: the check that traffic flows\n");
-            return 3;
+            err << "--script needs --on-connected CMD: the check that traffic flows" << Qt::endl;
+            return HeadlessRunner::kExitUsage;
         }
-    } else if (parser.isSet(list)) {
+    } else if (cli.parser.isSet(cli.list)) {
         options.mode = HeadlessRunner::Mode::List;
-    } else if (parser.isSet(connect)) {
+    } else if (cli.parser.isSet(cli.connect)) {
         options.mode = HeadlessRunner::Mode::Connect;
-        options.target = parser.value(connect);
+        options.target = cli.parser.value(cli.connect);
     }
-    HeadlessRunner runner(options, out);
+    HeadlessRunner runner(options, out, err);
     SignalWatcher watcher;
-    QObject::connect(&watcher, &SignalWatcher::terminationRequested, &app, [&runner, &out](int number) {
-        out << "Signal " << number << ": disconnecting" << Qt::endl;
-        runner.command(QStringLiteral("quit"));
-    });
+    QObject::connect(&watcher, &SignalWatcher::terminationRequested, &app,
+                     [&runner](int number) { runner.interrupt(number); });
     // Commands on standard input: status, disconnect, quit. The end of input is not a command
     // (scripts often run us with no input at all).
     QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);

@@ -74,7 +74,7 @@ private:
 
 bool knownOperation(std::uint8_t value)
 {
-    return value >= std::uint8_t(Operation::Ping) && value <= std::uint8_t(Operation::Remove);
+    return value >= std::uint8_t(Operation::Ping) && value <= std::uint8_t(Operation::AddLabelled);
 }
 
 template <typename Message>
@@ -93,6 +93,8 @@ std::optional<std::string> encode(const Request &request)
     std::string out(kRequestMagic);
     out.push_back(char(request.operation));
     if (!putField(out, request.service) || !putField(out, request.account) || !putField(out, request.secret))
+        return std::nullopt;
+    if (request.operation == Operation::AddLabelled && !putField(out, request.label))
         return std::nullopt;
     return out;
 }
@@ -115,6 +117,8 @@ std::optional<Request> takeRequest(std::string_view &bytes)
     request.service = reader.field();
     request.account = reader.field();
     request.secret = reader.field();
+    if (operation == std::uint8_t(Operation::AddLabelled))
+        request.label = reader.field();
     if (!reader.ok() || !knownOperation(operation))
         return std::nullopt;
     request.operation = Operation(operation);

@@ -12,6 +12,7 @@
 // links no Qt.
 //
 //   request: "PKQ1" | op (1 byte) | field service | field account | field secret
+//            [| field label, for AddLabelled only]
 //   answer:  "PKA1" | status (int32, big-endian) | field message | field secret
 //   field:   length (uint32, big-endian) | that many bytes (service, account, message: UTF-8)
 //
@@ -32,6 +33,7 @@ enum class Operation : std::uint8_t {
     Update = 3,
     Add = 4,
     Remove = 5,
+    AddLabelled = 6, // Add, with the item's label (shown by keyring managers)
 };
 
 struct Request {
@@ -39,6 +41,7 @@ struct Request {
     std::string service;
     std::string account;
     std::string secret;
+    std::string label{}; // AddLabelled only
 };
 
 struct Answer {

@@ -32,6 +32,14 @@ SecretBackend::Result KeyringProcessBackend::add(const QString &service, const Q
     return run(Operation::Add, service, account, data);
 }
 
+SecretBackend::Result KeyringProcessBackend::addLabelled(const QString &service, const QString &account,
+                                                         const QByteArray &data, const QString &label)
+{
+    return runAll({{Operation::AddLabelled, service.toStdString(), account.toStdString(), data.toStdString(),
+                    label.toStdString()}})
+        .front();
+}
+
 SecretBackend::Result KeyringProcessBackend::remove(const QString &service, const QString &account)
 {
     return run(Operation::Remove, service, account, {});

@@ -28,6 +28,8 @@ public:
     Result find(const QString &service, const QString &account) override;
     Result update(const QString &service, const QString &account, const QByteArray &data) override;
     Result add(const QString &service, const QString &account, const QByteArray &data) override;
+    Result addLabelled(const QString &service, const QString &account, const QByteArray &data,
+                       const QString &label) override;
     Result remove(const QString &service, const QString &account) override;
     std::vector<Result> findAll(const QString &service, const QStringList &accounts) override;
     QString name() const override { return QStringLiteral("secret-service"); }

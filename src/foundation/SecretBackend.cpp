@@ -62,3 +62,9 @@ void SecretBackend::setSystemDefaultForTesting(std::shared_ptr<SecretBackend> ba
     std::lock_guard lock(g_mutex);
     g_backend = std::move(backend);
 }
+
+SecretBackend::Result SecretBackend::addLabelled(const QString &service, const QString &account, const QByteArray &data,
+                                                 const QString &)
+{
+    return add(service, account, data);
+}

@@ -32,6 +32,9 @@ public:
     virtual Result update(const QString &service, const QString &account, const QByteArray &data) = 0;
     // Creates a new item (the caller checked there is none).
     virtual Result add(const QString &service, const QString &account, const QByteArray &data) = 0;
+    // add() with the label keyring managers show for the item; stores without labels add.
+    virtual Result addLabelled(const QString &service, const QString &account, const QByteArray &data,
+                               const QString &label);
     // Deletes the item(s); ItemNotFound when there is none.
     virtual Result remove(const QString &service, const QString &account) = 0;
     // find() for each account of `service`, answers in the same order. Stores that pay per call

@@ -46,6 +46,8 @@ std::optional<Platform::PackageIdentity> Platform::packageIdentity(const QString
     return std::nullopt;
 }
 
+void Platform::runWithoutTerminal(QProcess &) {}
+
 bool Platform::showNotification(const QString &, const QString &, quint32 *, QString *error)
 {
     if (error)

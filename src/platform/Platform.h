@@ -7,6 +7,8 @@
 #include <memory>
 #include <optional>
 
+class QProcess;
+
 // Everything that differs between macOS and Linux is reached through this one interface.
 // Code outside src/platform never tests the operating system itself.
 //
@@ -77,6 +79,10 @@ public:
     // Hands pages of freed heap memory back to the system where the allocator keeps them;
     // blocks in use are never touched. Does nothing where there is no such call.
     virtual void releaseFreeMemory();
+
+    // Makes `process`, when started, run with no controlling terminal (a session of its own),
+    // so a privilege command it runs can never ask for a password there: it fails at once.
+    virtual void runWithoutTerminal(QProcess &process);
 
     // Program and arguments that install a downloaded update package with administrator
     // rights; the exit status tells success.

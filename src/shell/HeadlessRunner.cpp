@@ -9,6 +9,7 @@
 #include "shell/UrlOpener.h"
 #include "shell/WindowHost.h"
 #include "vpn/NQVPNManager.h"
+#include "vpn/TunnelClientEnd.h"
 
 #include <QCoreApplication>
 #include <QProcess>
@@ -54,7 +55,7 @@ public:
 
 class ConsoleUrls : public UrlOpener {
 public:
-    explicit ConsoleUrls(QTextStream &out) : m_out(out) {}
+    explicit ConsoleUrls(QTextStream &err) : m_out(err) {}
     bool openUrl(const QString &url) override
     {
         m_out << "Open in a browser: " << url << Qt::endl;
@@ -68,41 +69,44 @@ private:
 // Answers alerts as a patient user would: Retry a few times, then give up.
 class ConsoleAlerts : public AlertPresenter {
 public:
-    explicit ConsoleAlerts(QTextStream &out) : m_out(out) {}
+    explicit ConsoleAlerts(QTextStream &err) : m_err(err) {}
     std::function<void()> onGiveUp;
     int retries = 0;
     void runModal(const AlertRequest &alert, std::function<void(long)> done) override
     {
-        m_out << "Alert: " << alert.title << ": " << QString(alert.message).replace(QLatin1Char('\n'), QLatin1Char(' '))
+        m_err << "Alert: " << alert.title << ": " << QString(alert.message).replace(QLatin1Char('\n'), QLatin1Char(' '))
               << Qt::endl;
         const auto has = [&](long tag) {
             return std::ranges::any_of(alert.buttons, [tag](const AlertRequest::Button &b) { return b.tag == tag; });
         };
         if (has(1) && retries < HeadlessRunner::kMaxRetries) {
             ++retries;
-            m_out << "  retrying (" << retries << "/" << HeadlessRunner::kMaxRetries << ")" << Qt::endl;
+            m_err << "  retrying (" << retries << "/" << HeadlessRunner::kMaxRetries << ")" << Qt::endl;
             done(1);
             return;
         }
-        m_out << "  giving up" << Qt::endl;
+        m_err << "  giving up" << Qt::endl;
         onGiveUp();
     }
 
 private:
-    QTextStream &m_out;
+    QTextStream &m_err;
 };
 } // namespace
 
 struct HeadlessRunner::Impl {
-    Impl(Options o, QTextStream &stream)
-        : options(std::move(o)), out(stream), urls(stream), alerts(stream),
-          app(options.arguments, [this] { QCoreApplication::exit(exitCode); }),
-          delegate(app, engine, window, alerts, urls)
+    Impl(Options o, QTextStream &outStream, QTextStream &errStream)
+        : options(std::move(o)), out(outStream), err(errStream), urls(errStream), alerts(errStream),
+          app(options.arguments, [this] { loopEnding(); }),
+          delegate(app, engine, window, alerts, urls, {.standardErrorIsTerminal = options.standardErrorIsTerminal})
     {
+        if (!options.endLoop)
+            options.endLoop = [](int code) { QCoreApplication::exit(code); };
     }
 
     Options options;
     QTextStream &out;
+    QTextStream &err;
     DefaultShellEngine engine;
     ConsoleWindow window;
     ConsoleUrls urls;
@@ -110,36 +114,60 @@ struct HeadlessRunner::Impl {
     NQApplication app;
     AppDelegate delegate;
     MainTimer sessionTimer;
+    MainQueue::TaskId connectDeadline = 0;
     std::unique_ptr<QProcess> hook;
     qint64 sessionSeconds = 0;
-    int exitCode = 0;
+    int exitCode = kExitDone;
     bool finishing = false;
+    bool jobDone = false;      // what was asked has happened (see ExitCode)
+    bool tunnelWanted = false; // a connect is under way or up, not stopped by a command
     bool wasConnected = false;
     bool homeOpened = false;
     QString clusterName;
     std::shared_ptr<char> alive = std::make_shared<char>();
 
+    template <typename Fn> auto guarded(Fn fn)
+    {
+        return [this, weak = std::weak_ptr<char>(alive), fn = std::move(fn)](auto &&...args) {
+            if (weak.lock())
+                fn(std::forward<decltype(args)>(args)...);
+        };
+    }
+    void list();
     void home();
     void connect(const NQVPNCountry &country);
     void stateChanged(int state);
+    void clientEnded(const TunnelClientEnd &end);
     void runHook();
+    void stopTunnel();
+    void fail(int code, const QString &why);
     void finish(int code);
+    void loopEnding();
 };
 
-HeadlessRunner::HeadlessRunner(Options options, QTextStream &out) : d(std::make_unique<Impl>(std::move(options), out))
+HeadlessRunner::HeadlessRunner(Options options, QTextStream &out, QTextStream &err)
+    : d(std::make_unique<Impl>(std::move(options), out, err))
 {
     d->window.onHome = [this] { d->home(); };
-    d->alerts.onGiveUp = [this] { d->finish(1); };
+    // The start-up alerts are all about reaching the backend.
+    d->alerts.onGiveUp = [this] { d->fail(kExitBackendUnreachable, QStringLiteral("The backend cannot be reached")); };
 }
 
 HeadlessRunner::~HeadlessRunner()
 {
     NQVPNManager::sharedManager().setOnConnectionStateChange(nullptr);
+    NQVPNManager::sharedManager().setOnClientEnded(nullptr);
+    if (d->connectDeadline)
+        MainQueue::cancel(d->connectDeadline);
 }
 
 void HeadlessRunner::start()
 {
-    d->out << "Starting up..." << Qt::endl;
+    if (d->options.mode == Mode::List) {
+        d->list();
+        return;
+    }
+    d->err << "Starting up..." << Qt::endl;
     d->delegate.applicationDidFinishLaunching();
 }
 
@@ -148,22 +176,53 @@ int HeadlessRunner::exitCode() const
     return d->exitCode;
 }
 
-void HeadlessRunner::finish(int exitCode)
+void HeadlessRunner::interrupt(int signalNumber)
 {
-    d->finish(exitCode);
+    d->err << "Signal " << signalNumber << ": ending" << Qt::endl;
+    d->finish(d->jobDone ? kExitDone : kExitInterrupted);
 }
 
 void HeadlessRunner::command(const QString &line)
 {
     const QString word = line.trimmed().toLower();
-    if (word == QLatin1String("disconnect") || word == QLatin1String("quit")) {
-        d->finish(0);
+    if (word == QLatin1String("quit")) {
+        d->finish(d->jobDone ? kExitDone : kExitInterrupted);
+    } else if (word == QLatin1String("disconnect")) {
+        const int state = AppStorageManager::sharedManager().getVPNStatus();
+        if (state == VpnStateConnected || state == VpnStateConnecting) {
+            d->err << "Disconnecting (type quit to end)..." << Qt::endl;
+            d->stopTunnel();
+        } else {
+            d->err << "Not connected (type quit to end)" << Qt::endl;
+        }
     } else if (word == QLatin1String("status")) {
         const int state = AppStorageManager::sharedManager().getVPNStatus();
         d->out << "State: " << state << " " << stateName(state) << Qt::endl;
     } else if (!word.isEmpty()) {
-        d->out << "Unknown command '" << word << "' (status, disconnect, quit)" << Qt::endl;
+        d->err << "Unknown command '" << word << "' (status, disconnect, quit)" << Qt::endl;
     }
+}
+
+void HeadlessRunner::Impl::list()
+{
+    // The catalogue request needs only the device identifier and the configuration: no
+    // account, bridge, login item or start-up delays.
+    delegate.redirectConsoleLogToDocumentFolder();
+    NQVPNManager::sharedManager().getCountries(
+        guarded([this](const QList<NQVPNCountry> &countries, const NQErrorOpt &error) {
+            if (error) {
+                fail(kExitBackendUnreachable,
+                     QStringLiteral("Cannot load the server list: ") + error->localizedDescription());
+                return;
+            }
+            if (countries.isEmpty())
+                err << "The backend offers no clusters" << Qt::endl;
+            for (const NQVPNCountry &c : countries)
+                out << c.countryIso << "\t" << c.countryName << (c.isDefault ? "\t(default)" : "")
+                    << (c.enabled ? "" : "\t(disabled)") << Qt::endl;
+            jobDone = true;
+            finish(kExitDone);
+        }));
 }
 
 void HeadlessRunner::Impl::home()
@@ -172,24 +231,17 @@ void HeadlessRunner::Impl::home()
         return;
     homeOpened = true;
     alerts.retries = 0;
-    out << "Ready." << Qt::endl;
-    if (options.mode == Mode::Idle)
+    err << "Ready." << Qt::endl;
+    if (options.mode == Mode::Idle) {
+        jobDone = true;
         return;
+    }
     NQVPNManager::sharedManager().getCountries(
-        [this, weak = std::weak_ptr<char>(alive)](const QList<NQVPNCountry> &countries, const NQErrorOpt &error) {
-            if (!weak.lock())
-                return;
+        guarded([this](const QList<NQVPNCountry> &countries, const NQErrorOpt &error) {
             if (countries.isEmpty()) {
-                out << "Cannot load the server list"
-                    << (error ? QStringLiteral(": ") + error->localizedDescription() : QString()) << Qt::endl;
-                finish(1);
-                return;
-            }
-            if (options.mode == Mode::List) {
-                for (const NQVPNCountry &c : countries)
-                    out << c.countryIso << "\t" << c.countryName << (c.isDefault ? "\t(default)" : "")
-                        << (c.enabled ? "" : "\t(disabled)") << Qt::endl;
-                finish(0);
+                fail(kExitBackendUnreachable,
+                     QStringLiteral("Cannot load the server list") +
+                         (error ? QStringLiteral(": ") + error->localizedDescription() : QString()));
                 return;
             }
             const NQVPNCountry *chosen = nullptr;
@@ -204,39 +256,53 @@ void HeadlessRunner::Impl::home()
             if (!chosen && options.mode == Mode::Script)
                 chosen = &countries.first(); // no cluster marked default: the first one
             if (!chosen) {
-                out << "No cluster named '" << options.target << "' (see --list)" << Qt::endl;
-                finish(2);
+                fail(kExitUsage, QStringLiteral("No cluster named '%1' (see --list)").arg(options.target));
                 return;
             }
             connect(*chosen);
-        });
+        }));
 }
 
 void HeadlessRunner::Impl::connect(const NQVPNCountry &country)
 {
     NQVPNManager &vpn = NQVPNManager::sharedManager();
     clusterName = country.countryName;
+    tunnelWanted = true;
     vpn.setCurrentCountry(country);
-    // States read from the client's output arrive on its I/O thread.
+    // States and client ends arrive on the tunnel's I/O thread.
     vpn.setOnConnectionStateChange([this, weak = std::weak_ptr<char>(alive)](int state) {
         MainQueue::async([this, weak, state] {
             if (weak.lock())
                 stateChanged(state);
         });
     });
-    out << "Connecting to " << country.countryName << " (" << country.countryIso << ")..." << Qt::endl;
-    vpn.getCountryVPNConfig(country.countryId, [this, name = country.countryName, weak = std::weak_ptr<char>(alive)](
-                                                   const QString &ovpn, const QString &, const NQErrorOpt &error) {
-        if (!weak.lock())
-            return;
-        if (error || ovpn.isEmpty()) {
-            out << "Cannot get the profile of " << name
-                << (error ? QStringLiteral(": ") + error->localizedDescription() : QString()) << Qt::endl;
-            finish(1);
-            return;
-        }
-        NQVPNManager::sharedManager().startVPNConnectionWithConfigContent(ovpn, name);
+    vpn.setOnClientEnded([this, weak = std::weak_ptr<char>(alive)](const TunnelClientEnd &end) {
+        MainQueue::async([this, weak, end] {
+            if (weak.lock())
+                clientEnded(end);
+        });
     });
+    connectDeadline = MainQueue::after(
+        kConnectTimeoutMs, guarded([this] {
+            connectDeadline = 0;
+            if (!wasConnected)
+                fail(kExitCouldNotConnect,
+                     QStringLiteral("No tunnel after %1 seconds: giving up").arg(kConnectTimeoutMs / 1000));
+        }));
+    err << "Connecting to " << country.countryName << " (" << country.countryIso << ")..." << Qt::endl;
+    vpn.getCountryVPNConfig(
+        country.countryId,
+        guarded([this, name = country.countryName](const QString &ovpn, const QString &, const NQErrorOpt &error) {
+            if (finishing)
+                return;
+            if (error || ovpn.isEmpty()) {
+                fail(kExitBackendUnreachable,
+                     QStringLiteral("Cannot get the profile of ") + name +
+                         (error ? QStringLiteral(": ") + error->localizedDescription() : QString()));
+                return;
+            }
+            NQVPNManager::sharedManager().startVPNConnectionWithConfigContent(ovpn, name);
+        }));
 }
 
 void HeadlessRunner::Impl::stateChanged(int state)
@@ -249,63 +315,98 @@ void HeadlessRunner::Impl::stateChanged(int state)
         sessionTimer.start(HeadlessRunner::kSessionTickMs, [this] {
             ++sessionSeconds;
             if (sessionSeconds % 10 == 0)
-                out << "Session time: " << StringAddition::durationStringFromSeconds(sessionSeconds) << Qt::endl;
+                err << "Session time: " << StringAddition::durationStringFromSeconds(sessionSeconds) << Qt::endl;
         });
         if (options.mode == Mode::Script)
             runHook();
+        else
+            jobDone = true;
     } else if (state == VpnStateAuthFailed) {
-        out << "The server refused the VPN credentials" << Qt::endl;
-        finish(1);
+        fail(kExitCouldNotConnect, QStringLiteral("The server refused the VPN credentials"));
     } else if (state == VpnStateDisconnected) {
         if (sessionTimer.isActive()) {
             sessionTimer.stop();
-            out << "Session ended after " << StringAddition::durationStringFromSeconds(sessionSeconds) << Qt::endl;
+            err << "Session ended after " << StringAddition::durationStringFromSeconds(sessionSeconds) << Qt::endl;
         }
-        // A tunnel that ends by itself ends the run; one we stopped is already finishing.
-        if (!finishing)
-            finish(1);
+        // A tunnel that ends by itself ends the run; one we stopped is already finishing or
+        // was ended by a command.
+        if (tunnelWanted && !finishing)
+            fail(kExitCouldNotConnect,
+                 wasConnected ? QStringLiteral("The tunnel went down") : QStringLiteral("The tunnel did not come up"));
     }
+}
+
+void HeadlessRunner::Impl::clientEnded(const TunnelClientEnd &end)
+{
+    if (!tunnelWanted || finishing)
+        return;
+    fail(kExitCouldNotConnect, end.message());
 }
 
 void HeadlessRunner::Impl::runHook()
 {
-    out << "Running traffic check: " << options.onConnectedCommand << Qt::endl;
+    err << "Running traffic check: " << options.onConnectedCommand << Qt::endl;
     hook = std::make_unique<QProcess>();
     hook->setProcessChannelMode(QProcess::ForwardedChannels);
-    QObject::connect(hook.get(), &QProcess::finished, hook.get(),
-                     [this, weak = std::weak_ptr<char>(alive)](int code, QProcess::ExitStatus status) {
-                         if (!weak.lock())
-                             return;
-                         const bool ok = status == QProcess::NormalExit && code == 0;
-                         out << (ok ? "Traffic check passed" : "Traffic check FAILED") << " (status " << code << ")"
-                             << Qt::endl;
-                         finish(ok ? 0 : 1);
-                     });
-    QObject::connect(hook.get(), &QProcess::errorOccurred, hook.get(),
-                     [this, weak = std::weak_ptr<char>(alive)](QProcess::ProcessError e) {
-                         if (weak.lock() && e == QProcess::FailedToStart) {
-                             out << "Traffic check could not start" << Qt::endl;
-                             finish(1);
-                         }
-                     });
+    QObject::connect(
+        hook.get(), &QProcess::finished, hook.get(), guarded([this](int code, QProcess::ExitStatus status) {
+            const bool ok = status == QProcess::NormalExit && code == 0;
+            out << (ok ? "Traffic check passed" : "Traffic check FAILED") << " (status " << code << ")" << Qt::endl;
+            jobDone = ok;
+            finish(ok ? kExitDone : kExitCheckFailed);
+        }));
+    QObject::connect(hook.get(), &QProcess::errorOccurred, hook.get(), guarded([this](QProcess::ProcessError e) {
+                         if (e == QProcess::FailedToStart)
+                             fail(kExitCheckFailed, QStringLiteral("The traffic check could not start"));
+                     }));
     hook->start(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), options.onConnectedCommand});
+}
+
+void HeadlessRunner::Impl::stopTunnel()
+{
+    tunnelWanted = false;
+    if (connectDeadline) {
+        MainQueue::cancel(connectDeadline);
+        connectDeadline = 0;
+    }
+    NQVPNManager::sharedManager().stopVPNConnection();
+}
+
+void HeadlessRunner::Impl::fail(int code, const QString &why)
+{
+    if (!finishing)
+        err << why << Qt::endl;
+    finish(code);
 }
 
 void HeadlessRunner::Impl::finish(int code)
 {
-    if (exitCode == 0)
+    if (exitCode == kExitDone)
         exitCode = code;
     if (finishing)
         return;
     finishing = true;
+    if (options.mode == Mode::List) {
+        MainQueue::async(guarded([this] { options.endLoop(exitCode); }));
+        return;
+    }
     const int state = AppStorageManager::sharedManager().getVPNStatus();
-    if (state == VpnStateConnected || state == VpnStateConnecting) {
-        out << "Disconnecting..." << Qt::endl;
-        NQVPNManager::sharedManager().stopVPNConnection();
+    if (tunnelWanted && (state == VpnStateConnected || state == VpnStateConnecting)) {
+        err << "Disconnecting..." << Qt::endl;
+        stopTunnel();
     }
     // Leave the current callback first: the controller may end the event loop right away.
-    MainQueue::async([this, weak = std::weak_ptr<char>(alive)] {
-        if (weak.lock())
-            app.terminate();
-    });
+    MainQueue::async(guarded([this] { app.terminate(); }));
+}
+
+void HeadlessRunner::Impl::loopEnding()
+{
+    // Someone else ended the application (an update being installed): the job was cut short.
+    if (!finishing) {
+        finishing = true;
+        if (exitCode == kExitDone)
+            exitCode = kExitInterrupted;
+        err << "The application is ending before the job was done" << Qt::endl;
+    }
+    options.endLoop(exitCode);
 }

@@ -11,6 +11,8 @@
 #include "shell/ShellEngine.h"
 #include "vpn/VpnState.h"
 
+#include <algorithm>
+
 namespace {
 const OsLog &alertLogger()
 {
@@ -59,9 +61,14 @@ void SplashVC::showErrorMessage(const QString &message, const QString &title, Bl
         if (quitOptionEnabled)
             add("Quit", kQuitTag);
         setState(State::AlertShown);
-        m_alerts.runModal(alert, [=, this, alive = std::weak_ptr<char>(m_alive)](long result) {
+        m_alerts.runModal(alert, [=, this, alive = std::weak_ptr<char>(m_alive)](long answer) {
             if (!alive.lock())
                 return;
+            // An alert closed by its window's own button answers with no button of ours: that
+            // is the default (first) choice, as Return would be, not a dead end.
+            const bool offered =
+                std::ranges::any_of(alert.buttons, [answer](const auto &b) { return b.tag == answer; });
+            const long result = offered || alert.buttons.isEmpty() ? answer : alert.buttons.first().tag;
             alertLogger().info(QStringLiteral("Show Error Alert: result: '%1'.").arg(result));
             handleAlertResult(result, continueBlock, retryBlock, restartOptionEnabled, quitOptionEnabled);
         });

@@ -2,6 +2,7 @@
 
 #include "foundation/NQError.h"
 #include "vpn/NQVPNCountry.h"
+#include "vpn/TunnelClientEnd.h"
 #include "vpn/TunnelProfileFiles.h"
 #include "vpn/VpnState.h"
 
@@ -35,6 +36,9 @@ public:
     // Keychain item of savePasswordToKeychain / retrievePasswordFromKeychain.
     static constexpr auto kKeychainService = "com.pelorin.vpn.mac";
     static constexpr auto kKeychainAccount = "PelorinVPNUser";
+    static constexpr auto kKeychainLabel = "VPN User Password";
+    // How long a stop waits for the kill by name before it logs and goes on.
+    static constexpr int kKillByNameTimeoutMs = 10000;
 
     // A manager over the process-wide platform, settings store and backend configuration.
     NQVPNManager();
@@ -73,11 +77,19 @@ public:
     // Empties the temporary directory, 5, signals the recorded client, clears currentCountry,
     // then disconnectAllVPNConnections (which ends in 1).
     void stopVPNConnection();
-    // Kills every client by name through sudo; blocks until pkill exits; always ends in 1.
+    // Kills every client by name through sudo; blocks until pkill exits, at most
+    // kKillByNameTimeoutMs (then logs and goes on); always ends in 1.
     void disconnectAllVPNConnections();
+    void setKillByNameTimeoutForTesting(int ms) { m_killByNameTimeoutMs = ms; }
 
     StateCallback onConnectionStateChange() const;
     void setOnConnectionStateChange(StateCallback callback);
+
+    // Called on the tunnel I/O thread when the current launch's client ended and its output
+    // never said so: sudo refused it, or it was killed. The state is left as it was; the
+    // owner shows the message and stops.
+    using ClientEndCallback = std::function<void(const TunnelClientEnd &end)>;
+    void setOnClientEnded(ClientEndCallback callback);
 
     // --- Keychain helpers (not used by the rest of the application)
     void savePasswordToKeychain(const QString &password);
@@ -91,6 +103,7 @@ private:
     TunnelProfileFiles m_files;
     std::shared_ptr<TunnelStateReporter> m_reporter;
     std::unique_ptr<TunnelProcess> m_process;
+    int m_killByNameTimeoutMs = kKillByNameTimeoutMs;
     // Replies that arrive after the manager is gone only reach their completion.
     std::shared_ptr<char> m_alive = std::make_shared<char>();
 };

@@ -28,7 +28,10 @@ void NQVPNManager::savePasswordToKeychain(const QString &password)
     const QByteArray data = password.toUtf8();
     // The secret store adds blindly, so the duplicate case of the keychain is found first.
     const auto existing = secrets.find(service(), account());
-    const int status = existing.ok() ? kDuplicateItem : secrets.add(service(), account(), data).status;
+    const int status =
+        existing.ok()
+            ? kDuplicateItem
+            : secrets.addLabelled(service(), account(), data, QLatin1String(NQVPNManager::kKeychainLabel)).status;
     if (status == SecretBackend::Success) {
         log(QStringLiteral("Password successfully saved to Keychain."));
     } else if (status == kDuplicateItem) {

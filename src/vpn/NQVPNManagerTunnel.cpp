@@ -12,6 +12,7 @@
 #include <QProcess>
 
 #include <csignal>
+#include <cstdint>
 
 namespace {
 void log(const QString &text)
@@ -27,14 +28,27 @@ QString shellQuoted(const QString &text)
     return QLatin1Char('\'') + quoted + QLatin1Char('\'');
 }
 
-void handleOutput(const std::weak_ptr<TunnelStateReporter> &weakReporter, const QByteArray &bytes)
+// What one launch's handlers know about its run; touched only on the tunnel I/O thread.
+struct LaunchRecord {
+    std::uint64_t launch = 0;
+    bool clientSpoke = false;     // a line of the client itself has arrived
+    bool finalMarkerSeen = false; // the output has reported the end (state 1)
+    QString earlyOutput;          // what came before the client spoke (sudo's words)
+};
+
+void handleOutput(const std::weak_ptr<TunnelStateReporter> &weakReporter, LaunchRecord &record, const QByteArray &bytes)
 {
     const auto chunk = TunnelOutputParser::parse(bytes);
     if (!chunk)
         return;
     log(QStringLiteral("Output: %1").arg(chunk->text));
+    if (chunk->text.contains(QLatin1String(NQVPNManager::kClientName) + QLatin1Char(':')))
+        record.clientSpoke = true;
+    else if (!record.clientSpoke && record.earlyOutput.size() < TunnelClientEnd::kMaxDetailChars)
+        record.earlyOutput += chunk->text;
     if (!chunk->state)
         return;
+    record.finalMarkerSeen = *chunk->state == VpnStateDisconnected;
     switch (*chunk->state) {
     case VpnStateConnected:
         log(QStringLiteral("VPN Connected Successfully."));
@@ -48,7 +62,8 @@ void handleOutput(const std::weak_ptr<TunnelStateReporter> &weakReporter, const 
     default:
         break;
     }
-    if (const auto reporter = weakReporter.lock())
+    // A client of an earlier launch no longer speaks for the tunnel.
+    if (const auto reporter = weakReporter.lock(); reporter && reporter->isCurrent(record.launch))
         reporter->report(*chunk->state);
 }
 } // namespace
@@ -61,6 +76,11 @@ NQVPNManager::StateCallback NQVPNManager::onConnectionStateChange() const
 void NQVPNManager::setOnConnectionStateChange(StateCallback callback)
 {
     m_reporter->setCallback(std::move(callback));
+}
+
+void NQVPNManager::setOnClientEnded(ClientEndCallback callback)
+{
+    m_reporter->setClientEndCallback(std::move(callback));
 }
 
 void NQVPNManager::startVPNConnectionWithConfigContent(const QString &content, const QString &countryName)
@@ -77,16 +97,29 @@ void NQVPNManager::startVPNConnectionWithConfigContent(const QString &content, c
         return;
     }
 
+    auto record = std::make_shared<LaunchRecord>();
+    record->launch = m_reporter->nextLaunch();
     m_reporter->report(VpnStateConnecting);
     const std::weak_ptr<TunnelStateReporter> weakReporter = m_reporter;
     TunnelProcess::Handlers handlers;
-    handlers.onOutput = [weakReporter](const QByteArray &chunk) { handleOutput(weakReporter, chunk); };
-    // The exit itself changes no state: the last output chunk has said what happened.
-    handlers.onTerminated = [](int exitStatus, const QByteArray &remaining) {
+    handlers.onOutput = [weakReporter, record](const QByteArray &chunk) { handleOutput(weakReporter, *record, chunk); };
+    // The exit itself changes no state: the last output chunk has said what happened. A run
+    // whose output never said it (sudo refused, the client was killed) is handed to the
+    // owner, who tells the user and stops.
+    handlers.onTerminated = [weakReporter, record](int exitStatus, const QByteArray &remaining) {
         log(QStringLiteral("OpenVPN process terminated with exit code: %1").arg(exitStatus));
         const QString rest = QString::fromUtf8(remaining);
         if (!rest.isEmpty())
             log(QStringLiteral("OpenVPN error output: %1").arg(rest));
+        const auto reporter = weakReporter.lock();
+        if (!reporter || !reporter->isCurrent(record->launch))
+            return;
+        const auto end =
+            TunnelClientEnd::classify(record->finalMarkerSeen, record->clientSpoke, exitStatus, record->earlyOutput);
+        if (end) {
+            log(QStringLiteral("OpenVPN process ended unreported: %1").arg(end->message()));
+            reporter->reportClientEnd(*end);
+        }
     };
     const auto launch = m_process->launch(platform.sudoPath(), {clientPath, profilePath}, std::move(handlers));
     if (launch.pid == 0) {
@@ -121,10 +154,18 @@ void NQVPNManager::disconnectAllVPNConnections()
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.setStandardInputFile(QProcess::nullDevice());
+    // Without a terminal sudo cannot ask for a password: a missing rule fails at once.
+    Platform::instance().runWithoutTerminal(process);
     process.start(QStringLiteral("/bin/bash"), {QStringLiteral("-c"), command});
-    // No time limit: the caller waits for pkill, as it always has.
-    if (!process.waitForStarted() || !process.waitForFinished(-1)) {
+    // The caller blocks (the window's thread), so the wait has a bound; then the stop goes on.
+    if (!process.waitForStarted()) {
         log(QStringLiteral("Error while executing sudo command: %1").arg(process.errorString()));
+    } else if (!process.waitForFinished(m_killByNameTimeoutMs)) {
+        log(QStringLiteral("Error while executing sudo command: %1 did not finish within %2 ms")
+                .arg(command)
+                .arg(m_killByNameTimeoutMs));
+        process.kill();
+        process.waitForFinished(m_killByNameTimeoutMs);
     } else {
         const QString output = QString::fromUtf8(process.readAll());
         if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0)

@@ -1,8 +1,12 @@
 #include "vpn/TunnelProcess.h"
 
+#include "platform/Platform.h"
+
 #include <QMetaObject>
 #include <QProcess>
 #include <QThread>
+
+#include <future>
 
 TunnelProcess::TunnelProcess() : m_thread(new QThread), m_context(new QObject)
 {
@@ -31,15 +35,21 @@ TunnelProcess::~TunnelProcess()
 
 TunnelProcess::Launch TunnelProcess::launch(const QString &program, const QStringList &arguments, Handlers handlers)
 {
-    Launch result;
+    // The launch runs on the I/O thread; its result comes back through a future, a hand-over
+    // the thread sanitizer can see (Qt's blocking call synchronises out of its sight).
+    auto promise = std::make_shared<std::promise<Launch>>();
+    std::future<Launch> launched = promise->get_future();
     QMetaObject::invokeMethod(
         m_context,
-        [&] {
+        [this, program, arguments, handlers = std::move(handlers), promise] {
+            Launch result;
             auto *process = new QProcess(m_context);
             process->setProcessChannelMode(QProcess::MergedChannels);
             process->setStandardInputFile(QProcess::nullDevice());
             process->setProgram(program);
             process->setArguments(arguments);
+            // sudo must fail at once rather than ask for a password on our terminal.
+            Platform::instance().runWithoutTerminal(*process);
             QObject::connect(process, &QProcess::readyReadStandardOutput, process,
                              [process, onOutput = handlers.onOutput] {
                                  const QByteArray chunk = process->readAllStandardOutput();
@@ -53,13 +63,14 @@ TunnelProcess::Launch TunnelProcess::launch(const QString &program, const QStrin
                                  process->deleteLater();
                              });
             process->start();
-            if (!process->waitForStarted()) {
+            if (process->waitForStarted()) {
+                result.pid = process->processId();
+            } else {
                 result.failureReason = process->errorString();
                 delete process;
-                return;
             }
-            result.pid = process->processId();
+            promise->set_value(result);
         },
-        Qt::BlockingQueuedConnection);
-    return result;
+        Qt::QueuedConnection);
+    return launched.get();
 }

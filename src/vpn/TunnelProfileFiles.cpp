@@ -98,14 +98,13 @@ QString TunnelProfileFiles::writeCredentialsToTemporaryFileWithUsername(const QS
                                                                         const QString &password) const
 {
     QString why;
-    QString path;
-    // A file holding "(null)" would only surface later as a puzzling authentication failure.
+    const QString path = entryPath(m_temporaryDirectory(), QLatin1String(kCredentialsFileName), &why);
+    // Missing values are written as the text "(null)" and the start goes on: the server then
+    // refuses the login, which reaches the user as an authentication failure.
     if (username.isNull() || password.isNull())
-        why = QStringLiteral("no VPN user name and password could be read: none is stored for this device yet, "
-                             "or the keychain cannot be reached");
-    else
-        path = entryPath(m_temporaryDirectory(), QLatin1String(kCredentialsFileName), &why);
-    const QString content = username + QLatin1Char('\n') + password;
+        NQLog::line(QStringLiteral("|NQVPNManager| No VPN user name or password is stored for this device; "
+                                   "the server will refuse the login."));
+    const QString content = textOrNull(username) + QLatin1Char('\n') + textOrNull(password);
     if (path.isNull() || !writeAtomically(path, content.toUtf8(), &why)) {
         NQLog::line(QStringLiteral("|NQVPNManager| Failed to write temporary credentials file: %1").arg(why));
         return {};

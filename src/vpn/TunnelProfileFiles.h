@@ -23,7 +23,8 @@ public:
     void clearTemporaryDirectory() const;
     // Writes `config` unchanged; the cluster name is kept verbatim in the file name.
     QString writeConfigToTemporaryFile(const QString &config, const QString &countryName) const;
-    // Writes "<user>\n<password>" without a trailing line feed.
+    // Writes "<user>\n<password>" without a trailing line feed; a missing value is written as
+    // "(null)" (the server then refuses the login).
     QString writeCredentialsToTemporaryFileWithUsername(const QString &username, const QString &password) const;
 
     // Every "auth-user-pass" in `profile` followed by a blank and `credentialsPath`: plain text

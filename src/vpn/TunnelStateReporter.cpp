@@ -21,3 +21,20 @@ void TunnelStateReporter::report(int state) const
     if (const Callback callback = this->callback())
         callback(state);
 }
+
+void TunnelStateReporter::setClientEndCallback(ClientEndCallback callback)
+{
+    std::lock_guard lock(m_mutex);
+    m_clientEndCallback = std::move(callback);
+}
+
+void TunnelStateReporter::reportClientEnd(const TunnelClientEnd &end) const
+{
+    ClientEndCallback callback;
+    {
+        std::lock_guard lock(m_mutex);
+        callback = m_clientEndCallback;
+    }
+    if (callback)
+        callback(end);
+}

@@ -76,6 +76,17 @@ private slots:
         QCOMPARE(SecretBackend::systemDefault()->name(), QStringLiteral("secret-service"));
     }
 
+    void aLabelledItemShowsItsLabel()
+    {
+        QVERIFY(m_backend->addLabelled(kService, QStringLiteral("labelled"), "x", QStringLiteral("VPN User Password"))
+                    .ok());
+        const ToolResult found = run(QStringLiteral("secret-tool"),
+                                     {QStringLiteral("search"), QStringLiteral("--all"), QStringLiteral("service"),
+                                      kService, QStringLiteral("account"), QStringLiteral("labelled")});
+        QVERIFY2(found.out.contains(QStringLiteral("label = VPN User Password\n")), qPrintable(found.out));
+        QVERIFY(m_backend->remove(kService, QStringLiteral("labelled")).ok());
+    }
+
     void itemsAreRealKeyringItemsKeyedByServiceAndAccount()
     {
         NQErrorOpt error;

@@ -107,16 +107,19 @@ class TstKeyringProcess : public QObject {
 private slots:
     void messagesSurviveARoundTrip()
     {
-        for (Operation operation :
-             {Operation::Ping, Operation::Find, Operation::Update, Operation::Add, Operation::Remove}) {
+        for (Operation operation : {Operation::Ping, Operation::Find, Operation::Update, Operation::Add,
+                                    Operation::Remove, Operation::AddLabelled}) {
             Request request = sampleRequest();
             request.operation = operation;
+            request.label = "VPN User Password";
             const std::optional<Request> back = decodeRequest(encode(request).value());
             QVERIFY(back);
             QCOMPARE(back->operation, operation);
             QCOMPARE(back->service, request.service);
             QCOMPARE(back->account, request.account);
             QCOMPARE(back->secret, kBinarySecret);
+            // Only the labelled add carries its label.
+            QCOMPARE(back->label, operation == Operation::AddLabelled ? request.label : std::string());
         }
         const std::optional<Answer> answer = decodeAnswer(encode(sampleAnswer()).value());
         QVERIFY(answer);
@@ -144,7 +147,7 @@ private slots:
         std::string unknown = request;
         unknown[4] = char(0);
         QVERIFY(!decodeRequest(unknown));
-        unknown[4] = char(int(Operation::Remove) + 1);
+        unknown[4] = char(int(Operation::AddLabelled) + 1);
         QVERIFY(!decodeRequest(unknown));
 
         // A length past the limit is refused before anything is allocated for it.

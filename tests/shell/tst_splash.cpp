@@ -188,7 +188,7 @@ private slots:
         QCOMPARE(restarts, 2);
     }
 
-    void quitAsksTheApplicationAndUnknownResultIsAFault()
+    void quitAsksTheApplicationUnknownResultIsAFaultAndCloseIsTheDefault()
     {
         int exits = 0;
         NQApplication app({}, [&] { ++exits; });
@@ -206,6 +206,14 @@ private slots:
         QCOMPARE(log.osRecords().last().level, OsLog::Level::Fault);
         QCOMPARE(log.osRecords().last().text,
                  QStringLiteral("Show Error Alert: FATAL ERROR: 'Unknown option - 1000'."));
+
+        // Closed with the window's own button: the default (first) choice, never a dead end.
+        int retries = 0;
+        splash->showErrorMessage(QStringLiteral("m"), QStringLiteral("t"), {}, [&] { ++retries; });
+        m_clock->advance(0);
+        m_alerts->press(AlertPresenter::kDefaultButtonTag);
+        QCOMPARE(retries, 1);
+        QCOMPARE(log.osRecords().last().text, QStringLiteral("Show Error Alert: result: '1'."));
     }
 
     void appReadyOpensHomeTwoSecondsLaterAndSubscribesOnce()

@@ -3,39 +3,22 @@
 #include "foundation/MainQueue.h"
 #include "support/LogCapture.h"
 #include "support/VpnTestEnvironment.h"
+#include "vpn/TunnelClientEnd.h"
 
 #include <QtTest>
 
 #include <csignal>
 #include <mutex>
 
+#include <unistd.h>
+
 namespace {
 constexpr int kWaitMs = 15000;
 
-// Runs the program it is given, or a kill by name limited to this test's own helpers, so
-// parallel tests never stop each other's clients.
-const QByteArray kStandInSudo = R"SH(#!/bin/bash
-here="$(dirname "$0")"
-printf '%s\n' "$*" >> "$here/sudo-calls"
-if [ "$1" = pkill ]; then exec pkill -f "$here/helpers/$2"; fi
-exec "$@"
-)SH";
+const QByteArray kStandInSudo = VpnTestEnvironment::kStandInSudo;
+const QByteArray kStandInClient = VpnTestEnvironment::kStandInClient;
 
-// Records how it was started, then does what the test put in "behaviour".
-const QByteArray kStandInClient = R"SH(#!/bin/bash
-here="$(dirname "$0")"
-printf '%s\n' "$@" > "$here/args"
-cat "$1" > "$here/profile-at-launch"
-echo $$ > "$here/pid"
-step() { while [ ! -e "$here/go$1" ]; do sleep 0.02; done; }
-source "$here/behaviour"
-)SH";
-
-const QByteArray kConnectThenWait = R"SH(
-trap 'printf "ovpncli: Exiting due to signal 15\n"; exit 143' TERM
-printf 'ovpncli: state CONNECTED\n'
-while :; do sleep 1 & wait $!; done
-)SH";
+const QByteArray kConnectThenWait = VpnTestEnvironment::kConnectThenWait;
 
 struct StateLog {
     mutable std::mutex mutex;
@@ -67,12 +50,15 @@ private slots:
     void cleanup();
     void connectAndStop();
     void markersAreReadChunkByChunk();
-    void authFailureSurvivesTheExit();
-    void clientThatExitsAtOnce();
+    void theExitItselfChangesNoState();
     void launchFailureLeavesConnecting();
-    void missingClientOrCredentialsChangeNothing();
+    void missingClientChangesNothing();
+    void missingCredentialsStillStart();
+    void staleClientNeverTouchesANewLaunch();
+    void refusedOrSilentEndsAreHandedToTheOwner();
     void stopWithNothingRunning();
     void stopWithAClientThatIgnoresSignals();
+    void stopDoesNotWaitForeverForTheKillByName();
 
 private:
     void install(const QByteArray &behaviour);
@@ -85,6 +71,13 @@ private:
     std::unique_ptr<VpnTestEnvironment> m_env;
     std::unique_ptr<LogCapture> m_logs;
     std::shared_ptr<StateLog> m_states;
+    std::shared_ptr<std::mutex> m_endsMutex = std::make_shared<std::mutex>();
+    std::shared_ptr<QList<TunnelClientEnd>> m_ends;
+    QList<TunnelClientEnd> ends() const
+    {
+        std::lock_guard lock(*m_endsMutex);
+        return *m_ends;
+    }
 };
 
 void TestVpnTunnel::init()
@@ -98,6 +91,11 @@ void TestVpnTunnel::init()
         std::lock_guard lock(states->mutex);
         states->states << state;
         states->onMainThread << MainQueue::isMainThread();
+    });
+    m_ends = std::make_shared<QList<TunnelClientEnd>>();
+    m_env->manager().setOnClientEnded([ends = m_ends, mutex = m_endsMutex](const TunnelClientEnd &end) {
+        std::lock_guard lock(*mutex);
+        *ends << end;
     });
 }
 
@@ -164,6 +162,11 @@ void TestVpnTunnel::connectAndStop()
     QVERIFY(m_logs->lines().contains(
         QStringLiteral("|NQVPNManager| All OpenVPN connections have been disconnected successfully.")));
     QTRY_VERIFY_WITH_TIMEOUT(!processAlive(pid), kWaitMs);
+    // Both sudo runs (client, kill by name) were in a session other than ours.
+    const QList<QByteArray> sessions = contentOf(m_env->root() + QStringLiteral("/sudo-sessions")).split('\n');
+    QCOMPARE(sessions.size(), 3);
+    for (const QByteArray &session : sessions.mid(0, 2))
+        QVERIFY(session.toLongLong() != ::getsid(0));
     // The client's last words are read too, and the exit is logged without a state of its own.
     QTRY_VERIFY_WITH_TIMEOUT(
         m_logs->lines().contains(QStringLiteral("|NQVPNManager| OpenVPN process terminated with exit code: 143")),
@@ -213,26 +216,25 @@ printf '\xff DISCONNECTED\n'
     QVERIFY(m_logs->lines().filter(QStringLiteral("DISCONNECTED\n")).size() == 1);
 }
 
-void TestVpnTunnel::authFailureSurvivesTheExit()
+void TestVpnTunnel::theExitItselfChangesNoState()
 {
-    install("printf 'AUTH: Received control message: AUTH_FAILED\\n'\nexit 1\n");
-    m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
-    QTRY_VERIFY_WITH_TIMEOUT(
-        m_logs->lines().contains(QStringLiteral("|NQVPNManager| OpenVPN process terminated with exit code: 1")),
-        kWaitMs);
-    QCOMPARE(m_states->snapshot(), (QList<int>{2, 0}));
-    QCOMPARE(m_env->storage().getVPNStatus(), 0);
-}
-
-void TestVpnTunnel::clientThatExitsAtOnce()
-{
-    install("exit 3\n");
-    m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
-    QTRY_VERIFY_WITH_TIMEOUT(
-        m_logs->lines().contains(QStringLiteral("|NQVPNManager| OpenVPN process terminated with exit code: 3")),
-        kWaitMs);
-    QCOMPARE(m_states->snapshot(), QList<int>{2});
-    QCOMPARE(m_env->storage().getVPNStatus(), 2);
+    // Whatever the last output said stays: an authentication failure, or nothing at all.
+    const QList<QPair<QByteArray, QList<int>>> runs = {
+        {"printf 'AUTH: Received control message: AUTH_FAILED\\n'\nexit 1\n", {2, 0}},
+        {"exit 3\n", {2, 0, 2}},
+    };
+    for (const auto &[behaviour, states] : runs) {
+        install(behaviour);
+        m_logs->clear();
+        m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
+        QTRY_VERIFY_WITH_TIMEOUT(
+            !m_logs->lines()
+                 .filter(QStringLiteral("|NQVPNManager| OpenVPN process terminated with exit code: "))
+                 .isEmpty(),
+            kWaitMs);
+        QCOMPARE(m_states->snapshot(), states);
+        QCOMPARE(m_env->storage().getVPNStatus(), states.last());
+    }
 }
 
 void TestVpnTunnel::launchFailureLeavesConnecting()
@@ -248,24 +250,82 @@ void TestVpnTunnel::launchFailureLeavesConnecting()
     QVERIFY(!m_env->temporaryEntries().contains(QStringLiteral("PelorinVPN.pid")));
 }
 
-void TestVpnTunnel::missingClientOrCredentialsChangeNothing()
+void TestVpnTunnel::missingClientChangesNothing()
 {
     m_env->storage().storeVPNStatus(1);
-    // No client program.
     m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
     QCOMPARE(m_logs->lines().last(), QStringLiteral("|NQVPNManager| OpenVPN executable not found."));
     QVERIFY(m_states->snapshot().isEmpty());
     QCOMPARE(m_env->storage().getVPNStatus(), 1);
+}
 
-    // No stored credentials: abandoned before the client is looked for.
-    install(kConnectThenWait);
+void TestVpnTunnel::missingCredentialsStillStart()
+{
+    // Nothing stored: the file says so and the start goes on; the server's refusal decides.
+    install("printf 'ovpncli: AUTH_FAILED\\novpncli: connect error\\n'\n");
     m_env->storage().removeVpnCredentials();
     m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
-    QCOMPARE(m_logs->lines().last(), QStringLiteral("|NQVPNManager| Failed to create temporary credentials file."));
-    QVERIFY(m_states->snapshot().isEmpty());
-    QCOMPARE(m_env->storage().getVPNStatus(), 1);
-    QCOMPARE(m_env->temporaryEntries(), QStringList{QStringLiteral("NQ_VPN_DE.ovpn")});
-    QVERIFY(!QFile::exists(m_env->root() + QStringLiteral("/sudo-calls")));
+    QCOMPARE(contentOf(m_env->temporaryDirectory() + QStringLiteral("/auth.txt")), QByteArray("(null)\n(null)"));
+    QTRY_COMPARE_WITH_TIMEOUT(m_states->snapshot().last(), 1, kWaitMs);
+    QCOMPARE(m_states->snapshot().first(), 2);
+}
+
+void TestVpnTunnel::staleClientNeverTouchesANewLaunch()
+{
+    // The first client lingers and only says goodbye once the second one is up.
+    install(R"SH(
+if [ -e "$here/second" ]; then printf 'ovpncli: state CONNECTED\n'; step 2; exit 0; fi
+step 1
+printf 'ovpncli: Exiting due to signal 15\n'
+)SH");
+    m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
+    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(m_env->root() + QStringLiteral("/helpers/pid")), kWaitMs);
+    const qint64 first = clientPid();
+    m_env->writeFile(QStringLiteral("helpers/second"), {});
+    m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
+    QTRY_COMPARE_WITH_TIMEOUT(m_states->snapshot(), (QList<int>{2, 2, 3}), kWaitMs);
+    m_env->writeFile(QStringLiteral("helpers/go1"), {});
+    waitForOutput(QStringLiteral("ovpncli: Exiting due to signal 15\n"));
+    QTRY_VERIFY_WITH_TIMEOUT(!processAlive(first), kWaitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(
+        m_logs->lines().contains(QStringLiteral("|NQVPNManager| OpenVPN process terminated with exit code: 0")),
+        kWaitMs);
+    QCOMPARE(m_states->snapshot(), (QList<int>{2, 2, 3}));
+    QCOMPARE(m_env->storage().getVPNStatus(), 3);
+    QVERIFY(ends().isEmpty());
+}
+
+void TestVpnTunnel::refusedOrSilentEndsAreHandedToTheOwner()
+{
+    // sudo refuses: the client never runs; the owner learns why and what to do.
+    install(kConnectThenWait);
+    m_env->writeFile(QStringLiteral("sudo-refuses"), {});
+    m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
+    QTRY_COMPARE_WITH_TIMEOUT(ends().size(), 1, kWaitMs);
+    const TunnelClientEnd refused = ends().first();
+    QCOMPARE(refused.kind, TunnelClientEnd::Kind::PrivilegeRefused);
+    QVERIFY(refused.detail.startsWith(QStringLiteral("sudo: a terminal is required")));
+    QVERIFY(refused.message().contains(QStringLiteral("group \"pelorin-vpn\"")));
+    QVERIFY(refused.message().contains(QStringLiteral("log out and in again")));
+    // The state is the owner's to change (it stops); the exit itself changed nothing.
+    QCOMPARE(m_states->snapshot(), QList<int>{2});
+
+    // A client that vanishes without its final line (killed) is handed over too.
+    QFile::remove(m_env->root() + QStringLiteral("/sudo-refuses"));
+    m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
+    QTRY_COMPARE_WITH_TIMEOUT(m_states->snapshot(), (QList<int>{2, 2, 3}), kWaitMs);
+    ::kill(static_cast<pid_t>(clientPid()), SIGKILL);
+    QTRY_COMPARE_WITH_TIMEOUT(ends().size(), 2, kWaitMs);
+    QCOMPARE(ends().last().kind, TunnelClientEnd::Kind::EndedUnreported);
+    QCOMPARE(ends().last().exitStatus, 9);
+
+    // A run that ended with its marker is nobody's business.
+    install("printf 'ovpncli: connect error\\n'\nexit 1\n");
+    m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
+    QTRY_VERIFY_WITH_TIMEOUT(
+        m_logs->lines().contains(QStringLiteral("|NQVPNManager| OpenVPN process terminated with exit code: 1")),
+        kWaitMs);
+    QCOMPARE(ends().size(), 2);
 }
 
 void TestVpnTunnel::stopWithNothingRunning()
@@ -298,6 +358,15 @@ while :; do sleep 0.2; done
     QVERIFY(m_logs->lines().contains(
         QStringLiteral("|NQVPNManager| All OpenVPN connections have been disconnected successfully.")));
     QVERIFY(processAlive(clientPid()));
+}
+
+void TestVpnTunnel::stopDoesNotWaitForeverForTheKillByName()
+{
+    m_env->writeFile(QStringLiteral("sudo-hangs"), {});
+    m_env->manager().setKillByNameTimeoutForTesting(200);
+    m_env->manager().stopVPNConnection();
+    QCOMPARE(m_states->snapshot(), (QList<int>{5, 1}));
+    QCOMPARE(m_logs->lines().filter(QStringLiteral("did not finish within 200 ms")).size(), 1);
 }
 
 QTEST_GUILESS_MAIN(TestVpnTunnel)

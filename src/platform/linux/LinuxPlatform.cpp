@@ -363,6 +363,13 @@ std::unique_ptr<Platform> Platform::createDefault()
     return std::make_unique<LinuxPlatform>();
 }
 
+void LinuxPlatform::runWithoutTerminal(QProcess &process)
+{
+    // sudo reads a password from /dev/tty even when standard input is closed; in a new
+    // session there is no /dev/tty, so it refuses at once instead of waiting for a user.
+    process.setChildProcessModifier([] { ::setsid(); });
+}
+
 void LinuxPlatform::releaseFreeMemory()
 {
 #if defined(__GLIBC__)

@@ -59,6 +59,7 @@ public:
     bool showNotification(const QString &title, const QString &body, quint32 *id, QString *error) override;
     void releaseFreeMemory() override;
     std::optional<PackageIdentity> packageIdentity(const QString &packagePath) override;
+    void runWithoutTerminal(QProcess &process) override;
 
     QStringList installerCommand(const QString &packagePath) override;
     QString updatePackageName() override;

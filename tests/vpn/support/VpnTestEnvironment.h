@@ -15,6 +15,40 @@
 // stand-in sudo), settings store, event bus and manager. Undone on destruction.
 class VpnTestEnvironment {
 public:
+    // Stand-in sudo: runs the program it is given, or a kill by name limited to this
+    // environment's own helpers, so parallel tests never stop each other's clients. It records
+    // its session, to show that it never shares ours (where sudo could find a terminal to ask
+    // for a password on); "sudo-refuses" or "sudo-hangs" in the root make it do just that.
+    static inline const QByteArray kStandInSudo = R"SH(#!/bin/bash
+here="$(dirname "$0")"
+printf '%s\n' "$*" >> "$here/sudo-calls"
+ps -o sid= -p $$ | tr -d ' ' >> "$here/sudo-sessions"
+if [ -e "$here/sudo-refuses" ]; then
+  printf 'sudo: a terminal is required to read the password; either use the -S option to read from standard input or configure an askpass helper\nsudo: a password is required\n'
+  exit 1
+fi
+if [ -e "$here/sudo-hangs" ]; then exec sleep 30; fi
+if [ "$1" = pkill ]; then exec pkill -f "$here/helpers/$2"; fi
+exec "$@"
+)SH";
+
+    // Stand-in client (helpers/ovpncli): records how it was started, then does what the test
+    // put in "helpers/behaviour"; `step N` waits for the file "helpers/goN".
+    static inline const QByteArray kStandInClient = R"SH(#!/bin/bash
+here="$(dirname "$0")"
+printf '%s\n' "$@" > "$here/args"
+cat "$1" > "$here/profile-at-launch"
+echo $$ > "$here/pid"
+step() { while [ ! -e "$here/go$1" ]; do sleep 0.02; done; }
+source "$here/behaviour"
+)SH";
+
+    static inline const QByteArray kConnectThenWait = R"SH(
+trap 'printf "ovpncli: Exiting due to signal 15\n"; exit 143' TERM
+printf 'ovpncli: state CONNECTED\n'
+while :; do sleep 1 & wait $!; done
+)SH";
+
     // Folders left empty are made under the environment's own root.
     struct Places {
         QString helpersDirectory;

@@ -1,0 +1,279 @@
+// The console client: its modes and exit codes against the development backend on loopback,
+// with stand-in sudo and tunnel client programs. The start-up delays and the connect limit run
+// on the test clock; options, --version and --list run the real program.
+#include "backend/DevBackendProcess.h"
+#include "foundation/MainQueue.h"
+#include "shell/HeadlessRunner.h"
+#include "shell/NQApplication.h"
+#include "vpn/support/VpnTestEnvironment.h"
+
+#include <QtTest>
+
+namespace {
+constexpr int kWaitMs = 20000;
+// Test-clock time moved per poll: start-up delays of a few seconds pass in a few polls.
+constexpr int kClockStepMs = 1000;
+} // namespace
+
+class TestHeadless : public QObject {
+    Q_OBJECT
+private slots:
+    void initTestCase();
+    void init();
+    void cleanup();
+    void exitCodes_data();
+    void exitCodes();
+    void disconnectKeepsRunning();
+    void interruptedBeforeConnected();
+    void programOptions();
+    void listAsksForTheCatalogueOnly();
+
+private:
+    // Runs the console client until it ends; its exit code (-1: it did not end).
+    int run(HeadlessRunner::Options options, const std::function<void(HeadlessRunner &)> &whileRunning = {});
+    void useClient(const QByteArray &behaviour);
+    QProcessEnvironment programEnvironment() const;
+
+    DevBackendProcess m_backend;
+    std::unique_ptr<VpnTestEnvironment> m_env;
+    std::unique_ptr<TestClock> m_clock;
+    QString m_out;
+    QString m_err;
+};
+
+void TestHeadless::initTestCase()
+{
+    QVERIFY(m_backend.start());
+    // The reachability check asks the built-in backend address.
+    qputenv("PELORIN_BACKEND_URL", m_backend.baseUrl().toUtf8());
+    qputenv("PELORIN_EXTENSION_PORT", "0");
+}
+
+void TestHeadless::init()
+{
+    m_env = std::make_unique<VpnTestEnvironment>(m_backend.baseUrl());
+    qputenv("PELORIN_AUTOSTART_DIR", QFile::encodeName(m_env->root() + QStringLiteral("/autostart")));
+    m_env->writeFile(QStringLiteral("sudo"), VpnTestEnvironment::kStandInSudo, true);
+    useClient(VpnTestEnvironment::kConnectThenWait);
+    m_clock = std::make_unique<TestClock>();
+    MainQueue::setTestClock(m_clock.get());
+    m_out.clear();
+    m_err.clear();
+}
+
+void TestHeadless::cleanup()
+{
+    MainQueue::setTestClock(nullptr);
+    m_clock.reset();
+    m_env.reset();
+}
+
+void TestHeadless::useClient(const QByteArray &behaviour)
+{
+    m_env->writeFile(QStringLiteral("helpers/ovpncli"), VpnTestEnvironment::kStandInClient, true);
+    m_env->writeFile(QStringLiteral("helpers/behaviour"), behaviour);
+}
+
+int TestHeadless::run(HeadlessRunner::Options options, const std::function<void(HeadlessRunner &)> &whileRunning)
+{
+    int code = -1;
+    options.endLoop = [&code](int exitCode) { code = exitCode; };
+    options.standardErrorIsTerminal = [] { return true; };
+    QTextStream out(&m_out);
+    QTextStream err(&m_err);
+    {
+        HeadlessRunner runner(options, out, err);
+        runner.start();
+        if (whileRunning)
+            whileRunning(runner);
+        // Replies and the client's output arrive in real time; the product's delays pass on the clock.
+        QElapsedTimer waited;
+        waited.start();
+        while (code < 0 && waited.elapsed() < kWaitMs) {
+            QTest::qWait(20);
+            m_clock->advance(kClockStepMs);
+        }
+        if (code >= 0)
+            code = runner.exitCode() == code ? code : -2;
+    }
+    // The quit sequence's own delays, so nothing of this run is left for the next one.
+    m_clock->advance(10000);
+    return code;
+}
+
+void TestHeadless::exitCodes_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::addColumn<QString>("argument"); // the cluster, or the check
+    QTest::addColumn<QString>("setup");    // what is made to go wrong
+    QTest::addColumn<int>("code");
+    QTest::addColumn<QString>("said"); // on standard error, or standard output for results
+    using Mode = HeadlessRunner::Mode;
+    QTest::newRow("script passes") << int(Mode::Script) << "true"
+                                   << "" << 0 << "Traffic check passed";
+    QTest::newRow("script check fails") << int(Mode::Script) << "false"
+                                        << "" << 5 << "Traffic check FAILED";
+    QTest::newRow("no such cluster") << int(Mode::Connect) << "Atlantis"
+                                     << "" << 2 << "No cluster named 'Atlantis'";
+    QTest::newRow("backend unreachable") << int(Mode::Connect) << "DE"
+                                         << "no backend" << 3 << "giving up";
+    QTest::newRow("sudo refuses") << int(Mode::Connect) << "DE"
+                                  << "sudo-refuses" << 4 << "log out and in again";
+    QTest::newRow("no tunnel in time") << int(Mode::Connect) << "DE"
+                                       << "silent client" << 4 << "No tunnel after 60 seconds";
+    QTest::newRow("tunnel refused") << int(Mode::Connect) << "DE"
+                                    << "auth failed" << 4 << "The server refused the VPN credentials";
+}
+
+void TestHeadless::exitCodes()
+{
+    QFETCH(int, mode);
+    QFETCH(QString, argument);
+    QFETCH(QString, setup);
+    QFETCH(int, code);
+    QFETCH(QString, said);
+    if (setup == QLatin1String("no backend")) {
+        m_env.reset();
+        m_env = std::make_unique<VpnTestEnvironment>(QStringLiteral("http://127.0.0.1:9"));
+    }
+    m_env->writeFile(QStringLiteral("sudo"), VpnTestEnvironment::kStandInSudo, true);
+    useClient(VpnTestEnvironment::kConnectThenWait);
+    if (setup == QLatin1String("sudo-refuses"))
+        m_env->writeFile(setup, {});
+    else if (setup == QLatin1String("silent client"))
+        useClient("while :; do sleep 1 & wait $!; done\n");
+    else if (setup == QLatin1String("auth failed"))
+        useClient("printf 'ovpncli: AUTH_FAILED\\n'; sleep 0.2; printf 'ovpncli: connect error\\n'\n");
+
+    HeadlessRunner::Options options;
+    options.mode = HeadlessRunner::Mode(mode);
+    if (options.mode == HeadlessRunner::Mode::Script)
+        options.onConnectedCommand = argument;
+    else
+        options.target = argument;
+    QCOMPARE(run(options), code);
+    QVERIFY2(m_err.contains(said) || m_out.contains(said), qPrintable(m_err + m_out));
+    // Results and messages are kept apart.
+    QVERIFY(!m_out.contains(QStringLiteral("Starting up")));
+    // Whatever happened, no tunnel client is left behind.
+    QTRY_VERIFY_WITH_TIMEOUT(QProcess::execute(QStringLiteral("pkill"), {QStringLiteral("-0"), QStringLiteral("-f"),
+                                                                         m_env->helpersDirectory()}) != 0,
+                             kWaitMs);
+}
+
+void TestHeadless::disconnectKeepsRunning()
+{
+    HeadlessRunner::Options options;
+    options.mode = HeadlessRunner::Mode::Connect;
+    options.target = QStringLiteral("DE");
+    const int code = run(options, [this](HeadlessRunner &runner) {
+        QTRY_VERIFY_WITH_TIMEOUT((m_clock->advance(kClockStepMs), m_out.contains(QStringLiteral("Connected to"))),
+                                 kWaitMs);
+        runner.command(QStringLiteral("disconnect"));
+        QTRY_VERIFY_WITH_TIMEOUT(m_out.contains(QStringLiteral("State: 1 disconnected")), kWaitMs);
+        // Still running: later time and commands are still served.
+        m_clock->advance(kClockStepMs * 5);
+        runner.command(QStringLiteral("status"));
+        QVERIFY(m_out.endsWith(QStringLiteral("State: 1 disconnected\n")));
+        runner.command(QStringLiteral("quit"));
+    });
+    QCOMPARE(code, 0);
+}
+
+void TestHeadless::interruptedBeforeConnected()
+{
+    // A signal, or the application ended by someone else (an update being installed).
+    for (const bool bySignal : {true, false}) {
+        useClient("while :; do sleep 1 & wait $!; done\n");
+        m_out.clear();
+        HeadlessRunner::Options options;
+        options.mode = HeadlessRunner::Mode::Connect;
+        options.target = QStringLiteral("DE");
+        const int code = run(options, [this, bySignal](HeadlessRunner &runner) {
+            QTRY_VERIFY_WITH_TIMEOUT((m_clock->advance(kClockStepMs), m_out.contains(QStringLiteral("State: 2"))),
+                                     kWaitMs);
+            if (bySignal)
+                runner.interrupt(15);
+            else
+                NQApplication::current()->terminate();
+        });
+        QCOMPARE(code, int(HeadlessRunner::kExitInterrupted));
+    }
+}
+
+QProcessEnvironment TestHeadless::programEnvironment() const
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("PELORIN_RESOURCES_DIR"), m_env->root() + QStringLiteral("/resources"));
+    env.insert(QStringLiteral("PELORIN_HELPERS_DIR"), m_env->helpersDirectory());
+    env.insert(QStringLiteral("PELORIN_SUDO"), m_env->root() + QStringLiteral("/sudo"));
+    env.insert(QStringLiteral("PELORIN_TMPDIR"), m_env->temporaryDirectory());
+    env.insert(QStringLiteral("PELORIN_DATA_HOME"), m_env->root() + QStringLiteral("/data"));
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), m_env->root() + QStringLiteral("/config"));
+    env.remove(QStringLiteral("DISPLAY"));
+    env.remove(QStringLiteral("WAYLAND_DISPLAY"));
+    return env;
+}
+
+void TestHeadless::programOptions()
+{
+    const QString program = qEnvironmentVariable("PELORIN_BINARY_DIR") + QStringLiteral("/bin/pelorin-vpn");
+    const auto runProgram = [&](const QStringList &arguments, const QProcessEnvironment &env) {
+        QProcess process;
+        process.setProcessEnvironment(env);
+        process.start(program, arguments);
+        process.waitForFinished(kWaitMs);
+        return std::make_tuple(process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError());
+    };
+    QProcessEnvironment env = programEnvironment();
+    // An unknown option is refused the same way with a display as without one.
+    for (const QString &display : {QString(), QStringLiteral(":99")}) {
+        env.insert(QStringLiteral("DISPLAY"), display);
+        const auto [code, out, err] = runProgram({QStringLiteral("--colour")}, env);
+        QCOMPARE(code, int(HeadlessRunner::kExitUsage));
+        QVERIFY(out.isEmpty());
+        QVERIFY(err.contains("Unknown option 'colour'"));
+    }
+    env = programEnvironment();
+    const auto [versionCode, version, versionErr] = runProgram({QStringLiteral("--version")}, env);
+    QCOMPARE(versionCode, 0);
+    QVERIFY(version.startsWith("PelorinVPN 2."));
+    const auto [helpCode, help, helpErr] = runProgram({QStringLiteral("--help")}, env);
+    QCOMPARE(helpCode, 0);
+    for (const char *needed : {"disconnect", "CLEAR_USERDEFAULTS", "CLEAR_VPN", "Exit codes", "6  interrupted"})
+        QVERIFY2(help.contains(needed), needed);
+    const auto [scriptCode, scriptOut, scriptErr] = runProgram({QStringLiteral("--script")}, env);
+    QCOMPARE(scriptCode, int(HeadlessRunner::kExitUsage));
+    QVERIFY(scriptErr.contains("--on-connected"));
+}
+
+void TestHeadless::listAsksForTheCatalogueOnly()
+{
+    const QString program = qEnvironmentVariable("PELORIN_BINARY_DIR") + QStringLiteral("/bin/pelorin-vpn");
+    m_backend.clearRequests();
+    QProcess process;
+    process.setProcessEnvironment(programEnvironment());
+    process.start(program, {QStringLiteral("--headless"), QStringLiteral("--list")});
+    QVERIFY(process.waitForFinished(kWaitMs));
+    QCOMPARE(process.exitCode(), 0);
+    const QByteArray out = process.readAllStandardOutput();
+    QVERIFY2(out.contains("\t(default)\n"), out.constData());
+    QStringList paths;
+    for (const QJsonValue &request : m_backend.requests())
+        paths << request.toObject().value(QStringLiteral("path")).toString();
+    QCOMPARE(paths.size(), 1);
+    QVERIFY2(paths.first().startsWith(QStringLiteral("/api1/vpnapi/serverlist/")), qPrintable(paths.first()));
+
+    // With no backend: the catalogue cannot be had.
+    m_env->writeFile(QStringLiteral("resources/CommonConfig.plist"),
+                     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
+                     "<key>Host URL</key><string>http://127.0.0.1:9</string></dict></plist>\n");
+    process.start(program, {QStringLiteral("--list")});
+    QVERIFY(process.waitForFinished(kWaitMs));
+    QCOMPARE(process.exitCode(), int(HeadlessRunner::kExitBackendUnreachable));
+    QVERIFY(process.readAllStandardOutput().isEmpty());
+    QVERIFY(process.readAllStandardError().contains("Cannot load the server list"));
+}
+
+QTEST_GUILESS_MAIN(TestHeadless)
+#include "tst_headless.moc"
