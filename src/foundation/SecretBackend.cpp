@@ -5,11 +5,24 @@
 #include "foundation/Log.h"
 #include "platform/Platform.h"
 
+#include <QFile>
+
 #include <mutex>
 
 namespace {
 std::mutex g_mutex;
 std::shared_ptr<SecretBackend> g_backend;
+
+// Writes `data` under (service, account): the existing item is updated, a missing one added.
+SecretBackend::Result put(SecretBackend &to, const QString &service, const QString &account, const QByteArray &data)
+{
+    const SecretBackend::Result found = to.find(service, account);
+    if (found.ok() || found.status == SecretBackend::InteractionNotAllowed)
+        return to.update(service, account, data);
+    if (found.status == SecretBackend::ItemNotFound)
+        return to.add(service, account, data);
+    return found;
+}
 } // namespace
 
 std::shared_ptr<SecretBackend> SecretBackend::systemDefault()
@@ -27,6 +40,8 @@ std::shared_ptr<SecretBackend> SecretBackend::systemDefault()
     QString reason;
     if (auto secretService = connectSecretService(&reason)) {
         g_backend = std::move(secretService);
+        FileSecretBackend file(FileSecretBackend::defaultFilePath());
+        moveFileSecrets(file, *g_backend);
         return g_backend;
     }
     g_backend = std::make_shared<FileSecretBackend>(FileSecretBackend::defaultFilePath());
@@ -46,6 +61,39 @@ std::shared_ptr<SecretBackend> SecretBackend::connectSecretService(QString *mess
         return nullptr;
     }
     return backend;
+}
+
+bool SecretBackend::moveFileSecrets(FileSecretBackend &from, SecretBackend &to)
+{
+    if (!QFile::exists(from.filePath()))
+        return true;
+    const OsLog log("KeychainStore");
+    Result failure;
+    const std::optional<std::vector<FileSecretBackend::Item>> items = from.items(&failure);
+    if (items) {
+        for (const FileSecretBackend::Item &item : *items) {
+            const Result written = put(to, item.service, item.account, item.data);
+            if (!written.ok()) {
+                failure = written;
+                break;
+            }
+        }
+    }
+    if (!items || !failure.ok()) {
+        log.error(QStringLiteral("Could not move the secrets of the file %1 into the %2 store (%3); keeping the "
+                                 "file until the next start.")
+                      .arg(from.filePath(), to.name(), failure.message));
+        return false;
+    }
+    if (!from.removeFile()) {
+        log.error(QStringLiteral("Moved the secrets of the file %1 into the %2 store but could not remove the file.")
+                      .arg(from.filePath(), to.name()));
+        return false;
+    }
+    log.info(QStringLiteral("Moved %1 secrets from the file %2 into the %3 store and removed the file.")
+                 .arg(items->size())
+                 .arg(from.filePath(), to.name()));
+    return true;
 }
 
 std::vector<SecretBackend::Result> SecretBackend::findAll(const QString &service, const QStringList &accounts)
