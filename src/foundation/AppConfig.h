@@ -53,7 +53,8 @@ public:
     // an identifier of its own that is never stored, so the keychain's own survives for the next
     // run (AppStorageManager::secretsNotKept() says why). Waits for the keychain the first time.
     static QString deviceUniqueID();
-    // The same without waiting: `completion` gets it on the main queue.
+    // The same without waiting: `completion` gets it at once when the run already knows it,
+    // otherwise on the main queue once the keychain has answered.
     static void deviceUniqueID(std::function<void(const QString &)> completion);
 
 private:

@@ -36,7 +36,7 @@ void AppConfig::deviceUniqueID(std::function<void(const QString &)> completion)
 {
     const QString known = AppStorageManager::sharedManager().knownDeviceUUID();
     if (!known.isEmpty()) {
-        MainQueue::async([completion = std::move(completion), known] { completion(known); });
+        completion(known);
         return;
     }
     SecretQueue::post([completion = std::move(completion)] {

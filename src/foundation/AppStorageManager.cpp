@@ -105,7 +105,7 @@ void AppStorageManager::setValueDeferred(const QString &key, const QVariant &val
     m_flushScheduled = true;
     MainQueue::after(kDeferredFlushMs, [this, alive = std::weak_ptr<int>(m_alive)] {
         if (alive.lock())
-            flush();
+            flushSettings();
     });
 }
 
@@ -126,6 +126,12 @@ void AppStorageManager::writeValue(const QString &key, const QVariant &value)
 }
 
 void AppStorageManager::flush()
+{
+    SecretQueue::drain();
+    flushSettings();
+}
+
+void AppStorageManager::flushSettings()
 {
     std::lock_guard lock(m_mutex);
     m_flushScheduled = false;

@@ -131,8 +131,10 @@ public:
     // thread: writes return at once, reads wait for their answer (the window's thread uses the
     // completion forms, which do not).
     //
-    // Once the device identifier has been read or stored it is remembered for the run. When the
-    // keychain cannot serve (its unlock was refused, it did not answer) the run's secrets live in
+    // Once the device identifier or the credentials have been read or stored they are remembered
+    // for the run (the identifier's read brings the credentials along), so a connect reads them
+    // without a keyring round trip; changes made to the keychain by other programs show at the
+    // next start. When the keychain cannot serve (its unlock was refused, it did not answer) the run's secrets live in
     // memory only from then on, the keychain is not asked again (no second prompt), and
     // secretsNotKept() says why; what it held is left as it was.
     QString deviceUUID() const;
@@ -201,8 +203,8 @@ public:
         return UserDefaultsExtended::arrayForKey<T>(*this, key, error);
     }
 
-    // Writes pending changes to disk. Every writer already does so; kept for callers that
-    // want to make the point explicit (e.g. before quitting).
+    // Writes pending settings to disk and waits for the keychain writes still on their way
+    // (they run off the writer's thread). Call it before quitting.
     void flush();
 
 private:
@@ -211,6 +213,7 @@ private:
     QString stringForKey(const char *key) const;
     void writeValue(const QString &key, const QVariant &value);
     void openSettings();
+    void flushSettings();
     // Keychain helpers; on SecretQueue's thread.
     bool keychainServes() const;
     void stopKeepingSecrets(const NQError &why) const;
@@ -227,7 +230,8 @@ private:
     // The run's memory of its secrets (see secretsNotKept()).
     struct RunSecrets {
         QString deviceUUID;
-        VpnCredentials credentials; // what this run stored, for when the keychain cannot serve
+        VpnCredentials credentials;
+        bool credentialsKnown = false; // read or written in this run
         NQErrorOpt notKept;
     };
     mutable std::mutex m_secretsMutex;

@@ -101,17 +101,23 @@ AppStorageManager::DeviceUUIDLookup AppStorageManager::lookupDeviceUUID() const
     return SecretQueue::run<DeviceUUIDLookup>([this, known] {
         if (const auto answer = known())
             return *answer;
-        NQErrorOpt error;
-        const QString value = m_keychain.stringForKey(kDeviceUUIDAccount, &error);
-        if (error) {
+        // The credentials come in the same request: start-up asks for the identifier, and a
+        // connect then finds them without a keyring round trip.
+        QList<NQErrorOpt> errors;
+        const QStringList texts =
+            m_keychain.stringsForKeys({kDeviceUUIDAccount, kUsernameAccount, kPasswordAccount}, &errors);
+        if (const NQErrorOpt error = errors.value(0)) {
             stopKeepingSecrets(*error);
             return DeviceUUIDLookup{QString(), error};
         }
-        if (!value.isEmpty()) {
-            std::lock_guard lock(m_secretsMutex);
-            m_run.deviceUUID = value;
+        std::lock_guard lock(m_secretsMutex);
+        if (!texts.at(0).isEmpty())
+            m_run.deviceUUID = texts.at(0);
+        if (!m_run.credentialsKnown && !errors.value(1) && !errors.value(2)) {
+            m_run.credentials = {texts.at(1), texts.at(2)};
+            m_run.credentialsKnown = true;
         }
-        return DeviceUUIDLookup{value, {}};
+        return DeviceUUIDLookup{texts.at(0), {}};
     });
 }
 
@@ -137,26 +143,33 @@ void AppStorageManager::removeDeviceUUID()
 
 AppStorageManager::VpnCredentials AppStorageManager::readVpnCredentials() const
 {
-    const auto inMemory = [this] {
+    {
         std::lock_guard lock(m_secretsMutex);
-        return m_run.credentials;
-    };
-    if (!keychainServes())
-        return inMemory();
-    // Both in one keyring round trip: a connect waits for them.
+        if (m_run.credentialsKnown || m_run.notKept)
+            return m_run.credentials;
+    }
     QList<NQErrorOpt> errors;
     const QStringList texts = m_keychain.stringsForKeys({kUsernameAccount, kPasswordAccount}, &errors);
     for (const NQErrorOpt &error : errors) {
         if (error) {
             stopKeepingSecrets(*error);
-            return inMemory();
+            std::lock_guard lock(m_secretsMutex);
+            return m_run.credentials;
         }
     }
-    return {texts.at(0), texts.at(1)};
+    std::lock_guard lock(m_secretsMutex);
+    m_run.credentials = {texts.at(0), texts.at(1)};
+    m_run.credentialsKnown = true;
+    return m_run.credentials;
 }
 
 AppStorageManager::VpnCredentials AppStorageManager::getVpnCredentials() const
 {
+    {
+        std::lock_guard lock(m_secretsMutex);
+        if (m_run.credentialsKnown)
+            return m_run.credentials;
+    }
     return SecretQueue::run<VpnCredentials>([this] { return readVpnCredentials(); });
 }
 
@@ -176,6 +189,7 @@ void AppStorageManager::storeVPNCredentials(const QString &username, const QStri
     {
         std::lock_guard lock(m_secretsMutex);
         m_run.credentials = {username, password};
+        m_run.credentialsKnown = true;
     }
     writeSecret(username, kUsernameAccount);
     writeSecret(password, kPasswordAccount);
@@ -187,6 +201,7 @@ void AppStorageManager::removeVpnCredentials()
     {
         std::lock_guard lock(m_secretsMutex);
         m_run.credentials = {};
+        m_run.credentialsKnown = true;
     }
     writeSecret(QString(), kUsernameAccount);
     writeSecret(QString(), kPasswordAccount);

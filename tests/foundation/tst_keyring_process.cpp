@@ -381,20 +381,6 @@ private slots:
         QVERIFY(error);
         QCOMPARE(error->code(), int(SecretBackend::InternalComponent));
     }
-
-    void realHelperRefusesAGarbledRequest()
-    {
-        QProcess helper;
-        helper.start(qEnvironmentVariable("PELORIN_BINARY_DIR") + QStringLiteral("/helpers/pelorin-keyring"));
-        QVERIFY(helper.waitForStarted());
-        helper.write("PKQ1\x02garbage");
-        helper.closeWriteChannel();
-        QVERIFY(helper.waitForFinished());
-        QCOMPARE(helper.exitCode(), 2);
-        const std::optional<Answer> answer = decodeAnswer(helper.readAllStandardOutput().toStdString());
-        QVERIFY(answer);
-        QCOMPARE(answer->status, int(SecretBackend::InternalComponent));
-    }
 };
 
 QTEST_GUILESS_MAIN(TstKeyringProcess)
