@@ -37,7 +37,11 @@ AppStorageManager &AppStorageManager::sharedManager()
 
 void AppStorageManager::setSharedManagerForTesting(std::unique_ptr<AppStorageManager> manager)
 {
+    // The old one goes outside the lock: its keychain work, finished first, may ask for the
+    // shared instance (the language of an error text).
+    std::unique_ptr<AppStorageManager> old;
     std::lock_guard lock(g_sharedMutex);
+    old.swap(g_shared);
     g_shared = std::move(manager);
 }
 

@@ -3,8 +3,10 @@
 #include "foundation/FileSecretBackend.h"
 #include "foundation/KeyringProcessBackend.h"
 #include "foundation/Log.h"
+#include "foundation/SecretQueue.h"
 #include "platform/Platform.h"
 
+#include <QCoreApplication>
 #include <QFile>
 
 #include <mutex>
@@ -23,6 +25,16 @@ SecretBackend::Result put(SecretBackend &to, const QString &service, const QStri
         return to.add(service, account, data);
     return found;
 }
+
+// At the program's end, while the application object still stands: the keychain writes still
+// queued reach the store, then the store (and the keyring helper's thread) is let go.
+void finishAtExit()
+{
+    SecretQueue::drain();
+    std::shared_ptr<SecretBackend> gone;
+    std::lock_guard lock(g_mutex);
+    gone.swap(g_backend);
+}
 } // namespace
 
 std::shared_ptr<SecretBackend> SecretBackend::systemDefault()
@@ -30,6 +42,8 @@ std::shared_ptr<SecretBackend> SecretBackend::systemDefault()
     std::lock_guard lock(g_mutex);
     if (g_backend)
         return g_backend;
+    static std::once_flag registered;
+    std::call_once(registered, [] { qAddPostRoutine(finishAtExit); });
     const OsLog log("KeychainStore");
     if (qEnvironmentVariable("PELORIN_SECRET_STORE") == QLatin1String("file")) {
         g_backend = std::make_shared<FileSecretBackend>(FileSecretBackend::defaultFilePath());

@@ -1,7 +1,5 @@
 #include "foundation/SecretQueue.h"
 
-#include <QCoreApplication>
-
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -49,10 +47,6 @@ void work()
 
 void post(Job job)
 {
-    // Writes still queued when the program ends reach the keychain before the application
-    // object (and what the backends rely on) goes away.
-    static std::once_flag drainAtExit;
-    std::call_once(drainAtExit, [] { qAddPostRoutine(drain); });
     State &s = state();
     std::lock_guard lock(s.mutex);
     s.jobs.push_back(std::move(job));

@@ -6,8 +6,7 @@
 // The one thread where the settings store talks to the keychain, so the window's thread never
 // waits for a keyring round trip (or for a person answering its unlock prompt). Work runs in the
 // order it was posted; a write posted before a read is seen by it. The thread starts on demand
-// and ends after kIdleExitMs without work. Work still queued when the application object is
-// destroyed is finished first.
+// and ends after kIdleExitMs without work.
 namespace SecretQueue {
 
 constexpr int kIdleExitMs = 30000;
