@@ -12,7 +12,7 @@ PACKAGES=(
   # runtime of the tunnel and its helpers
   openvpn sudo iproute2 iputils-ping procps psmisc openssl easy-rsa
   # tests: secret service, independent WebSocket clients, a display for screenshots
-  gnome-keyring dbus dbus-x11 libsecret-tools python3 python3-websockets
+  gnome-keyring dbus dbus-x11 libsecret-tools libgcr-3-dev python3 python3-websockets
   chromium
   xvfb xauth fonts-dejavu-core
 )

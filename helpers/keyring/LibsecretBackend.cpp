@@ -65,11 +65,12 @@ Result failure(int status, const char *message)
 struct HashTableDeleter {
     void operator()(GHashTable *table) const { g_hash_table_unref(table); }
 };
-struct ItemListDeleter {
-    void operator()(GList *list) const { g_list_free_full(list, g_object_unref); }
-};
 using Attributes = std::unique_ptr<GHashTable, HashTableDeleter>;
-using ItemList = std::unique_ptr<GList, ItemListDeleter>;
+
+constexpr const char *kRefusedMessage = "The keyring stayed locked: its unlock prompt was dismissed.";
+constexpr const char *kNotFoundMessage = "The specified item could not be found in the keychain.";
+constexpr const char *kLoginCollectionPath = "/org/freedesktop/secrets/collection/login";
+constexpr const char *kNewCollectionLabel = "Login";
 
 // D-Bus strings must be UTF-8 without NUL; a request from elsewhere may carry anything.
 bool validNames(const std::string &service, const std::string &account)
@@ -90,6 +91,11 @@ Attributes attributesFor(const std::string &service, const std::string &account)
 }
 
 } // namespace
+
+void LibsecretBackend::ItemListDeleter::operator()(GList *list) const
+{
+    g_list_free_full(list, g_object_unref);
+}
 
 std::unique_ptr<LibsecretBackend> LibsecretBackend::connect(std::string *message)
 {
@@ -112,59 +118,156 @@ LibsecretBackend::~LibsecretBackend()
     secret_service_disconnect();
 }
 
+bool LibsecretBackend::unlock(GList *objects, Result *result)
+{
+    if (m_refused) {
+        *result = failure(Status::UserCanceled, kRefusedMessage);
+        return false;
+    }
+    GList *unlocked = nullptr;
+    GError *error = nullptr;
+    const gint count = secret_service_unlock_sync(m_service, objects, nullptr, &unlocked, &error);
+    g_list_free_full(unlocked, g_object_unref);
+    if (error) {
+        *result = fromError(error);
+        return false;
+    }
+    // A dismissed prompt is no error: the objects simply stay locked.
+    if (count < gint(g_list_length(objects))) {
+        m_refused = true;
+        *result = failure(Status::UserCanceled, kRefusedMessage);
+        return false;
+    }
+    return true;
+}
+
 namespace {
 
-// All items of (service, account), locked ones included; nullopt-like failure in *result.
-ItemList search(SecretService *secretService, const std::string &service, const std::string &account, Result *result)
+// All items of (service, account), locked ones included; none and *result when there are none.
+GList *search(SecretService *secretService, const std::string &service, const std::string &account, Result *result)
 {
-    if (!validNames(service, account)) {
-        *result = failure(Status::InternalComponent, kInvalidNamesMessage);
-        return ItemList();
-    }
     Attributes attributes = attributesFor(service, account);
     GError *error = nullptr;
     GList *items =
         secret_service_search_sync(secretService, &kSchema, attributes.get(), SECRET_SEARCH_ALL, nullptr, &error);
-    if (error) {
+    if (error)
         *result = fromError(error);
-        return ItemList();
-    }
-    if (!items)
-        *result = failure(Status::ItemNotFound, "The specified item could not be found in the keychain.");
-    return ItemList(items);
-}
-
-bool anyLocked(GList *items)
-{
-    for (GList *it = items; it; it = it->next)
-        if (secret_item_get_locked(SECRET_ITEM(it->data)))
-            return true;
-    return false;
-}
-
-// The items a write may change: all of (service, account), none locked; else none, and why.
-ItemList writableItems(SecretService *secretService, const std::string &service, const std::string &account,
-                       Result *result)
-{
-    ItemList items = search(secretService, service, account, result);
-    if (items && anyLocked(items.get())) {
-        *result = failure(Status::InteractionNotAllowed, kLockedMessage);
-        return ItemList();
-    }
+    else if (!items)
+        *result = failure(Status::ItemNotFound, kNotFoundMessage);
     return items;
 }
 
 } // namespace
 
+LibsecretBackend::ItemList LibsecretBackend::unlockedItems(const std::string &service, const std::string &account,
+                                                           Result *result)
+{
+    if (!validNames(service, account)) {
+        *result = failure(Status::InternalComponent, kInvalidNamesMessage);
+        return ItemList();
+    }
+    ItemList items(search(m_service, service, account, result));
+    if (!items && result->status == Status::ItemNotFound) {
+        // A locked keyring may hide its items: "no such item" counts only once it is open.
+        GError *error = nullptr;
+        SecretCollection *collection = secret_collection_for_alias_sync(m_service, SECRET_COLLECTION_DEFAULT,
+                                                                        SECRET_COLLECTION_NONE, nullptr, &error);
+        if (error) {
+            *result = fromError(error);
+            return ItemList();
+        }
+        if (!collection || !secret_collection_get_locked(collection)) {
+            if (collection)
+                g_object_unref(collection);
+            return ItemList();
+        }
+        GList one{collection, nullptr, nullptr};
+        const bool opened = unlock(&one, result);
+        g_object_unref(collection);
+        if (!opened)
+            return ItemList();
+        *result = {};
+        items.reset(search(m_service, service, account, result));
+    }
+    if (!items)
+        return ItemList();
+    GList *locked = nullptr;
+    for (GList *it = items.get(); it; it = it->next)
+        if (secret_item_get_locked(SECRET_ITEM(it->data)))
+            locked = g_list_prepend(locked, it->data);
+    if (!locked)
+        return items;
+    const bool opened = unlock(locked, result);
+    g_list_free(locked);
+    if (!opened)
+        return ItemList();
+    // Fresh proxies, which see the items unlocked.
+    *result = {};
+    return ItemList(search(m_service, service, account, result));
+}
+
+SecretCollection *LibsecretBackend::defaultCollection(Result *result)
+{
+    GError *error = nullptr;
+    SecretCollection *collection =
+        secret_collection_for_alias_sync(m_service, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr, &error);
+    if (error) {
+        *result = fromError(error);
+        return nullptr;
+    }
+    if (!collection && secret_service_load_collections_sync(m_service, nullptr, &error)) {
+        // The login keyring is where a desktop keeps its secrets: make it the default.
+        GList *collections = secret_service_get_collections(m_service);
+        for (GList *it = collections; it && !collection; it = it->next)
+            if (g_strcmp0(g_dbus_proxy_get_object_path(G_DBUS_PROXY(it->data)), kLoginCollectionPath) == 0)
+                collection = SECRET_COLLECTION(g_object_ref(it->data));
+        g_list_free_full(collections, g_object_unref);
+        if (collection &&
+            !secret_service_set_alias_sync(m_service, SECRET_COLLECTION_DEFAULT, collection, nullptr, &error)) {
+            g_object_unref(collection);
+            *result = fromError(error);
+            return nullptr;
+        }
+    }
+    if (error) {
+        *result = fromError(error);
+        return nullptr;
+    }
+    if (!collection) {
+        if (m_refused) {
+            *result = failure(Status::UserCanceled, kRefusedMessage);
+            return nullptr;
+        }
+        // The service asks the person for the new keyring's password.
+        collection = secret_collection_create_sync(m_service, kNewCollectionLabel, SECRET_COLLECTION_DEFAULT,
+                                                   SECRET_COLLECTION_CREATE_NONE, nullptr, &error);
+        if (!collection) {
+            if (error) {
+                *result = fromError(error);
+            } else {
+                m_refused = true;
+                *result = failure(Status::UserCanceled, kRefusedMessage);
+            }
+            return nullptr;
+        }
+    }
+    if (secret_collection_get_locked(collection)) {
+        GList one{collection, nullptr, nullptr};
+        if (!unlock(&one, result)) {
+            g_object_unref(collection);
+            return nullptr;
+        }
+    }
+    return collection;
+}
+
 Result LibsecretBackend::find(const std::string &service, const std::string &account)
 {
     Result result;
-    ItemList items = search(m_service, service, account, &result);
+    ItemList items = unlockedItems(service, account, &result);
     if (!items)
         return result;
     SecretItem *item = SECRET_ITEM(items->data);
-    if (secret_item_get_locked(item))
-        return failure(Status::InteractionNotAllowed, kLockedMessage);
     GError *error = nullptr;
     if (!secret_item_load_secret_sync(item, nullptr, &error))
         return fromError(error);
@@ -181,7 +284,7 @@ Result LibsecretBackend::find(const std::string &service, const std::string &acc
 Result LibsecretBackend::update(const std::string &service, const std::string &account, std::string_view data)
 {
     Result result;
-    ItemList items = writableItems(m_service, service, account, &result);
+    ItemList items = unlockedItems(service, account, &result);
     if (!items)
         return result;
     SecretValue *value = secret_value_new(data.data(), gssize(data.size()), "text/plain");
@@ -201,19 +304,14 @@ Result LibsecretBackend::add(const std::string &service, const std::string &acco
 {
     if (!validNames(service, account))
         return failure(Status::InternalComponent, kInvalidNamesMessage);
-    GError *error = nullptr;
-    SecretCollection *collection =
-        secret_collection_for_alias_sync(m_service, SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr, &error);
-    if (!collection) {
-        return error ? fromError(error) : failure(Status::NotAvailable, "The secret service has no default keyring.");
-    }
-    if (secret_collection_get_locked(collection)) {
-        g_object_unref(collection);
-        return failure(Status::InteractionNotAllowed, kLockedMessage);
-    }
+    Result result;
+    SecretCollection *collection = defaultCollection(&result);
+    if (!collection)
+        return result;
     const std::string shown = label.empty() ? service + " (" + account + ")" : label;
     Attributes attributes = attributesFor(service, account);
     SecretValue *value = secret_value_new(data.data(), gssize(data.size()), "text/plain");
+    GError *error = nullptr;
     SecretItem *item = secret_item_create_sync(collection, &kSchema, attributes.get(), shown.c_str(), value,
                                                SECRET_ITEM_CREATE_NONE, nullptr, &error);
     secret_value_unref(value);
@@ -227,7 +325,7 @@ Result LibsecretBackend::add(const std::string &service, const std::string &acco
 Result LibsecretBackend::remove(const std::string &service, const std::string &account)
 {
     Result result;
-    ItemList items = writableItems(m_service, service, account, &result);
+    ItemList items = unlockedItems(service, account, &result);
     if (!items)
         return result;
     for (GList *it = items.get(); it; it = it->next) {

@@ -1,9 +1,12 @@
-// pelorin-keyring: answers Secret Service requests and exits. The requests arrive on standard
-// input until it closes, their answers leave on standard output in the same order
-// (foundation/KeyringMessage.h); nothing is printed elsewhere, so no secret reaches a log.
-// A request that cannot be read is answered with a refusal and ends the run: the ones before
-// it are answered, nothing after it is read. Exit code 0 when every request was answered, 2
-// when one could not be read, 1 when an answer could not be written.
+// pelorin-keyring: answers Secret Service requests. The requests arrive on standard input and
+// each is answered on standard output as soon as it has been read, in order
+// (foundation/KeyringMessage.h), so the program can keep one helper for a few requests in a row.
+// Nothing is printed elsewhere, so no secret reaches a log. A request that cannot be read is
+// answered with a refusal and ends the run. The helper exits when its input closes, or when no
+// request came for kIdleExitMs (a program that stopped using it without closing it). Exit code
+// 0 when every request was answered, 2 when one could not be read, 1 when an answer could not
+// be written, KeyringMessage::kHelperIdleExitCode when it left idle (nothing was read since
+// its last answer).
 //
 // No Qt here: the program starts this helper for each user action, so it must start fast.
 #include "LibsecretBackend.h"
@@ -12,6 +15,7 @@
 #include "foundation/SecretStatus.h"
 
 #include <cerrno>
+#include <poll.h>
 #include <unistd.h>
 
 namespace {
@@ -21,24 +25,33 @@ using KeyringMessage::Operation;
 
 constexpr int kExitUnreadableRequest = 2;
 constexpr int kExitUnwritableAnswer = 1;
+// Well past the program's own keep-alive, so it is the program that normally ends a session.
+constexpr int kIdleExitMs = 60000;
 
-// All of standard input, or nullopt past the longest stream (the peer is not ours).
-std::optional<std::string> readRequests()
+enum class Input { Bytes, Closed, Idle, Failed };
+
+// Appends what standard input has now to `bytes`, waiting at most kIdleExitMs for it.
+Input readSome(std::string &bytes)
 {
-    std::string bytes;
-    char chunk[16 * 1024];
+    pollfd input{STDIN_FILENO, POLLIN, 0};
     for (;;) {
+        const int ready = ::poll(&input, 1, kIdleExitMs);
+        if (ready < 0 && errno == EINTR)
+            continue;
+        if (ready < 0)
+            return Input::Failed;
+        if (ready == 0)
+            return Input::Idle;
+        char chunk[16 * 1024];
         const ssize_t got = ::read(STDIN_FILENO, chunk, sizeof chunk);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
+            return Input::Failed;
         if (got == 0)
-            return bytes;
-        if (got < 0) {
-            if (errno == EINTR)
-                continue;
-            return std::nullopt;
-        }
+            return Input::Closed;
         bytes.append(chunk, size_t(got));
-        if (bytes.size() > KeyringMessage::kMaxStreamBytes)
-            return std::nullopt;
+        return Input::Bytes;
     }
 }
 
@@ -96,25 +109,39 @@ bool refuse()
 
 int main()
 {
-    const std::optional<std::string> bytes = readRequests();
-    if (!bytes) {
-        refuse();
-        return kExitUnreadableRequest;
-    }
-    std::string_view rest = *bytes;
+    std::string bytes;
     Session session;
-    std::size_t answered = 0;
-    // An empty input is one unreadable request, not zero.
-    do {
-        const std::optional<KeyringMessage::Request> request = KeyringMessage::takeRequest(rest);
-        if (!request || answered == KeyringMessage::kMaxRequestsPerRun) {
+    bool answeredAny = false;
+    for (;;) {
+        std::string_view rest = bytes;
+        bool incomplete = true;
+        while (std::optional<KeyringMessage::Request> request = KeyringMessage::takeRequest(rest, &incomplete)) {
+            const std::optional<std::string> answer = KeyringMessage::encode(session.answer(*request));
+            if (!answer || !writeAll(*answer))
+                return kExitUnwritableAnswer;
+            answeredAny = true;
+        }
+        bytes.erase(0, bytes.size() - rest.size());
+        if (!incomplete) {
             refuse();
             return kExitUnreadableRequest;
         }
-        const std::optional<std::string> answer = KeyringMessage::encode(session.answer(*request));
-        if (!answer || !writeAll(*answer))
-            return kExitUnwritableAnswer;
-        ++answered;
-    } while (!rest.empty());
-    return 0;
+        switch (readSome(bytes)) {
+        case Input::Bytes:
+            continue;
+        case Input::Idle:
+            if (bytes.empty())
+                return KeyringMessage::kHelperIdleExitCode;
+            [[fallthrough]]; // a request stuck half-sent is not coming
+        case Input::Failed:
+            refuse();
+            return kExitUnreadableRequest;
+        case Input::Closed:
+            // An empty input is one unreadable request, not zero; so is a cut-off one.
+            if (bytes.empty() && answeredAny)
+                return 0;
+            refuse();
+            return kExitUnreadableRequest;
+        }
+    }
 }

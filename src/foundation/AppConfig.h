@@ -4,6 +4,8 @@
 #include <QStringList>
 #include <QVariantMap>
 
+#include <functional>
+
 // The configuration a build is branded and pointed with: the property lists "CommonConfig.plist"
 // and "ReleaseConfig.plist" in the resources folder, the bundle information, fixed values and
 // the device identifier. Nothing is cached: every call reads the files again.
@@ -45,8 +47,15 @@ public:
     static QString labelID();            // "20014"
     static QString chromeExtensionsID(); // store identifier of the companion browser extension
 
-    // The device identifier kept in the keychain; made, logged and stored on first use.
+    // The device identifier kept in the keychain; made, logged and stored when the keychain has
+    // none. Once read or made it stays the same for the rest of the run. When the keychain cannot
+    // answer (locked and not unlocked, or unreachable) nothing is made for keeping: the run gets
+    // an identifier of its own that is never stored, so the keychain's own survives for the next
+    // run (AppStorageManager::secretsNotKept() says why). Waits for the keychain the first time.
     static QString deviceUniqueID();
+    // The same without waiting: `completion` gets it at once when the run already knows it,
+    // otherwise on the main queue once the keychain has answered.
+    static void deviceUniqueID(std::function<void(const QString &)> completion);
 
 private:
     static QString configString(const char *key);

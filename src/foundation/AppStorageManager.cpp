@@ -2,6 +2,7 @@
 
 #include "foundation/Log.h"
 #include "foundation/MainQueue.h"
+#include "foundation/SecretQueue.h"
 
 #include <QFile>
 
@@ -9,16 +10,6 @@ namespace {
 
 std::mutex g_sharedMutex;
 std::unique_ptr<AppStorageManager> g_shared;
-
-const QString kDeviceUUIDAccount = QStringLiteral("deviceUUID");
-const QString kUsernameAccount = QStringLiteral("username");
-const QString kPasswordAccount = QStringLiteral("password");
-
-// How a nil object prints in a log format ("%@").
-QString described(const QString &text)
-{
-    return text.isNull() ? QStringLiteral("(null)") : text;
-}
 
 } // namespace
 
@@ -30,6 +21,8 @@ AppStorageManager::AppStorageManager(const QString &settingsFilePath, KeychainSt
 
 AppStorageManager::~AppStorageManager()
 {
+    // Keychain work posted by this instance must not outlive it.
+    SecretQueue::drain();
     flush();
 }
 
@@ -44,7 +37,11 @@ AppStorageManager &AppStorageManager::sharedManager()
 
 void AppStorageManager::setSharedManagerForTesting(std::unique_ptr<AppStorageManager> manager)
 {
+    // The old one goes outside the lock: its keychain work, finished first, may ask for the
+    // shared instance (the language of an error text).
+    std::unique_ptr<AppStorageManager> old;
     std::lock_guard lock(g_sharedMutex);
+    old.swap(g_shared);
     g_shared = std::move(manager);
 }
 
@@ -112,7 +109,7 @@ void AppStorageManager::setValueDeferred(const QString &key, const QVariant &val
     m_flushScheduled = true;
     MainQueue::after(kDeferredFlushMs, [this, alive = std::weak_ptr<int>(m_alive)] {
         if (alive.lock())
-            flush();
+            flushSettings();
     });
 }
 
@@ -133,6 +130,12 @@ void AppStorageManager::writeValue(const QString &key, const QVariant &value)
 }
 
 void AppStorageManager::flush()
+{
+    SecretQueue::drain();
+    flushSettings();
+}
+
+void AppStorageManager::flushSettings()
 {
     std::lock_guard lock(m_mutex);
     m_flushScheduled = false;
@@ -185,45 +188,4 @@ QString AppStorageManager::stringForKey(const char *key) const
 {
     const QVariant stored = value(QLatin1String(key));
     return stored.typeId() == QMetaType::QString ? stored.toString() : QString();
-}
-
-QString AppStorageManager::deviceUUID() const
-{
-    return m_keychain.stringForKey(kDeviceUUIDAccount);
-}
-
-bool AppStorageManager::storeDeviceUUID(const QString &uuid)
-{
-    NQLog::line(QStringLiteral("-[AppStorageManager storeDeviceUUID:]: '%1'.").arg(described(uuid)));
-    m_keychain.setString(uuid, kDeviceUUIDAccount);
-    return true;
-}
-
-void AppStorageManager::removeDeviceUUID()
-{
-    NQLog::line(QStringLiteral("-[AppStorageManager removeDeviceUUID]"));
-    m_keychain.removeItemForKey(kDeviceUUIDAccount);
-}
-
-AppStorageManager::VpnCredentials AppStorageManager::getVpnCredentials() const
-{
-    // Both in one keyring round trip: a connect waits for them.
-    const QStringList texts = m_keychain.stringsForKeys({kUsernameAccount, kPasswordAccount});
-    return {texts.at(0), texts.at(1)};
-}
-
-void AppStorageManager::storeVPNCredentials(const QString &username, const QString &password)
-{
-    // This line is read verbatim from the log; it includes the password unmasked.
-    NQLog::line(QStringLiteral("-[AppStorageManager storeVPNCredentials:pass:]: { username: '%1', password: '%2' }.")
-                    .arg(described(username), described(password)));
-    m_keychain.setString(username, kUsernameAccount);
-    m_keychain.setString(password, kPasswordAccount);
-}
-
-void AppStorageManager::removeVpnCredentials()
-{
-    NQLog::line(QStringLiteral("|AppStorageManager| removeVpnCredentials"));
-    m_keychain.removeItemForKey(kUsernameAccount);
-    m_keychain.removeItemForKey(kPasswordAccount);
 }

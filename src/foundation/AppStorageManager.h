@@ -8,6 +8,7 @@
 #include <QString>
 #include <QVariant>
 
+#include <functional>
 #include <memory>
 #include <mutex>
 
@@ -126,13 +127,41 @@ public:
     void storeKeyFromStoreFlag(bool value);
 
     // Keychain items. Failures are logged by the keychain store and not reported here; a
-    // missing item reads as a null string.
+    // missing item reads as a null string. All keychain work runs in order on SecretQueue's
+    // thread: writes return at once, reads wait for their answer (the window's thread uses the
+    // completion forms, which do not).
+    //
+    // Once the device identifier or the credentials have been read or stored they are remembered
+    // for the run (the identifier's read brings the credentials along), so a connect reads them
+    // without a keyring round trip; changes made to the keychain by other programs show at the
+    // next start. When the keychain cannot serve (its unlock was refused, it did not answer) the run's secrets live in
+    // memory only from then on, the keychain is not asked again (no second prompt), and
+    // secretsNotKept() says why; what it held is left as it was.
     QString deviceUUID() const;
     bool storeDeviceUUID(const QString &uuid); // returns true
     void removeDeviceUUID();
     VpnCredentials getVpnCredentials() const;
+    // The same without waiting: `completion` runs on the main queue.
+    void getVpnCredentials(std::function<void(const VpnCredentials &)> completion) const;
     void storeVPNCredentials(const QString &username, const QString &password);
     void removeVpnCredentials();
+
+    // The identifier as the keychain answered: found (value), no such item (null value, no
+    // error), or not available (error: locked and not unlocked, or no answer).
+    struct DeviceUUIDLookup {
+        QString value;
+        NQErrorOpt error;
+    };
+    DeviceUUIDLookup lookupDeviceUUID() const;
+    // Uses `uuid` as the identifier for the rest of the run without writing it anywhere.
+    void keepDeviceUUIDForThisRun(const QString &uuid);
+    // The identifier already known to this run (no keychain access); null when none yet.
+    QString knownDeviceUUID() const;
+    // Why this run's identifier and credentials are not kept in the keychain; nullopt while they are.
+    NQErrorOpt secretsNotKept() const;
+    // Called once, on the main queue, when the run's secrets stop being kept (for telling the
+    // person what will be lost and why). Replaces any earlier handler; empty removes it.
+    static void setSecretsNotKeptHandler(std::function<void(const NQError &)> handler);
 
     // Reset operations; keychain items survive all of them.
     void removeAppStorage(); // every settings key at once
@@ -174,8 +203,8 @@ public:
         return UserDefaultsExtended::arrayForKey<T>(*this, key, error);
     }
 
-    // Writes pending changes to disk. Every writer already does so; kept for callers that
-    // want to make the point explicit (e.g. before quitting).
+    // Writes pending settings to disk and waits for the keychain writes still on their way
+    // (they run off the writer's thread). Call it before quitting.
     void flush();
 
 private:
@@ -184,6 +213,12 @@ private:
     QString stringForKey(const char *key) const;
     void writeValue(const QString &key, const QVariant &value);
     void openSettings();
+    void flushSettings();
+    // Keychain helpers; on SecretQueue's thread.
+    bool keychainServes() const;
+    void stopKeepingSecrets(const NQError &why) const;
+    void writeSecret(const QString &value, const QString &account) const;
+    VpnCredentials readVpnCredentials() const;
 
     mutable std::mutex m_mutex;
     bool m_flushScheduled = false;
@@ -191,4 +226,14 @@ private:
     std::unique_ptr<QSettings> m_settings;
     QString m_path;
     KeychainStore m_keychain;
+
+    // The run's memory of its secrets (see secretsNotKept()).
+    struct RunSecrets {
+        QString deviceUUID;
+        VpnCredentials credentials;
+        bool credentialsKnown = false; // read or written in this run
+        NQErrorOpt notKept;
+    };
+    mutable std::mutex m_secretsMutex;
+    mutable RunSecrets m_run;
 };

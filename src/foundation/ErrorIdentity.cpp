@@ -1,5 +1,6 @@
 #include "foundation/ErrorIdentity.h"
 
+#include "foundation/LocalString.h"
 #include "foundation/Log.h"
 
 #include <QStringList>
@@ -21,8 +22,8 @@ NQError errorWithCode(int code, const QString &message)
 
 NQError errorForMissingKey(const QString &key)
 {
-    // "Missing key" has no translation of its own: the sentence is the same in every language.
-    const QString description = QStringLiteral("Missing key ('%1')").arg(key);
+    const QString description =
+        QStringLiteral("%1 ('%2')").arg(LocalString::forKey(QStringLiteral("Missing key")), key);
     return NQError(QLatin1String(kBackendErrorDomain), kMissingKeyCode,
                    {{QLatin1String(NQError::kLocalizedDescriptionKey), description}});
 }

@@ -22,7 +22,7 @@ NQError errorWithCode(int code);
 // The same; a non-null message is kept under "kNQErrorMessage".
 NQError errorWithCode(int code, const QString &message);
 
-// A backend error, code -32, described as "Missing key ('<key>')".
+// A backend error, code -32, described as "Missing key ('<key>')" in the interface language.
 NQError errorForMissingKey(const QString &key);
 // The same error for callers that also hold underlying errors; they do not change it.
 NQError errorForMissingKey(const QString &key, const QList<NQError> &underlyingErrors);

@@ -141,3 +141,26 @@ SecretBackend::Result FileSecretBackend::remove(const QString &service, const QS
         items->insert(service, serviceItems);
     return save(*items);
 }
+
+std::optional<std::vector<FileSecretBackend::Item>> FileSecretBackend::items(Result *failed)
+{
+    std::lock_guard lock(m_mutex);
+    const std::optional<QJsonObject> all = load(failed);
+    if (!all)
+        return std::nullopt;
+    std::vector<Item> found;
+    for (auto service = all->begin(); service != all->end(); ++service) {
+        const QJsonObject accounts = service.value().toObject();
+        for (auto account = accounts.begin(); account != accounts.end(); ++account)
+            if (account.value().isString())
+                found.push_back(
+                    {service.key(), account.key(), QByteArray::fromBase64(account.value().toString().toLatin1())});
+    }
+    return found;
+}
+
+bool FileSecretBackend::removeFile()
+{
+    std::lock_guard lock(m_mutex);
+    return !QFile::exists(m_path) || QFile::remove(m_path);
+}

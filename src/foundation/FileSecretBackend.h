@@ -32,6 +32,17 @@ public:
     Result remove(const QString &service, const QString &account) override;
     QString name() const override { return QStringLiteral("file"); }
 
+    struct Item {
+        QString service;
+        QString account;
+        QByteArray data;
+    };
+    // Every item of the file (none when there is no file); nullopt and *failure when it cannot
+    // be read.
+    std::optional<std::vector<Item>> items(Result *failure);
+    // Deletes the file; true when it is gone.
+    bool removeFile();
+
 private:
     std::optional<QJsonObject> load(Result *failure);
     Result save(const QJsonObject &items);

@@ -1,5 +1,6 @@
 #include "foundation/KeychainStore.h"
 
+#include "foundation/LocalString.h"
 #include "foundation/Log.h"
 
 #include <QStringDecoder>
@@ -37,8 +38,13 @@ bool hasUtf8Form(const QString &text)
 } // namespace
 
 KeychainStore::KeychainStore(QString service, std::shared_ptr<SecretBackend> backend)
-    : m_service(std::move(service)), m_backend(backend ? std::move(backend) : SecretBackend::systemDefault())
+    : m_service(std::move(service)), m_backend(std::move(backend))
 {
+}
+
+std::shared_ptr<SecretBackend> KeychainStore::backend() const
+{
+    return m_backend ? m_backend : SecretBackend::systemDefault();
 }
 
 KeychainStore KeychainStore::keyChainStoreWithService(const QString &service)
@@ -59,7 +65,7 @@ QString KeychainStore::stringForKey(const QString &key, NQErrorOpt *error) const
         report(error, *refused);
         return {};
     }
-    return stringFrom(m_backend->find(m_service, key), error);
+    return stringFrom(backend()->find(m_service, key), error);
 }
 
 QStringList KeychainStore::stringsForKeys(const QStringList &keys, QList<NQErrorOpt> *errors) const
@@ -73,7 +79,7 @@ QStringList KeychainStore::stringsForKeys(const QStringList &keys, QList<NQError
             asked.append(keys.at(i));
     }
     const std::vector<SecretBackend::Result> results =
-        asked.isEmpty() ? std::vector<SecretBackend::Result>() : m_backend->findAll(m_service, asked);
+        asked.isEmpty() ? std::vector<SecretBackend::Result>() : backend()->findAll(m_service, asked);
     size_t next = 0;
     for (qsizetype i = 0; i < keys.size(); ++i) {
         if (found.at(i))
@@ -99,7 +105,7 @@ QString KeychainStore::stringFrom(const SecretBackend::Result &found, NQErrorOpt
     QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
     QString text = decoder.decode(found.data);
     if (decoder.hasError()) {
-        report(error, conversionError(QStringLiteral("failed to convert data to string")));
+        report(error, conversionError(localized("failed to convert data to string")));
         return {};
     }
     if (text.isNull())
@@ -112,13 +118,13 @@ bool KeychainStore::setString(const QString &value, const QString &key, NQErrorO
     if (error)
         error->reset();
     if (key.isNull()) {
-        report(error, argumentError(QStringLiteral("the key must not to be nil")));
+        report(error, argumentError(localized("the key must not to be nil")));
         return false;
     }
     if (value.isNull())
         return removeItemForKey(key, error);
     if (!hasUtf8Form(value)) {
-        report(error, conversionError(QStringLiteral("failed to convert string to data")));
+        report(error, conversionError(localized("failed to convert string to data")));
         return false;
     }
     if (m_service.isEmpty()) {
@@ -126,12 +132,13 @@ bool KeychainStore::setString(const QString &value, const QString &key, NQErrorO
         return false;
     }
     const QByteArray data = value.toUtf8();
-    const SecretBackend::Result found = m_backend->find(m_service, key);
+    const std::shared_ptr<SecretBackend> secrets = backend();
+    const SecretBackend::Result found = secrets->find(m_service, key);
     SecretBackend::Result written;
     if (found.status == SecretBackend::Success || found.status == SecretBackend::InteractionNotAllowed)
-        written = m_backend->update(m_service, key, data);
+        written = secrets->update(m_service, key, data);
     else if (found.status == SecretBackend::ItemNotFound)
-        written = m_backend->add(m_service, key, data);
+        written = secrets->add(m_service, key, data);
     else
         written = found;
     if (!written.ok()) {
@@ -154,7 +161,7 @@ bool KeychainStore::removeItemForKey(const QString &key, NQErrorOpt *error) cons
         report(error, *refused);
         return false;
     }
-    const SecretBackend::Result removed = m_backend->remove(m_service, key);
+    const SecretBackend::Result removed = backend()->remove(m_service, key);
     if (removed.ok() || removed.status == SecretBackend::ItemNotFound)
         return true;
     report(error, securityError(removed));
@@ -165,7 +172,7 @@ bool KeychainStore::removeItemForKey(const QString &key, NQErrorOpt *error) cons
 NQErrorOpt KeychainStore::refusedKey(const QString &key) const
 {
     if (key.isNull())
-        return argumentError(QStringLiteral("the key must not to be nil"));
+        return argumentError(localized("the key must not to be nil"));
     if (m_service.isEmpty())
         return unexpectedError();
     return std::nullopt;
@@ -185,7 +192,7 @@ NQError KeychainStore::conversionError(const QString &message)
 
 NQError KeychainStore::securityError(const SecretBackend::Result &result)
 {
-    const QString message = result.message.isEmpty() ? QStringLiteral("Security error has occurred.") : result.message;
+    const QString message = result.message.isEmpty() ? localized("Security error has occurred.") : result.message;
     NQLog::line(QStringLiteral("OSStatus error: [%1] %2").arg(result.status).arg(message));
     return makeError(result.status, message);
 }
@@ -193,7 +200,12 @@ NQError KeychainStore::securityError(const SecretBackend::Result &result)
 // Raised where the item's attributes cannot be built (a store without a service name).
 NQError KeychainStore::unexpectedError()
 {
-    const QString message = QStringLiteral("Unexpected error has occurred.");
+    const QString message = localized("Unexpected error has occurred.");
     NQLog::line(QStringLiteral("error: [%1] %2").arg(kUnexpectedErrorCode).arg(message));
     return makeError(kUnexpectedErrorCode, message);
+}
+
+QString KeychainStore::localized(const char *english)
+{
+    return LocalString::forKey(QLatin1String(english));
 }

@@ -14,7 +14,8 @@
 // synchronised); on Linux they live in the Secret Service's default collection, or in the
 // per-user file store where no Secret Service answers (see SecretBackend).
 //
-// Errors are in the domain "com.pelorin.vpn.mac" and are logged when made:
+// Errors are in the domain "com.pelorin.vpn.mac", their messages in the interface language, and
+// are logged when made:
 //   argument error   code 1        "the key must not to be nil"
 //   conversion error code -67594   "failed to convert string to data" / "... data to string"
 //   security error   the status    the secret store's text, or "Security error has occurred."
@@ -27,7 +28,8 @@ public:
     static constexpr int kConversionErrorCode = -67594;
     static constexpr int kUnexpectedErrorCode = -99999;
 
-    // A store for `service` over `backend`; nullptr means SecretBackend::systemDefault().
+    // A store for `service` over `backend`; nullptr means SecretBackend::systemDefault(), chosen
+    // at the first item access (not here: making the store costs no Secret Service round trip).
     explicit KeychainStore(QString service, std::shared_ptr<SecretBackend> backend = nullptr);
 
     static KeychainStore keyChainStoreWithService(const QString &service);
@@ -35,7 +37,7 @@ public:
     static QString defaultService();
 
     const QString &service() const { return m_service; }
-    SecretBackend &backend() const { return *m_backend; }
+    std::shared_ptr<SecretBackend> backend() const;
 
     // The string under `key`, or a null string where missing (no error) or on failure.
     QString stringForKey(const QString &key, NQErrorOpt *error = nullptr) const;
@@ -59,6 +61,8 @@ private:
     static NQError conversionError(const QString &message);
     static NQError securityError(const SecretBackend::Result &result);
     static NQError unexpectedError();
+    // `english` in the interface language.
+    static QString localized(const char *english);
 
     QString m_service;
     std::shared_ptr<SecretBackend> m_backend;

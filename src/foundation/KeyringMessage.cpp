@@ -28,8 +28,11 @@ public:
 
     void magic(std::string_view expected)
     {
-        if (take(expected.size()) != expected)
+        const std::string_view available = m_bytes.substr(m_pos, expected.size());
+        if (available != expected.substr(0, available.size()))
             m_ok = false;
+        else
+            take(expected.size());
     }
     std::uint8_t byte()
     {
@@ -47,20 +50,31 @@ public:
     {
         const std::uint32_t length = uint32();
         if (length > kMaxFieldBytes) {
-            m_ok = false;
+            refuse();
             return {};
         }
         return std::string(take(length));
     }
+    // Marks the message invalid whatever follows.
+    void refuse()
+    {
+        m_ok = false;
+        m_short = false;
+    }
     bool ok() const { return m_ok; }
+    // Failed only for want of bytes: what was there is the start of a valid message.
+    bool onlyShort() const { return !m_ok && m_short; }
     std::string_view rest() const { return m_bytes.substr(m_pos); }
 
 private:
     // `count` bytes, or nothing once anything was short.
     std::string_view take(std::size_t count)
     {
-        if (!m_ok || m_bytes.size() - m_pos < count) {
+        if (!m_ok)
+            return {};
+        if (m_bytes.size() - m_pos < count) {
             m_ok = false;
+            m_short = true;
             return {};
         }
         m_pos += count;
@@ -70,6 +84,7 @@ private:
     std::string_view m_bytes;
     std::size_t m_pos = 0;
     bool m_ok = true;
+    bool m_short = false;
 };
 
 bool knownOperation(std::uint8_t value)
@@ -78,9 +93,9 @@ bool knownOperation(std::uint8_t value)
 }
 
 template <typename Message>
-std::optional<Message> whole(std::string_view bytes, std::optional<Message> (*take)(std::string_view &))
+std::optional<Message> whole(std::string_view bytes, std::optional<Message> (*take)(std::string_view &, bool *))
 {
-    std::optional<Message> message = take(bytes);
+    std::optional<Message> message = take(bytes, nullptr);
     if (!message || !bytes.empty())
         return std::nullopt;
     return message;
@@ -108,25 +123,29 @@ std::optional<std::string> encode(const Answer &answer)
     return out;
 }
 
-std::optional<Request> takeRequest(std::string_view &bytes)
+std::optional<Request> takeRequest(std::string_view &bytes, bool *incomplete)
 {
     Reader reader(bytes);
     Request request;
     reader.magic(kRequestMagic);
     const std::uint8_t operation = reader.byte();
+    if (reader.ok() && !knownOperation(operation))
+        reader.refuse();
     request.service = reader.field();
     request.account = reader.field();
     request.secret = reader.field();
     if (operation == std::uint8_t(Operation::AddLabelled))
         request.label = reader.field();
-    if (!reader.ok() || !knownOperation(operation))
+    if (incomplete)
+        *incomplete = reader.onlyShort();
+    if (!reader.ok())
         return std::nullopt;
     request.operation = Operation(operation);
     bytes = reader.rest();
     return request;
 }
 
-std::optional<Answer> takeAnswer(std::string_view &bytes)
+std::optional<Answer> takeAnswer(std::string_view &bytes, bool *incomplete)
 {
     Reader reader(bytes);
     Answer answer;
@@ -134,6 +153,8 @@ std::optional<Answer> takeAnswer(std::string_view &bytes)
     answer.status = std::int32_t(reader.uint32());
     answer.message = reader.field();
     answer.secret = reader.field();
+    if (incomplete)
+        *incomplete = reader.onlyShort();
     if (!reader.ok())
         return std::nullopt;
     bytes = reader.rest();

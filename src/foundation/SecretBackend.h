@@ -9,6 +9,8 @@
 #include <memory>
 #include <vector>
 
+class FileSecretBackend;
+
 // Where the keychain store keeps its items: one secret per (service, account). Every call
 // answers with a status of the platform keychain's numbering, so the store above runs the same
 // add-or-update rules whatever keeps the secrets.
@@ -44,13 +46,18 @@ public:
     virtual QString name() const = 0;
 
     // The process-wide backend: the Secret Service when one answers on the session bus (asked
-    // once per process), otherwise the per-user file store, with a logged warning. The
+    // once per process, on first use), otherwise the per-user file store, with a logged warning.
+    // When the Secret Service answers, whatever an earlier run left in the file store moves
+    // into it and the file is removed, so a user never has two sets of secrets. The
     // environment variable PELORIN_SECRET_STORE=file skips the Secret Service (headless
     // machines, test runs that must not touch the user's keyring).
     static std::shared_ptr<SecretBackend> systemDefault();
     // The Secret Service on the session bus, reached through the keyring helper once it has
     // answered a ping; nullptr and *message when the helper is missing or no service answers.
     static std::shared_ptr<SecretBackend> connectSecretService(QString *message);
+    // Moves every item of `from` into `to` (replacing what `to` holds under the same names),
+    // then removes the file. False, logged, and the file kept when an item cannot be written.
+    static bool moveFileSecrets(FileSecretBackend &from, SecretBackend &to);
     // Replaces the process-wide backend (tests); nullptr chooses again on next use.
     static void setSystemDefaultForTesting(std::shared_ptr<SecretBackend> backend);
 };

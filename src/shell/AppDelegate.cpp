@@ -67,6 +67,10 @@ void AppDelegate::applicationDidFinishLaunching()
     createMainWindow();
     setupMenuBar();
     listenNotifications();
+    AppStorageManager::setSecretsNotKeptHandler([this, alive = std::weak_ptr<char>(m_alive)](const NQError &why) {
+        if (alive.lock())
+            tellSecretsNotKept(why);
+    });
 
     getLabelConfig([this, alive = std::weak_ptr<char>(m_alive)] {
         if (alive.lock())

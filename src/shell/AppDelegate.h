@@ -72,8 +72,13 @@ public:
     SplashVC *splash() const { return m_splash.get(); }
     ServiceLauncher &service() { return m_service; }
 
+    // Tells the person that this run's device identity and VPN sign-in will not be kept, and why
+    // (the keyring's unlock was refused or it could not be used): a log line and an alert.
+    void tellSecretsNotKept(const NQError &why);
+
 private:
     void launchCompletion();
+    void getLabelConfigFor(const QString &deviceID, std::function<void()> completion);
 
     NQApplication &m_app;
     ShellEngine &m_engine;

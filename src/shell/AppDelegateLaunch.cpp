@@ -4,8 +4,11 @@
 #include "foundation/AppConfig.h"
 #include "foundation/AppStorageManager.h"
 #include "foundation/BundleExtended.h"
+#include "foundation/LocalString.h"
 #include "foundation/Log.h"
 #include "foundation/MainQueue.h"
+#include "foundation/SecretStatus.h"
+#include "shell/AlertPresenter.h"
 #include "shell/ShellEngine.h"
 #include "shell/UrlOpener.h"
 #include "shell/WindowHost.h"
@@ -70,10 +73,20 @@ void AppDelegate::redirectConsoleLogToDocumentFolder()
 
 void AppDelegate::getLabelConfig(std::function<void()> completion)
 {
+    // The identifier may wait for the keyring and its unlock prompt: not on this thread.
+    AppConfig::deviceUniqueID([this, alive = std::weak_ptr<char>(m_alive),
+                               completion = std::move(completion)](const QString &deviceID) mutable {
+        if (alive.lock())
+            getLabelConfigFor(deviceID, std::move(completion));
+    });
+}
+
+void AppDelegate::getLabelConfigFor(const QString &deviceID, std::function<void()> completion)
+{
     AppStorageManager &store = AppStorageManager::sharedManager();
     m_engine.labelsettings(
-        QStringLiteral("20014"), AppConfig::deviceUniqueID(), store.accountKey(), kLabelMark,
-        m_engine.appLanguageCode(), AppConfig::appVersion(),
+        QStringLiteral("20014"), deviceID, store.accountKey(), kLabelMark, m_engine.appLanguageCode(),
+        AppConfig::appVersion(),
         [completion = std::move(completion)](const QString &support, const QString &postInstall,
                                              const QString &postUninstall, const NQErrorOpt &error) {
             AppStorageManager &storage = AppStorageManager::sharedManager();
@@ -90,6 +103,18 @@ void AppDelegate::getLabelConfig(std::function<void()> completion)
             if (completion)
                 completion();
         });
+}
+
+void AppDelegate::tellSecretsNotKept(const NQError &why)
+{
+    NQLog::line(QStringLiteral("|AppDelegate| Secrets not kept: %1").arg(why.localizedDescription()));
+    AlertRequest alert;
+    alert.title = why.code() == SecretStatus::UserCanceled ? QStringLiteral("The keyring stayed locked")
+                                                           : QStringLiteral("The keyring could not be used");
+    alert.message = QStringLiteral("%1 will not keep this device's identity and your VPN sign-in after it quits "
+                                   "(%2). Unlock the keyring and start %1 again to keep them.")
+                        .arg(QLatin1String(LocalString::kAppName), why.localizedDescription());
+    m_alerts.runModal(alert, [](long) {});
 }
 
 void AppDelegate::getLabelConfigBrowserChrome(std::function<void(const NQErrorOpt &)> completion)
@@ -149,6 +174,8 @@ void AppDelegate::applicationWillTerminate()
 {
     AppStorageManager::sharedManager().storeNotFirstRun(true);
     m_engine.flushExtensionStorage();
+    // Credentials stored moments ago may still be on their way to the keychain.
+    AppStorageManager::sharedManager().flush();
     vpnCloseService();
 }
 

@@ -96,9 +96,18 @@ void SplashVC::registerVpn()
 {
     NQLog::line(QStringLiteral("|SplashVC| registerVpn"));
     setState(State::WaitingForCredentials);
+    // The identifier may still wait for the keyring's unlock prompt: not on this thread.
+    AppConfig::deviceUniqueID([this, alive = std::weak_ptr<char>(m_alive)](const QString &deviceID) {
+        if (alive.lock())
+            registerVpnFor(deviceID);
+    });
+}
+
+void SplashVC::registerVpnFor(const QString &deviceID)
+{
     const QString key = AppStorageManager::sharedManager().accountKey();
     m_engine.registerVpn(
-        AppConfig::labelID(), AppConfig::deviceUniqueID(), key, kRegisterDeviceType, false,
+        AppConfig::labelID(), deviceID, key, kRegisterDeviceType, false,
         [this, alive = std::weak_ptr<char>(m_alive)](bool success, const QString &username, const QString &password,
                                                      const NQErrorOpt &error) {
             if (error || !success || username.isEmpty() || password.isEmpty()) {

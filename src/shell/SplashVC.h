@@ -43,6 +43,7 @@ public:
     void checkForUpdate();
     void checkConnection();
     void registerVpn();
+    void registerVpnFor(const QString &deviceID);
     void openHome();
     void notificationsSubscribe();
     void notificationsUnsubscribe();

@@ -1,6 +1,7 @@
 #include "foundation/AppConfig.h"
 #include "foundation/AppStorageManager.h"
 #include "foundation/KeychainStore.h"
+#include "foundation/SecretQueue.h"
 #include "support/LogCapture.h"
 
 #include <QTemporaryDir>
@@ -10,14 +11,17 @@
 
 namespace {
 
-// Secrets in memory, counting the writes.
+// Secrets in memory, counting the writes; every find answers `findStatus` when set.
 class MemorySecrets : public SecretBackend {
 public:
     std::map<std::pair<QString, QString>, QByteArray> items;
     int writes = 0;
+    std::optional<int> findStatus;
 
     Result find(const QString &service, const QString &account) override
     {
+        if (findStatus)
+            return {*findStatus, {}, QStringLiteral("The keyring stayed locked.")};
         const auto it = items.find({service, account});
         if (it == items.end())
             return {ItemNotFound, {}, {}};
@@ -60,7 +64,11 @@ private slots:
         AppStorageManager::setSharedManagerForTesting(std::make_unique<AppStorageManager>(
             m_dir.filePath("settings.conf"), KeychainStore(QStringLiteral("com.pelorin.vpn.mac"), m_secrets)));
     }
-    void cleanup() { AppStorageManager::setSharedManagerForTesting(nullptr); }
+    void cleanup()
+    {
+        AppStorageManager::setSharedManagerForTesting(nullptr);
+        m_secrets->findStatus.reset();
+    }
 
     void madeOnceThenKept()
     {
@@ -71,6 +79,7 @@ private slots:
         QVERIFY(QRegularExpression(QStringLiteral("^[0-9A-Z]{32}MAC2$")).match(first).hasMatch());
         QCOMPARE(capture.count(QStringLiteral("|AppConfig| Missing device UUID create new: ") + first), 1);
         QCOMPARE(capture.lines().filter(QStringLiteral("|AppConfig|")).size(), 1);
+        SecretQueue::drain();
         QCOMPARE(m_secrets->writes, 1);
         QCOMPARE(AppStorageManager::sharedManager().deviceUUID(), first);
     }
@@ -81,6 +90,43 @@ private slots:
         LogCapture capture;
         QCOMPARE(AppConfig::deviceUniqueID(), QStringLiteral("legacy-id-from-an-older-build"));
         QVERIFY(capture.lines().filter(QStringLiteral("|AppConfig|")).isEmpty());
+    }
+
+    // Locked and not unlocked, or no answer: "no such item" was never said, so nothing is made
+    // for keeping; the run gets one identifier of its own and the keychain keeps its item.
+    void keychainThatCannotAnswerKeepsItsItemAndTheRunOneIdentifier_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::newRow("locked") << int(SecretBackend::InteractionNotAllowed);
+        QTest::newRow("unlock refused") << int(SecretBackend::UserCanceled);
+        QTest::newRow("helper failed") << int(SecretBackend::InternalComponent);
+    }
+    void keychainThatCannotAnswerKeepsItsItemAndTheRunOneIdentifier()
+    {
+        QFETCH(int, status);
+        m_secrets->items[{QStringLiteral("com.pelorin.vpn.mac"), QStringLiteral("deviceUUID")}] = "KEPT-ID";
+        m_secrets->findStatus = status;
+        QStringList told;
+        AppStorageManager::setSecretsNotKeptHandler(
+            [&told](const NQError &why) { told << why.localizedDescription(); });
+        LogCapture capture;
+        const QString first = AppConfig::deviceUniqueID();
+        QString later;
+        AppConfig::deviceUniqueID([&later](const QString &identifier) { later = identifier; });
+        QTRY_COMPARE(later, first);
+        QCOMPARE(AppConfig::deviceUniqueID(), first);
+        QVERIFY(first != QLatin1String("KEPT-ID"));
+        QCOMPARE(capture.count(QStringLiteral("|AppConfig| Missing device UUID create new: ") + first), 0);
+
+        AppStorageManager &storage = AppStorageManager::sharedManager();
+        storage.storeVPNCredentials(QStringLiteral("u"), QStringLiteral("p"));
+        QCOMPARE(storage.getVpnCredentials().password, QStringLiteral("p"));
+        SecretQueue::drain();
+        QCOMPARE(m_secrets->writes, 0);
+        QCOMPARE(m_secrets->items.size(), size_t(1));
+        QCOMPARE(storage.secretsNotKept()->code(), status);
+        QTRY_COMPARE(told, QStringList{QStringLiteral("The keyring stayed locked.")});
+        AppStorageManager::setSecretsNotKeptHandler({});
     }
 };
 

@@ -1,6 +1,8 @@
 #include "foundation/AppStorageManager.h"
+#include "foundation/ErrorIdentity.h"
 #include "foundation/EventBus.h"
 #include "foundation/EventNames.h"
+#include "foundation/FileSecretBackend.h"
 #include "foundation/KeychainStore.h"
 #include "foundation/LanguageNames.h"
 #include "foundation/LanguagesTableSource.h"
@@ -174,6 +176,36 @@ private slots:
         LocalString::setAppLanguageCode(QStringLiteral("ja"));
         QCOMPARE(LocalString::forKey(QStringLiteral("Connect")), QStringLiteral("Connect"));
         QCOMPARE(LocalString::forKey(QStringLiteral("Quit_software_name")), QStringLiteral("Quit_software_name"));
+    }
+
+    // Error texts go through the same lookup: the missing-key error and the keychain store's.
+    void errorTextsAreTranslated_data()
+    {
+        QTest::addColumn<QString>("code");
+        QTest::addColumn<QString>("missingKey");
+        QTest::addColumn<QString>("nilKey");
+        QTest::newRow("en") << "en"
+                            << "Missing key ('ovpn')"
+                            << "the key must not to be nil";
+        QTest::newRow("de") << "de"
+                            << "Fehlender Schlüssel ('ovpn')"
+                            << "Der Schlüssel darf nicht leer sein";
+        QTest::newRow("fi") << "fi"
+                            << "Puuttuva avain ('ovpn')"
+                            << "Avain ei saa olla tyhjä";
+    }
+    void errorTextsAreTranslated()
+    {
+        QFETCH(QString, code);
+        QFETCH(QString, missingKey);
+        QFETCH(QString, nilKey);
+        LocalString::setAppLanguageCode(code);
+        QCOMPARE(ErrorIdentity::errorForMissingKey(QStringLiteral("ovpn")).localizedDescription(), missingKey);
+        NQErrorOpt error;
+        KeychainStore(QStringLiteral("svc"), std::make_shared<FileSecretBackend>(m_dir.filePath(QStringLiteral("s"))))
+            .setString(QStringLiteral("v"), QString(), &error);
+        QVERIFY(error);
+        QCOMPARE(error->localizedDescription(), nilKey);
     }
 
     // An English locale shows each language in its own words; any other locale shows its

@@ -133,6 +133,8 @@ public:
         SecretBackend::setSystemDefaultForTesting(secrets);
         AppStorageManager::setSharedManagerForTesting(std::make_unique<AppStorageManager>(
             root + QStringLiteral("/settings.conf"), KeychainStore(QStringLiteral("com.pelorin.vpn.mac"), secrets)));
+        // Known to the run, so the start-up's requests go out at once, as after the first launch.
+        AppStorageManager::sharedManager().keepDeviceUUIDForThisRun(QStringLiteral("SHELL-TEST-DEVICE"));
     }
     ~ShellSandbox()
     {
