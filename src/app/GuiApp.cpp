@@ -1,27 +1,14 @@
 #include "GuiApp.h"
 
-#include "SignalWatcher.h"
-#include "foundation/AppStorageManager.h"
-#include "foundation/Log.h"
-#include "shell/AppDelegate.h"
-#include "shell/DefaultShellEngine.h"
-#include "shell/NQApplication.h"
-#include "ui/UiServices.h"
-#include "ui/app/AppKitLoginItems.h"
-#include "ui/app/AppUpdateService.h"
-#include "ui/app/BackofficeLocationLookup.h"
-#include "ui/app/BrowserExtensionControl.h"
-#include "ui/app/DesktopUrlOpener.h"
-#include "ui/app/MainWindowHost.h"
-#include "ui/app/ManagerVpnEngine.h"
-#include "ui/app/ProcessChromeLauncher.h"
-#include "ui/widgets/MessageBoxAlertPresenter.h"
-#include "vpn/NQVPNManager.h"
+#include "GuiSession.h"
+#include "SingleInstance.h"
 
 #include <QApplication>
 #include <QDir>
 #include <QTimer>
 #include <QWidget>
+
+#include <cstdio>
 
 namespace {
 
@@ -51,36 +38,18 @@ void startScreenshots(QApplication &app)
 
 } // namespace
 
-int GuiApp::run(QApplication &app)
+int GuiApp::run(QApplication &app, SingleInstance &instance)
 {
     // The tray icon keeps the program alive while the main window is dropped or closed.
     QApplication::setQuitOnLastWindowClosed(false);
 
-    ManagerVpnEngine vpn(NQVPNManager::sharedManager());
-    BackofficeLocationLookup location;
-    MessageBoxAlertPresenter alerts;
-    DesktopUrlOpener urls;
-    ProcessChromeLauncher chrome;
-    BrowserExtensionControl extension;
-    AppKitLoginItems loginItems;
-    AppUpdateService updates;
-    UiServices services{
-        vpn, location, alerts, urls, chrome, extension, loginItems, updates, AppStorageManager::sharedManager()};
+    if (!instance.listen())
+        std::fprintf(stderr, "PelorinVPN cannot listen on %s: a second launch will not find this one.\n",
+                     qPrintable(instance.socketPath()));
 
-    MainWindowHost window(services);
-    DefaultShellEngine engine;
-    NQApplication application(app.arguments());
-    AppDelegate delegate(application, engine, window, alerts, urls);
-    window.setShouldClose([&delegate] { return delegate.windowShouldClose(); });
-    window.setOnActivate([&application] { application.activate(); });
-
-    SignalWatcher watcher;
-    QObject::connect(&watcher, &SignalWatcher::terminationRequested, &app, [&application](int number) {
-        NQLog::line(QStringLiteral("|GuiApp| signal %1: quitting").arg(number));
-        application.terminate();
-    });
-
+    GuiSession session(app.arguments());
+    QObject::connect(&instance, &SingleInstance::showRequested, &app, [&session] { session.showRequested(); });
     startScreenshots(app);
-    delegate.applicationDidFinishLaunching();
+    session.start();
     return app.exec();
 }

@@ -1,6 +1,7 @@
 #include "ui/app/MainWindowHost.h"
 
 #include "shell/SplashVC.h"
+#include "ui/ContextMenuView.h"
 #include "ui/HomeVC.h"
 #include "ui/app/MainWindow.h"
 #include "ui/widgets/HomeWidget.h"
@@ -121,7 +122,7 @@ void MainWindowHost::setupStatusItem(const StatusMenu &menu)
         if ((reason == QSystemTrayIcon::Trigger || reason == QSystemTrayIcon::DoubleClick) && m_onActivate)
             m_onActivate();
     });
-    if (QSystemTrayIcon::isSystemTrayAvailable())
+    if (statusItemAvailable())
         m_tray->show();
 }
 
@@ -146,12 +147,19 @@ void MainWindowHost::openHome(const QString &title)
     m_window->layout()->addWidget(m_home);
     QObject::connect(&m_home->home(), &HomeVC::closeRequested, m_window, [window = m_window] { window->close(); });
     QObject::connect(&m_home->home(), &HomeVC::minimizeRequested, this, [this] { miniaturizeMainWindow(); });
+    if (!statusItemAvailable() && m_onQuit)
+        m_home->menu().setQuitAction(m_onQuit);
     m_window->setWindowFlags(kTitled);
     m_window->setWindowTitle(title);
     m_window->setFixedSize(HomeWidget::kWidth, HomeWidget::kHeight);
     center(*m_window);
     if (visible)
         showMainWindow();
+}
+
+bool MainWindowHost::statusItemAvailable() const
+{
+    return m_trayAvailable.value_or(QSystemTrayIcon::isSystemTrayAvailable());
 }
 
 void MainWindowHost::setActivationPolicyProhibited()

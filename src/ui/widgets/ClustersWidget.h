@@ -26,4 +26,5 @@ private:
     QPushButton *m_tabFavourites;
     QListWidget *m_list;
     QLabel *m_overlay;
+    bool m_rendering = false;
 };

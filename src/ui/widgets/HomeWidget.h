@@ -32,6 +32,7 @@ public:
     ClustersVC &clusters() { return *m_clusters; }
     SettingsVC &settings() { return *m_settings; }
     UpdateVC &update() { return *m_update; }
+    ContextMenuView &menu() { return *m_menu; }
 
     void render();
 
