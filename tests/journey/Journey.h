@@ -299,9 +299,11 @@ public:
 
     // Runs the program's event loop, with the test clock moving, until the application leaves
     // it (as the program's main would then return); false when `limitMs` of product time pass
-    // first.
-    bool runEventLoopUntilExit(int limitMs)
+    // first. `action` runs inside the loop, as a user's click would.
+    bool runEventLoopUntilExit(int limitMs, const std::function<void()> &action = {})
     {
+        if (action)
+            QTimer::singleShot(0, action);
         const std::int64_t until = m_clock.clock.now() + limitMs;
         QTimer clockTicks;
         QObject::connect(&clockTicks, &QTimer::timeout, [this, until] {
