@@ -101,9 +101,8 @@ void SettingsVC::refreshButtonApply()
                      switchCompression.value() != m_currentCompression || switchStartup.value() != m_currentStartup ||
                      switchExitOnClose.value() != m_currentExitOnClose ||
                      switchAutoupdate.value() != m_currentAutoupdate || languageChanged;
-    // Only ever raised here; applying clears it.
-    if (languageChanged)
-        m_changesNeedRestart = true;
+    // Follows the language title both ways: choosing the old language again needs no restart.
+    m_changesNeedRestart = languageChanged;
     emit changed();
     updateAdBlocker();
 }

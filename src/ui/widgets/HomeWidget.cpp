@@ -15,6 +15,7 @@
 #include "ui/widgets/UpdateWidget.h"
 
 #include <QHBoxLayout>
+#include <QKeyEvent>
 #include <QStackedWidget>
 
 namespace {
@@ -72,6 +73,19 @@ void HomeWidget::render()
     m_dim->raise();
     m_aboutWidget->raise();
     m_updateWidget->raise();
+}
+
+void HomeWidget::keyPressEvent(QKeyEvent *event)
+{
+    // Escape, unused by the focused control, closes whatever is open over the screen: the
+    // language list, the menu, the About and update overlays.
+    if (event->key() != Qt::Key_Escape) {
+        QWidget::keyPressEvent(event);
+        return;
+    }
+    if (m_settings->languageListVisible())
+        m_settings->clickLangauge();
+    ContextMenuView::closePopups();
 }
 
 void HomeWidget::resizeEvent(QResizeEvent *event)
