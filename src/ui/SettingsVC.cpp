@@ -110,6 +110,8 @@ void SettingsVC::refreshButtonApply()
 void SettingsVC::applyChanges()
 {
     startLoading();
+    // Taken before saving: once the language is stored the title no longer differs from it.
+    const bool restartNeeded = m_changesNeedRestart;
     saveToUserDefaults();
     refreshButtonApply();
     const bool autorun = m_services.storage.appAutorunEnabled();
@@ -119,7 +121,7 @@ void SettingsVC::applyChanges()
     else if (!autorun && listed)
         m_services.loginItems.setLaunchAtLogin(false);
 
-    if (!m_changesNeedRestart) {
+    if (!restartNeeded) {
         stopLoading();
         return;
     }
