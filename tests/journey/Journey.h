@@ -320,6 +320,12 @@ public:
         return QCoreApplication::exec() != kTimedOut;
     }
 
+    QByteArray log() const
+    {
+        QFile file(root() + QStringLiteral("/data/com.pelorin.vpn.mac/app_mac_logs.log"));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
     // The program's log goes to its file (standard error is not a terminal under ctest).
     void printLogTail() const
     {

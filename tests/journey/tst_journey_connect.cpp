@@ -23,7 +23,18 @@ private slots:
     {
         Journey j;
         j.launch({QStringLiteral("CLEAR_USERDEFAULTS")});
+        // The borderless start-up window moves when dragged by its background.
+        QWidget *splash = j.window();
+        const QPoint before = splash->pos();
+        QTest::mousePress(splash, Qt::LeftButton, {}, QPoint(20, 20));
+        QTest::mouseMove(splash, QPoint(70, 50));
+        QTest::mouseRelease(splash, Qt::LeftButton, {}, QPoint(70, 50));
+        QCOMPARE(splash->pos(), before + QPoint(50, 30));
         QVERIFY(j.waitForHome());
+        for (const QByteArray &line : {QByteArray("|MainWindowVC| windowDidLoad\n"),
+                                       QByteArray("|MainWindowVC| I accepted being a first responder! Yea!\n"),
+                                       QByteArray("\nI accepted being a first responder! Yea!\n")})
+            QVERIFY2(j.log().contains(line), line.constData());
         QVERIFY(!j.storage().getVpnCredentials().password.isEmpty());
         QVERIFY(j.runUntil([] { return Journey::selectedServer() == QStringLiteral("United States"); }));
         QVERIFY(Journey::button(kConnect)->isEnabled());

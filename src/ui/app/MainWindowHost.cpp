@@ -1,5 +1,6 @@
 #include "ui/app/MainWindowHost.h"
 
+#include "foundation/Log.h"
 #include "shell/SplashVC.h"
 #include "ui/ContextMenuView.h"
 #include "ui/HomeVC.h"
@@ -57,6 +58,7 @@ void MainWindowHost::createMainWindow(SplashVC &splash)
     layout->addWidget(m_splash);
     m_window->setFixedSize(kMainWindowWidth, kMainWindowHeight);
     center(*m_window);
+    NQLog::line(QStringLiteral("|MainWindowVC| windowDidLoad"));
     // The ring turns while the sequence works and stops while an alert waits for the user.
     splash.setStateObserver([view = m_splash](SplashVC::State state) {
         if (view)
@@ -80,6 +82,9 @@ void MainWindowHost::showMainWindow()
         return;
     m_window->showNormal();
     m_window->raise();
+    // Made key: the controller and the window both take the keyboard.
+    NQLog::line(QStringLiteral("|MainWindowVC| I accepted being a first responder! Yea!"));
+    NQLog::line(QStringLiteral("I accepted being a first responder! Yea!"));
     m_window->activateWindow();
 }
 
