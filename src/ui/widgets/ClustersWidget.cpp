@@ -86,6 +86,12 @@ bool ClustersWidget::eventFilter(QObject *watched, QEvent *event)
     return QWidget::eventFilter(watched, event);
 }
 
+void ClustersWidget::showEvent(QShowEvent *event)
+{
+    QWidget::showEvent(event);
+    m_vc.viewDidAppear(); // the choice is announced again whenever the list comes into view
+}
+
 void ClustersWidget::resizeEvent(QResizeEvent *event)
 {
     QWidget::resizeEvent(event);
