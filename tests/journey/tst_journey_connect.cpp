@@ -2,6 +2,8 @@
 // real window.
 #include "Journey.h"
 
+#include "foundation/LocalString.h"
+
 using journey::Journey;
 
 namespace {
@@ -61,6 +63,22 @@ private slots:
             QCOMPARE(Journey::selectedServer(), QStringLiteral("United States"));
             QVERIFY(j.runUntil([] { return Journey::button(kConnect)->isEnabled(); }));
         }
+    }
+
+    // The backend does not answer the account request at first: the alert offers Retry, which
+    // goes on to the home screen once the backend answers again.
+    void backendUnreachableThenReachable()
+    {
+        Journey j;
+        QVERIFY(Journey::backend().fault(QStringLiteral("/api1/vpnapi/create"), QStringLiteral("status"), 503, 1));
+        QString seen;
+        Journey::answerAlert(LocalString::forKey(QStringLiteral("Retry")), &seen);
+        j.launch({QStringLiteral("CLEAR_VPN")});
+        QVERIFY(j.waitForHome());
+        QVERIFY2(seen.contains(QStringLiteral("Connection Error")) && seen.contains(QStringLiteral("Code: 5")),
+                 qPrintable(seen));
+        QVERIFY(!j.storage().getVpnCredentials().password.isEmpty());
+        QVERIFY(j.runUntil([] { return Journey::button(kConnect)->isEnabled(); }));
     }
 
     // Cancel while the tunnel is still being made, then connect again.
