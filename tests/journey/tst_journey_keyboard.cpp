@@ -15,6 +15,11 @@ public:
         QWidget *target = focused() ? focused() : m_j.window();
         QTest::keyClick(target, key);
         Journey::settle();
+        // To look at the journey: PELORIN_SCREENSHOT_DIR=DIR, ideally on a real display.
+        const QString shots = qEnvironmentVariable("PELORIN_SCREENSHOT_DIR");
+        if (!shots.isEmpty() && QDir().mkpath(shots))
+            m_j.window()->grab().save(
+                QStringLiteral("%1/keyboard-%2.png").arg(shots).arg(++m_shot, 3, 10, QLatin1Char('0')));
     }
     // Tabs forward until the control named `name` has the focus.
     bool tabTo(const QString &name)
@@ -29,6 +34,7 @@ public:
 
 private:
     Journey &m_j;
+    int m_shot = 0;
 };
 
 // The row is inside the visible part of the list.
@@ -52,6 +58,8 @@ private slots:
         QVERIFY(j.waitForHome());
         QVERIFY(j.runUntil([] { return Journey::selectedServer() == QStringLiteral("United States"); }));
         Keyboard keys(j);
+        // As a window manager would on a click: the keyboard goes to this window.
+        QApplication::setActiveWindow(j.window());
 
         // The list is one stop; arrows choose, down to the last row below the fold.
         QVERIFY(keys.tabTo(QStringLiteral("Servers")));

@@ -103,6 +103,9 @@ QWidget *ClustersWidget::makeRow(int row)
     ClustersTableSource &source = m_vc.currentSource();
     const ClusterRecord record = source.recordAt(row);
     auto *cell = new QWidget;
+    // Transparent, so the list's own marks (chosen row, keyboard focus) show through.
+    cell->setObjectName(QStringLiteral("clusterRow"));
+    cell->setStyleSheet(QStringLiteral("#clusterRow { background: transparent; }"));
     auto *layout = new QHBoxLayout(cell);
     layout->setContentsMargins(10, 0, 8, 0);
     layout->setSpacing(8);

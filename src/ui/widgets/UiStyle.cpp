@@ -27,6 +27,7 @@ QString styleSheet()
         QPushButton[flat="true"] { border: none; background: transparent; }
         QPushButton:focus, QPushButton[flat="true"]:focus { border: 2px solid #ffd166; }
         QListWidget:focus { border: 2px solid #ffd166; }
+        QListWidget::item:selected:focus { background: #25406a; }
     )");
 }
 
