@@ -1,5 +1,7 @@
 #include "ui/widgets/HomeWidget.h"
 
+#include "foundation/EventBus.h"
+#include "foundation/EventNames.h"
 #include "ui/AboutView.h"
 #include "ui/ClustersVC.h"
 #include "ui/ContextMenuView.h"
@@ -86,6 +88,7 @@ void HomeWidget::keyPressEvent(QKeyEvent *event)
     if (m_settings->languageListVisible())
         m_settings->clickLangauge();
     ContextMenuView::closePopups();
+    EventBus::defaultCenter().post(Events::NT_HIDE_INFO_POPUP);
 }
 
 void HomeWidget::resizeEvent(QResizeEvent *event)
