@@ -5,6 +5,8 @@
 // (started through a stand-in sudo) that prints what ovpncli prints around openvpn 2.6.
 // Tests drive it as a person does: clicks and keys on widgets found by their accessible
 // names; the product's fixed delays run on the test clock.
+// The program sends standard error to its log file as it does outside a terminal: a sanitizer
+// report of an aborted journey is in /tmp/tst_journey_*/data/com.pelorin.vpn.mac/app_mac_logs.log.
 #include "app/GuiSession.h"
 #include "app/SingleInstance.h"
 #include "backend/DevBackendProcess.h"
