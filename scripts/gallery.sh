@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Draws every screen in its states, in English, German and Finnish (or the languages given),
-# into build/gallery (outside git). Needs a build folder with pelorin_ui_gallery:
+# Draws every screen in its states (also with the keyboard focus on each kind of control), in
+# English, German and Finnish (or the languages given), into build/gallery (outside git), and
+# a keyboard-only journey from start to connected and back, one picture per key, into
+# build/gallery/keyboard. Needs a build folder with pelorin_ui_gallery and the journey tests:
 #   scripts/gallery.sh [build-folder] [lang ...]
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
@@ -18,4 +20,12 @@ export HOME="$home" XDG_CONFIG_HOME="$home/.config" XDG_DATA_HOME="$home/.local/
 for lang in "${langs[@]}"; do
   xvfb-run -a -s "-screen 0 1280x800x24" "$build/src/ui/gallery/pelorin_ui_gallery" --out "$out" --lang "$lang"
 done
+# The real program driven by keys, against the development backend and a stand-in tunnel.
+if ninja -C "$build" tst_journey_keyboard pelorin-devbackend >/dev/null 2>&1; then
+  rm -rf "$out/keyboard"
+  mkdir -p "$home/run" && chmod 700 "$home/run"
+  PELORIN_SCREENSHOT_DIR="$out/keyboard" PELORIN_SOURCE_DIR="$root" PELORIN_BINARY_DIR="$build" \
+    PELORIN_SECRET_STORE=file XDG_RUNTIME_DIR="$home/run" \
+    xvfb-run -a -s "-screen 0 1280x800x24" "$build/tests/journey/tst_journey_keyboard" startToConnectedAndBack >/dev/null
+fi
 echo "gallery: $out"

@@ -99,6 +99,9 @@ void AppDelegate::createMainWindow()
     if (m_isFromLoginItems) {
         NQLog::line(QStringLiteral("|AppDelegate| PelorinVPN launched as login item"));
         m_window.activateWithoutWindow();
+        // Without a tray nothing else could ever bring the window up.
+        if (!m_window.statusItemAvailable())
+            showMainWindow();
     } else {
         showMainWindow();
     }

@@ -194,7 +194,8 @@ void AppDelegate::appTerminated(const QVariantMap &userInfo)
 bool AppDelegate::windowShouldClose()
 {
     NQLog::line(QStringLiteral("|MainWindow| windowShouldClose"));
-    if (AppStorageManager::sharedManager().appExitOnClose()) {
+    // Without a tray a miniaturised window would leave no way back and no way out.
+    if (AppStorageManager::sharedManager().appExitOnClose() || !m_window.statusItemAvailable()) {
         m_app.terminate();
         return true;
     }

@@ -45,4 +45,6 @@ public:
     virtual void openHome(const QString &title) = 0;
     // No Dock icon and no menu (before quitting after an update).
     virtual void setActivationPolicyProhibited() = 0;
+    // Whether the desktop shows the status item at all (many Linux desktops have no tray).
+    virtual bool statusItemAvailable() const { return true; }
 };

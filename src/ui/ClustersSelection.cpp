@@ -33,16 +33,14 @@ void ClustersVC::refreshFavouritesFromSource(ClustersTableSource &source)
 
 void ClustersVC::refreshSelectedClusterInAllTable()
 {
-    if (m_selectedCountry) {
-        const QString name = m_selectedCountry->countryName;
+    ClusterRecord choice = m_selectedCountry;
+    if (choice) {
+        const QString name = choice->countryName;
         if (const ClusterRecord match = firstNamed(m_all.tableData, name))
             m_all.selectRow(m_all.rowOfRecord(match));
         if (const ClusterRecord match = firstNamed(m_favourites.tableData, name))
             m_favourites.selectRow(m_favourites.rowOfRecord(match));
-        return;
-    }
-    ClusterRecord choice;
-    if (m_selectedTab == Favourites) {
+    } else if (m_selectedTab == Favourites) {
         if (!m_favourites.tableData.isEmpty())
             choice = m_favourites.tableData.first();
     } else {
@@ -56,6 +54,8 @@ void ClustersVC::refreshSelectedClusterInAllTable()
     }
     if (!choice)
         return;
+    // Announced every time, not only on a change: the engine forgets its cluster when a
+    // tunnel stops, and this is what gives it back.
     choice->clusterSelected = true;
     notificationClustersSelected(choice);
     refreshClustersSelectionMarkers();

@@ -34,6 +34,14 @@ void ContextMenuView::clickUninstall()
     m_urls.openUrl(AppConfig::uninstallUrl());
 }
 
+void ContextMenuView::clickQuit()
+{
+    NQLog::line(QStringLiteral("|ContextMenuView| clickQuit"));
+    hide();
+    if (m_quit)
+        m_quit();
+}
+
 void ContextMenuView::hide()
 {
     closePopups();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+
 class UrlOpener;
 
 // The home screen's context menu: Support, Update, About, Uninstall. Every entry first closes
@@ -12,6 +14,10 @@ public:
     void clickUpdate();
     void clickAbout();
     void clickUninstall();
+    // Where no tray menu offers a way out, the menu has a Quit entry that runs `quit`.
+    void setQuitAction(std::function<void()> quit) { m_quit = std::move(quit); }
+    bool hasQuit() const { return bool(m_quit); }
+    void clickQuit();
 
     // closePopups, then "NT_HIDE_CONTEXT".
     void hide();
@@ -20,4 +26,5 @@ public:
 
 private:
     UrlOpener &m_urls;
+    std::function<void()> m_quit;
 };

@@ -19,6 +19,12 @@ QString countryDisplayName(const QString &code, const QString &fallback)
     const QLocale::Territory territory = QLocale::codeToTerritory(code);
     if (territory == QLocale::AnyTerritory)
         return fallback.isEmpty() ? code : fallback;
+    // The name in the user's language where that language has a locale for the territory
+    // ("Deutschland" on a German system); English otherwise.
+    const QLocale::Language language = QLocale().language();
+    const QLocale there(language, territory);
+    if (there.language() == language && there.territory() == territory && !there.nativeTerritoryName().isEmpty())
+        return there.nativeTerritoryName();
     return QLocale::territoryToString(territory);
 }
 } // namespace

@@ -70,7 +70,7 @@ void SettingsVC::clickAdBlocker(bool on)
     switchAdBlocking.on = on;
     if (!extensionReady()) {
         switchAdBlocking.on = false;
-        emit changed();
+        refreshButtonApply();
         openGoogleChrome();
         return;
     }
@@ -83,7 +83,7 @@ void SettingsVC::clickAdBlocker(bool on)
             self->m_services.extension.sendEnableAdsBlocker();
         else
             self->m_services.extension.sendDisableAdsBlocker();
-        self->updateAdBlocker();
+        self->refreshButtonApply(); // also follows the extension (updateAdBlocker)
     });
 }
 

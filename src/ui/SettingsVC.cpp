@@ -101,9 +101,8 @@ void SettingsVC::refreshButtonApply()
                      switchCompression.value() != m_currentCompression || switchStartup.value() != m_currentStartup ||
                      switchExitOnClose.value() != m_currentExitOnClose ||
                      switchAutoupdate.value() != m_currentAutoupdate || languageChanged;
-    // Only ever raised here; applying clears it.
-    if (languageChanged)
-        m_changesNeedRestart = true;
+    // Follows the language title both ways: choosing the old language again needs no restart.
+    m_changesNeedRestart = languageChanged;
     emit changed();
     updateAdBlocker();
 }
@@ -111,6 +110,8 @@ void SettingsVC::refreshButtonApply()
 void SettingsVC::applyChanges()
 {
     startLoading();
+    // Taken before saving: once the language is stored the title no longer differs from it.
+    const bool restartNeeded = m_changesNeedRestart;
     saveToUserDefaults();
     refreshButtonApply();
     const bool autorun = m_services.storage.appAutorunEnabled();
@@ -120,7 +121,7 @@ void SettingsVC::applyChanges()
     else if (!autorun && listed)
         m_services.loginItems.setLaunchAtLogin(false);
 
-    if (!m_changesNeedRestart) {
+    if (!restartNeeded) {
         stopLoading();
         return;
     }

@@ -38,11 +38,27 @@ public:
     {
         pendingConfigs << qMakePair(id, completion);
     }
+    // Like the engine: Connecting when the client is launched; Disconnecting, the cluster
+    // forgotten, then Disconnected when stopped. Connected comes from the test (tunnel output).
     void startVPNConnectionWithConfigContent(const QString &content, const QString &name) override
     {
         starts << qMakePair(content, name);
+        report(2);
     }
-    void stopVPNConnection() override { ++stops; }
+    void stopVPNConnection() override
+    {
+        ++stops;
+        report(5);
+        current.reset();
+        report(1);
+    }
+    void report(int state)
+    {
+        reported << state;
+        if (callback)
+            callback(state);
+    }
+    QList<int> reported;
     bool hasConnectionStateCallback() const override { return bool(callback); }
     void setOnConnectionStateChange(StateCallback cb) override { callback = std::move(cb); }
     QString flagForCountryCode(const QString &code) const override

@@ -265,6 +265,15 @@ private slots:
         flush();
         QCOMPARE(m_panel->display().locationFlag, QStringLiteral("flags/flag_unknown.svg"));
         QVERIFY(log.lines().contains(QStringLiteral("|HomeMainPanelVC| NO IMAGE FOR COUNTRY: FR")));
+
+        // The country's name in the user's language.
+        const QLocale saved;
+        QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
+        m_panel->refreshLocation();
+        m_fx->location.answer(QStringLiteral("198.51.100.2"), QStringLiteral("DE"));
+        flush();
+        QLocale::setDefault(saved);
+        QCOMPARE(m_panel->display().labelLocation, QStringLiteral("Deutschland"));
     }
 
     void storedLocationShowsAtStartAndVirtualLocationFollowsTheStoredState()

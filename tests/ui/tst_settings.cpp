@@ -62,8 +62,11 @@ private slots:
         QVERIFY(m_vc->buttonApplyEnabled());
     }
 
+    // Also after choosing another language first: the pending restart is given up again.
     void choosingTheCurrentLanguageChangesNothing()
     {
+        chooseLanguage(QStringLiteral("de"), QStringLiteral("Deutsch"));
+        QVERIFY(m_vc->changesNeedRestart());
         chooseLanguage(QStringLiteral("en"), LocalString::appLanguageName());
         QVERIFY(!m_vc->buttonApplyEnabled());
         QVERIFY(!m_vc->changesNeedRestart());

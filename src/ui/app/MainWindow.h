@@ -3,6 +3,7 @@
 #include <QWidget>
 
 #include <functional>
+#include <optional>
 
 // The application's top-level window. Closing it by hand asks the controller first, which
 // either quits or miniaturises instead.
@@ -17,8 +18,13 @@ public:
 
 protected:
     void closeEvent(QCloseEvent *event) override;
+    // Movable by its background: the borderless start-up window has no title bar to drag.
+    void mousePressEvent(QMouseEvent *event) override;
+    void mouseMoveEvent(QMouseEvent *event) override;
 
 private:
     std::function<bool()> m_shouldClose;
     bool m_silent = false;
+    // Where the pointer grabbed the window, when the window system cannot move it itself.
+    std::optional<QPoint> m_grab;
 };

@@ -1,6 +1,8 @@
 #include "ui/app/MainWindowHost.h"
 
+#include "foundation/Log.h"
 #include "shell/SplashVC.h"
+#include "ui/ContextMenuView.h"
 #include "ui/HomeVC.h"
 #include "ui/app/MainWindow.h"
 #include "ui/widgets/HomeWidget.h"
@@ -56,6 +58,7 @@ void MainWindowHost::createMainWindow(SplashVC &splash)
     layout->addWidget(m_splash);
     m_window->setFixedSize(kMainWindowWidth, kMainWindowHeight);
     center(*m_window);
+    NQLog::line(QStringLiteral("|MainWindowVC| windowDidLoad"));
     // The ring turns while the sequence works and stops while an alert waits for the user.
     splash.setStateObserver([view = m_splash](SplashVC::State state) {
         if (view)
@@ -79,6 +82,9 @@ void MainWindowHost::showMainWindow()
         return;
     m_window->showNormal();
     m_window->raise();
+    // Made key: the controller and the window both take the keyboard.
+    NQLog::line(QStringLiteral("|MainWindowVC| I accepted being a first responder! Yea!"));
+    NQLog::line(QStringLiteral("I accepted being a first responder! Yea!"));
     m_window->activateWindow();
 }
 
@@ -121,7 +127,7 @@ void MainWindowHost::setupStatusItem(const StatusMenu &menu)
         if ((reason == QSystemTrayIcon::Trigger || reason == QSystemTrayIcon::DoubleClick) && m_onActivate)
             m_onActivate();
     });
-    if (QSystemTrayIcon::isSystemTrayAvailable())
+    if (statusItemAvailable())
         m_tray->show();
 }
 
@@ -146,12 +152,19 @@ void MainWindowHost::openHome(const QString &title)
     m_window->layout()->addWidget(m_home);
     QObject::connect(&m_home->home(), &HomeVC::closeRequested, m_window, [window = m_window] { window->close(); });
     QObject::connect(&m_home->home(), &HomeVC::minimizeRequested, this, [this] { miniaturizeMainWindow(); });
+    if (!statusItemAvailable() && m_onQuit)
+        m_home->menu().setQuitAction(m_onQuit);
     m_window->setWindowFlags(kTitled);
     m_window->setWindowTitle(title);
     m_window->setFixedSize(HomeWidget::kWidth, HomeWidget::kHeight);
     center(*m_window);
     if (visible)
         showMainWindow();
+}
+
+bool MainWindowHost::statusItemAvailable() const
+{
+    return m_trayAvailable.value_or(QSystemTrayIcon::isSystemTrayAvailable());
 }
 
 void MainWindowHost::setActivationPolicyProhibited()

@@ -7,6 +7,7 @@
 #include <QPointer>
 
 #include <functional>
+#include <optional>
 
 class HomeWidget;
 class MainWindow;
@@ -26,6 +27,10 @@ public:
     void setShouldClose(std::function<bool()> shouldClose) { m_shouldClose = std::move(shouldClose); }
     // Clicking the tray icon activates the application.
     void setOnActivate(std::function<void()> onActivate) { m_onActivate = std::move(onActivate); }
+    // The application's quit request, for the window's own Quit entry when there is no tray.
+    void setOnQuit(std::function<void()> onQuit) { m_onQuit = std::move(onQuit); }
+    // Overrides what the desktop says about its tray (unset: ask the desktop).
+    void setSystemTrayAvailable(std::optional<bool> available) { m_trayAvailable = available; }
 
     QWidget *mainWindow() const;
     // Null until openHome.
@@ -42,6 +47,7 @@ public:
     void setupStatusItem(const StatusMenu &menu) override;
     void openHome(const QString &title) override;
     void setActivationPolicyProhibited() override;
+    bool statusItemAvailable() const override;
 
 private:
     void dropStatusItem();
@@ -54,4 +60,6 @@ private:
     QMenu *m_menu = nullptr;
     std::function<bool()> m_shouldClose;
     std::function<void()> m_onActivate;
+    std::function<void()> m_onQuit;
+    std::optional<bool> m_trayAvailable;
 };

@@ -93,6 +93,17 @@ NQVPNCountry cluster(const char *name, const char *iso, const char *continent, i
 
 } // namespace
 
+// Gives the keyboard focus to the control a screen reader knows by `name`.
+void focusNamed(QWidget &top, const QString &name)
+{
+    for (QWidget *widget : top.findChildren<QWidget *>())
+        if (widget->accessibleName() == name && widget->isVisible()) {
+            widget->setFocus(Qt::TabFocusReason);
+            break;
+        }
+    settle();
+}
+
 int main(int argc, char **argv)
 {
     QApplication app(argc, argv);
@@ -159,6 +170,15 @@ int main(int argc, char **argv)
         home.panel().timerUpdateSessionDuration();
     shoot(home, QStringLiteral("connected"));
 
+    // The keyboard focus ring on each kind of control.
+    home.activateWindow();
+    focusNamed(home, UiText::forKey(QStringLiteral("Disconnect")));
+    shoot(home, QStringLiteral("focus-connect-button"));
+    focusNamed(home, QStringLiteral("Servers"));
+    shoot(home, QStringLiteral("focus-server-list"));
+    focusNamed(home, UiText::forKey(QStringLiteral("Settings")));
+    shoot(home, QStringLiteral("focus-icon-button"));
+
     home.panel().clickInfo();
     shoot(home, QStringLiteral("context-menu"));
     home.panel().hideContextMenu();
@@ -182,6 +202,8 @@ int main(int argc, char **argv)
     EventBus::defaultCenter().post(Events::SHOW_SETTINGS);
     settle();
     home.settings().clickCompression(true);
+    focusNamed(home, UiText::forKey(QStringLiteral("Data compression")));
+    shoot(home, QStringLiteral("focus-settings-switch"));
     home.settings().clickLangauge();
     shoot(home, QStringLiteral("settings-languages"));
 

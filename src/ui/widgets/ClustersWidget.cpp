@@ -8,10 +8,12 @@
 #include "ui/widgets/UiStyle.h"
 
 #include <QHBoxLayout>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QListWidget>
 #include <QMouseEvent>
 #include <QPushButton>
+#include <QScrollBar>
 #include <QVBoxLayout>
 
 #include "vpn/FlagUtils.h"
@@ -42,6 +44,13 @@ ClustersWidget::ClustersWidget(ClustersVC &clusters, QWidget *parent) : QWidget(
     m_list->setSelectionMode(QAbstractItemView::SingleSelection);
     m_list->setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
     m_list->viewport()->installEventFilter(this);
+    // One tab stop for the whole list: arrows pick a row, Space stars it.
+    m_list->installEventFilter(this);
+    m_list->setAccessibleName(QStringLiteral("Servers"));
+    QObject::connect(m_list, &QListWidget::currentRowChanged, this, [this](int row) {
+        if (!m_rendering && row >= 0)
+            m_vc.clickRow(row);
+    });
     root->addWidget(m_list, 1);
     m_overlay = new QLabel(this); // dims the list and takes its clicks while busy
     m_overlay->setAlignment(Qt::AlignCenter);
@@ -62,7 +71,25 @@ bool ClustersWidget::eventFilter(QObject *watched, QEvent *event)
         m_vc.clickRow(item ? m_list->row(item) : -1);
         return true;
     }
+    if (watched == m_list && event->type() == QEvent::KeyPress) {
+        const int key = static_cast<QKeyEvent *>(event)->key();
+        const int row = m_list->currentRow();
+        if (row >= 0 && (key == Qt::Key_Return || key == Qt::Key_Enter)) {
+            m_vc.clickRow(row);
+            return true;
+        }
+        if (row >= 0 && key == Qt::Key_Space) {
+            m_vc.clickFavourite(row, !m_vc.currentSource().recordAt(row)->clusterFavourited);
+            return true;
+        }
+    }
     return QWidget::eventFilter(watched, event);
+}
+
+void ClustersWidget::showEvent(QShowEvent *event)
+{
+    QWidget::showEvent(event);
+    m_vc.viewDidAppear(); // the choice is announced again whenever the list comes into view
 }
 
 void ClustersWidget::resizeEvent(QResizeEvent *event)
@@ -76,6 +103,9 @@ QWidget *ClustersWidget::makeRow(int row)
     ClustersTableSource &source = m_vc.currentSource();
     const ClusterRecord record = source.recordAt(row);
     auto *cell = new QWidget;
+    // Transparent, so the list's own marks (chosen row, keyboard focus) show through.
+    cell->setObjectName(QStringLiteral("clusterRow"));
+    cell->setStyleSheet(QStringLiteral("#clusterRow { background: transparent; }"));
     auto *layout = new QHBoxLayout(cell);
     layout->setContentsMargins(10, 0, 8, 0);
     layout->setSpacing(8);
@@ -91,6 +121,10 @@ QWidget *ClustersWidget::makeRow(int row)
     star->setProperty("flat", true);
     star->setCursor(Qt::PointingHandCursor);
     star->setFixedSize(26, 26);
+    star->setFocusPolicy(Qt::NoFocus); // reached from the list with Space
+    star->setCheckable(true);
+    star->setChecked(record->clusterFavourited);
+    star->setAccessibleName(QStringLiteral("Favourite %1").arg(record->countryName));
     star->setIcon(
         QIcon(UiStyle::pixmap(record->clusterFavourited ? QStringLiteral("star_on") : QStringLiteral("star_off"),
                               QSize(18, 18), devicePixelRatioF())));
@@ -113,21 +147,32 @@ void ClustersWidget::render()
 {
     m_tabAll->setText(UiText::forKey(QStringLiteral("All locations")));
     m_tabFavourites->setText(UiText::forKey(QStringLiteral("Favourites")));
-    for (QPushButton *tab : {m_tabAll, m_tabFavourites})
+    for (QPushButton *tab : {m_tabAll, m_tabFavourites}) {
         tab->setFont(UiStyle::fittedFont(font(), tab->text(), tab->width() - 16));
+        tab->setAccessibleName(tab->text());
+    }
     const bool favourites = m_vc.selectedTab() == ClustersVC::Favourites;
     m_tabAll->setChecked(!favourites);
     m_tabFavourites->setChecked(favourites);
 
     ClustersTableSource &source = m_vc.currentSource();
+    m_rendering = true;
+    const int scrolled = m_list->verticalScrollBar()->value();
     m_list->clear();
     for (int row = 0; row < source.numberOfRows(); ++row) {
         auto *item = new QListWidgetItem(m_list);
         item->setSizeHint(QSize(0, kRowHeight));
+        const ClusterRecord record = source.recordAt(row);
+        item->setData(Qt::AccessibleTextRole, record->countryName);
+        item->setData(Qt::AccessibleDescriptionRole,
+                      record->clusterFavourited ? QStringLiteral("favourite") : QString());
         m_list->setItemWidget(item, makeRow(row));
     }
-    const QSignalBlocker block(m_list);
+    m_list->verticalScrollBar()->setValue(scrolled);
     m_list->setCurrentRow(source.selectedRow());
+    if (QListWidgetItem *current = m_list->currentItem())
+        m_list->scrollToItem(current);
+    m_rendering = false;
     m_overlay->setVisible(m_vc.loadingOverlayVisible());
     m_overlay->raise();
     HeapTrim::afterBurst(); // the rows just replaced are freed

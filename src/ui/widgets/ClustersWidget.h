@@ -17,6 +17,7 @@ public:
 protected:
     bool eventFilter(QObject *watched, QEvent *event) override;
     void resizeEvent(QResizeEvent *event) override;
+    void showEvent(QShowEvent *event) override;
 
 private:
     QWidget *makeRow(int row);
@@ -26,4 +27,5 @@ private:
     QPushButton *m_tabFavourites;
     QListWidget *m_list;
     QLabel *m_overlay;
+    bool m_rendering = false;
 };

@@ -16,7 +16,8 @@ ContextMenuWidget::ContextMenuWidget(ContextMenuView &menu, QWidget *parent) : Q
     layout->setContentsMargins(1, 4, 1, 4);
     layout->setSpacing(0);
     const QList<std::function<void()>> actions{[this] { m_menu.clickSupport(); }, [this] { m_menu.clickUpdate(); },
-                                               [this] { m_menu.clickAbout(); }, [this] { m_menu.clickUninstall(); }};
+                                               [this] { m_menu.clickAbout(); }, [this] { m_menu.clickUninstall(); },
+                                               [this] { m_menu.clickQuit(); }};
     for (const auto &action : actions) {
         auto *entry = new QPushButton(this);
         entry->setCursor(Qt::PointingHandCursor);
@@ -30,8 +31,11 @@ ContextMenuWidget::ContextMenuWidget(ContextMenuView &menu, QWidget *parent) : Q
 void ContextMenuWidget::retranslate()
 {
     const QStringList keys{QStringLiteral("Support"), QStringLiteral("Update"), QStringLiteral("About"),
-                           QStringLiteral("Uninstall")};
-    for (int i = 0; i < m_entries.size(); ++i)
+                           QStringLiteral("Uninstall"), QStringLiteral("Quit_software_name")};
+    for (int i = 0; i < m_entries.size(); ++i) {
         m_entries[i]->setText(UiText::forKey(keys[i]));
+        m_entries[i]->setAccessibleName(m_entries[i]->text());
+    }
+    m_entries.last()->setVisible(m_menu.hasQuit());
     adjustSize();
 }

@@ -6,7 +6,7 @@
 
 class QPushButton;
 
-// The context menu's four entries.
+// The context menu's entries (Quit only where there is no tray menu).
 class ContextMenuWidget : public QFrame {
 public:
     ContextMenuWidget(ContextMenuView &menu, QWidget *parent = nullptr);

@@ -1,5 +1,7 @@
 #include "ui/widgets/HomeWidget.h"
 
+#include "foundation/EventBus.h"
+#include "foundation/EventNames.h"
 #include "ui/AboutView.h"
 #include "ui/ClustersVC.h"
 #include "ui/ContextMenuView.h"
@@ -15,6 +17,7 @@
 #include "ui/widgets/UpdateWidget.h"
 
 #include <QHBoxLayout>
+#include <QKeyEvent>
 #include <QStackedWidget>
 
 namespace {
@@ -72,6 +75,20 @@ void HomeWidget::render()
     m_dim->raise();
     m_aboutWidget->raise();
     m_updateWidget->raise();
+}
+
+void HomeWidget::keyPressEvent(QKeyEvent *event)
+{
+    // Escape, unused by the focused control, closes whatever is open over the screen: the
+    // language list, the menu, the About and update overlays.
+    if (event->key() != Qt::Key_Escape) {
+        QWidget::keyPressEvent(event);
+        return;
+    }
+    if (m_settings->languageListVisible())
+        m_settings->clickLangauge();
+    ContextMenuView::closePopups();
+    EventBus::defaultCenter().post(Events::NT_HIDE_INFO_POPUP);
 }
 
 void HomeWidget::resizeEvent(QResizeEvent *event)

@@ -32,11 +32,13 @@ public:
     ClustersVC &clusters() { return *m_clusters; }
     SettingsVC &settings() { return *m_settings; }
     UpdateVC &update() { return *m_update; }
+    ContextMenuView &menu() { return *m_menu; }
 
     void render();
 
 protected:
     void resizeEvent(QResizeEvent *event) override;
+    void keyPressEvent(QKeyEvent *event) override;
 
 private:
     std::unique_ptr<HomeVC> m_home;

@@ -2,6 +2,7 @@
 
 #include "ui/widgets/UiStyle.h"
 
+#include <QKeyEvent>
 #include <QPainter>
 
 ImageButton::ImageButton(QWidget *parent) : QAbstractButton(parent)
@@ -36,6 +37,15 @@ void ImageButton::leaveEvent(QEvent *event)
     QAbstractButton::leaveEvent(event);
 }
 
+void ImageButton::keyPressEvent(QKeyEvent *event)
+{
+    if ((event->key() == Qt::Key_Return || event->key() == Qt::Key_Enter) && isEnabled()) {
+        animateClick();
+        return;
+    }
+    QAbstractButton::keyPressEvent(event);
+}
+
 void ImageButton::paintEvent(QPaintEvent *)
 {
     QPainter painter(this);
@@ -50,4 +60,11 @@ void ImageButton::paintEvent(QPaintEvent *)
     painter.setFont(UiStyle::fittedFont(f, text(), width() - 28));
     painter.setPen(QColor(0x0f, 0x1b, 0x2d));
     painter.drawText(rect(), Qt::AlignCenter, text());
+    if (hasFocus()) {
+        painter.setOpacity(1);
+        painter.setPen(QPen(UiStyle::kFocus, UiStyle::kFocusWidth));
+        painter.setBrush(Qt::NoBrush);
+        const QRectF ring = QRectF(rect()).adjusted(1, 1, -1, -1);
+        painter.drawRoundedRect(ring, ring.height() / 2, ring.height() / 2);
+    }
 }

@@ -16,6 +16,8 @@ protected:
     void paintEvent(QPaintEvent *event) override;
     void enterEvent(QEnterEvent *event) override;
     void leaveEvent(QEvent *event) override;
+    // Enter presses it too, not only Space.
+    void keyPressEvent(QKeyEvent *event) override;
 
 private:
     QString m_image;

@@ -39,6 +39,7 @@ MainPanelWidget::MainPanelWidget(HomeMainPanelVC &panel, ContextMenuView &menu, 
     m_state->setProperty("heading", true);
     auto *settings = iconButton(QStringLiteral("\u2699"), this);
     auto *info = iconButton(QStringLiteral("\u22ee"), this);
+    m_state->setAccessibleName(QStringLiteral("Connection state"));
     top->addWidget(m_state, 1);
     top->addWidget(settings);
     top->addWidget(info);
@@ -75,6 +76,10 @@ MainPanelWidget::MainPanelWidget(HomeMainPanelVC &panel, ContextMenuView &menu, 
     };
     makeRow(0, m_locationCaption, m_locationFlag, m_location, m_ip);
     makeRow(1, m_virtualCaption, m_virtualFlag, m_virtualLocation, m_virtualIp);
+    m_location->setAccessibleName(QStringLiteral("Your location"));
+    m_ip->setAccessibleName(QStringLiteral("Your address"));
+    m_virtualLocation->setAccessibleName(QStringLiteral("Virtual location"));
+    m_virtualIp->setAccessibleName(QStringLiteral("Virtual address"));
     grid->setColumnStretch(2, 1);
     grid->setColumnMinimumWidth(3, 110);
     root->addLayout(grid);
@@ -82,6 +87,8 @@ MainPanelWidget::MainPanelWidget(HomeMainPanelVC &panel, ContextMenuView &menu, 
     m_menu = new ContextMenuWidget(menu, this);
     m_menu->hide();
 
+    m_settingsButton = settings;
+    m_infoButton = info;
     QObject::connect(m_connect, &QAbstractButton::clicked, this, [this] { m_panel.clickConnect(); });
     QObject::connect(settings, &QPushButton::clicked, this, [this] { m_panel.clickSettings(); });
     QObject::connect(info, &QPushButton::clicked, this, [this] { m_panel.clickInfo(); });
@@ -99,6 +106,10 @@ void MainPanelWidget::render()
     const MainPanelDisplay &d = m_panel.display();
     m_state->setText(d.labelState);
     m_connect->setText(d.buttonTitle);
+    // What a screen reader says is what the button does now: Connect, Cancel or Disconnect.
+    m_connect->setAccessibleName(d.buttonTitle);
+    m_settingsButton->setAccessibleName(UiText::forKey(QStringLiteral("Settings")));
+    m_infoButton->setAccessibleName(UiText::forKey(QStringLiteral("Menu")));
     m_connect->setImage(d.buttonImage);
     m_connect->setEnabled(d.buttonEnabled);
     m_locationCaption->setText(UiText::forKey(QStringLiteral("Your location")));

@@ -38,4 +38,6 @@ private:
     FitLabel *m_virtualLocation;
     QLabel *m_virtualIp;
     ContextMenuWidget *m_menu;
+    QWidget *m_settingsButton = nullptr;
+    QWidget *m_infoButton = nullptr;
 };

@@ -1,5 +1,6 @@
 #include "ui/widgets/MessageBoxAlertPresenter.h"
 
+#include "ui/UiText.h"
 #include "ui/widgets/UiStyle.h"
 
 #include <QMessageBox>
@@ -29,6 +30,13 @@ QMessageBox *MessageBoxAlertPresenter::build(const AlertRequest &alert, QWidget 
     }
     if (!alert.buttons.isEmpty())
         box->setDefaultButton(qobject_cast<QPushButton *>(box->buttons().first()));
+    // Escape means "not now": Cancel, or Continue where the alert offers it; never Quit.
+    for (const QString &key : {QStringLiteral("Cancel"), QStringLiteral("Continue")}) {
+        const QString title = UiText::forKey(key);
+        for (QAbstractButton *button : box->buttons())
+            if (button->text() == title && !box->escapeButton())
+                box->setEscapeButton(button);
+    }
     return box;
 }
 

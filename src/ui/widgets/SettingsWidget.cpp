@@ -24,6 +24,7 @@ SettingsWidget::SettingsWidget(SettingsVC &settings, QWidget *parent) : QWidget(
     close->setProperty("flat", true);
     close->setCursor(Qt::PointingHandCursor);
     close->setFixedSize(30, 28);
+    m_close = close;
     top->addWidget(m_title, 1);
     top->addWidget(close);
     root->addLayout(top);
@@ -52,6 +53,7 @@ SettingsWidget::SettingsWidget(SettingsVC &settings, QWidget *parent) : QWidget(
     root->addWidget(m_apply, 0, Qt::AlignHCenter);
 
     m_languageList = new QListWidget(this);
+    m_languageList->setAccessibleName(QStringLiteral("Languages"));
     m_languageList->setStyleSheet(
         QStringLiteral("QListWidget { border: 1px solid #2a3d58; background: #1d304b; border-radius: 6px; }"
                        "QListWidget::item { padding: 3px 10px; border: none; }"
@@ -75,6 +77,9 @@ SettingsWidget::SettingsWidget(SettingsVC &settings, QWidget *parent) : QWidget(
     QObject::connect(m_language, &QPushButton::clicked, this, [this] { m_vc.clickLangauge(); });
     QObject::connect(m_apply, &QAbstractButton::clicked, this, [this] { m_vc.clickApply(); });
     QObject::connect(m_languageList, &QListWidget::itemClicked, this,
+                     [this](QListWidgetItem *item) { m_languages.selectRow(m_languageList->row(item)); });
+    // Enter (and Space) on the focused row choose it, as a click does.
+    QObject::connect(m_languageList, &QListWidget::itemActivated, this,
                      [this](QListWidgetItem *item) { m_languages.selectRow(m_languageList->row(item)); });
     QObject::connect(&m_vc, &SettingsVC::changed, this, [this] { render(); });
     render();
@@ -106,9 +111,24 @@ void SettingsWidget::resizeEvent(QResizeEvent *event)
 {
     QWidget::resizeEvent(event);
     m_overlay->setGeometry(rect());
+    placeLanguageList();
+}
+
+void SettingsWidget::placeLanguageList()
+{
+    // Below the button when it fits, else on the side with more room; never past an edge
+    // (the list scrolls instead).
+    constexpr int kRowHeight = 25;
+    constexpr int kWidth = 170;
+    constexpr int kMargin = 4;
     const QRect anchor = m_language->geometry();
-    const int height = std::min(m_languages.numberOfRows() * 25 + 8, this->height() - anchor.bottom() - 8);
-    m_languageList->setGeometry(anchor.right() - 170, anchor.bottom() + 2, 170, std::max(height, 60));
+    const int wanted = m_languages.numberOfRows() * kRowHeight + 8;
+    const int below = height() - anchor.bottom() - kMargin - 2;
+    const int above = anchor.top() - kMargin - 2;
+    const bool down = below >= wanted || below >= above;
+    const int h = std::min(wanted, down ? below : above);
+    const int top = down ? anchor.bottom() + 2 : anchor.top() - 2 - h;
+    m_languageList->setGeometry(anchor.right() - kWidth, top, kWidth, h);
 }
 
 void SettingsWidget::render()
@@ -122,12 +142,28 @@ void SettingsWidget::render()
         m_rows[i].caption->setVisible(switches[i]->present);
         m_rows[i].toggle->setVisible(switches[i]->present);
         m_rows[i].toggle->setChecked(switches[i]->on);
+        m_rows[i].toggle->setAccessibleName(m_rows[i].caption->text());
     }
     m_languageCaption->setText(UiText::forKey(QStringLiteral("Language")));
     m_language->setText(m_vc.buttonLanguagesTitle() + QStringLiteral("  \u25be"));
     m_apply->setText(UiText::forKey(QStringLiteral("Apply")));
     m_apply->setEnabled(m_vc.buttonApplyEnabled());
+    m_apply->setAccessibleName(m_apply->text());
+    m_language->setAccessibleName(m_languageCaption->text());
+    m_language->setAccessibleDescription(m_vc.buttonLanguagesTitle());
+    m_close->setAccessibleName(UiText::forKey(QStringLiteral("Close")));
+    const bool opening = m_vc.languageListVisible() && !m_languageList->isVisible();
     m_languageList->setVisible(m_vc.languageListVisible());
+    if (opening) {
+        placeLanguageList();
+        const QList<QListWidgetItem *> current =
+            m_languageList->findItems(m_vc.buttonLanguagesTitle(), Qt::MatchExactly);
+        if (!current.isEmpty())
+            m_languageList->setCurrentItem(current.first());
+        m_languageList->setFocus(Qt::OtherFocusReason);
+    } else if (!m_vc.languageListVisible() && m_languageList->hasFocus()) {
+        m_language->setFocus(Qt::OtherFocusReason);
+    }
     m_languageList->raise();
     m_overlay->setVisible(m_vc.overlayVisible());
     m_overlay->raise();

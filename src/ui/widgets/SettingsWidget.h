@@ -30,6 +30,7 @@ private:
         QString key;
     };
     Row addRow(class QGridLayout *grid, const QString &key);
+    void placeLanguageList();
 
     SettingsVC &m_vc;
     LanguagesTableSource m_languages;
@@ -40,4 +41,5 @@ private:
     QListWidget *m_languageList;
     ImageButton *m_apply;
     QLabel *m_overlay;
+    QPushButton *m_close = nullptr;
 };

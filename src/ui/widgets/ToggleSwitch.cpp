@@ -23,4 +23,10 @@ void ToggleSwitch::paintEvent(QPaintEvent *)
     const qreal x = isChecked() ? track.right() - d - 2 : track.left() + 2;
     painter.setBrush(isChecked() ? UiStyle::kBackground : UiStyle::kMuted);
     painter.drawEllipse(QRectF(x, track.top() + 2, d, d));
+    if (hasFocus()) {
+        painter.setPen(QPen(UiStyle::kFocus, UiStyle::kFocusWidth));
+        painter.setBrush(Qt::NoBrush);
+        const QRectF ring = QRectF(rect()).adjusted(1, 1, -1, -1);
+        painter.drawRoundedRect(ring, ring.height() / 2, ring.height() / 2);
+    }
 }

@@ -25,6 +25,9 @@ QString styleSheet()
         QPushButton:disabled { color: #5d7390; }
         QPushButton:checked { background: #16253b; border-bottom: 2px solid #2dd4bf; }
         QPushButton[flat="true"] { border: none; background: transparent; }
+        QPushButton:focus, QPushButton[flat="true"]:focus { border: 2px solid #ffd166; }
+        QListWidget:focus { border: 2px solid #ffd166; }
+        QListWidget::item:selected:focus { background: #25406a; }
     )");
 }
 

@@ -15,6 +15,9 @@ inline const QColor kBorder{0x2a, 0x3d, 0x58};
 inline const QColor kText{0xe6, 0xed, 0xf5};
 inline const QColor kMuted{0x8d, 0xa2, 0xbd};
 inline const QColor kAccent{0x2d, 0xd4, 0xbf};
+// The keyboard focus ring: bright against every background of the screens.
+inline const QColor kFocus{0xff, 0xd1, 0x66};
+constexpr qreal kFocusWidth = 2;
 inline const QColor kDanger{0xf0, 0x76, 0x6b};
 
 // Style sheet for a whole window.

@@ -1,0 +1,114 @@
+#include "GuiSession.h"
+
+#include "SignalWatcher.h"
+#include "foundation/AppStorageManager.h"
+#include "foundation/Log.h"
+#include "foundation/MainQueue.h"
+#include "shell/AppDelegate.h"
+#include "shell/DefaultShellEngine.h"
+#include "shell/NQApplication.h"
+#include "ui/UiServices.h"
+#include "ui/app/AppKitLoginItems.h"
+#include "ui/app/AppUpdateService.h"
+#include "ui/app/BackofficeLocationLookup.h"
+#include "ui/app/BrowserExtensionControl.h"
+#include "ui/app/DesktopUrlOpener.h"
+#include "ui/app/MainWindowHost.h"
+#include "ui/app/ManagerVpnEngine.h"
+#include "ui/app/ProcessChromeLauncher.h"
+#include "ui/widgets/MessageBoxAlertPresenter.h"
+#include "vpn/NQVPNManager.h"
+#include "vpn/VpnState.h"
+
+#include <QCoreApplication>
+
+struct GuiSession::Parts {
+    explicit Parts(const QStringList &arguments)
+        : vpn(NQVPNManager::sharedManager()), services{vpn,        location, alerts,
+                                                       urls,       chrome,   extension,
+                                                       loginItems, updates,  AppStorageManager::sharedManager()},
+          window(services),
+          // exit, not quit: Qt's quit asks every window first, and the main window may refuse
+          // to close (it miniaturises), which would cancel the quit the controller decided.
+          application(arguments, [] { QCoreApplication::exit(0); }), delegate(application, engine, window, alerts, urls)
+    {
+    }
+
+    ManagerVpnEngine vpn;
+    BackofficeLocationLookup location;
+    MessageBoxAlertPresenter alerts;
+    DesktopUrlOpener urls;
+    ProcessChromeLauncher chrome;
+    BrowserExtensionControl extension;
+    AppKitLoginItems loginItems;
+    AppUpdateService updates;
+    UiServices services;
+    MainWindowHost window;
+    DefaultShellEngine engine;
+    NQApplication application;
+    AppDelegate delegate;
+    SignalWatcher watcher;
+};
+
+GuiSession::GuiSession(const QStringList &arguments) : GuiSession(arguments, Options()) {}
+
+GuiSession::GuiSession(const QStringList &arguments, Options options) : d(std::make_unique<Parts>(arguments))
+{
+    d->window.setSystemTrayAvailable(options.systemTrayAvailable);
+    d->window.setShouldClose([this] { return d->delegate.windowShouldClose(); });
+    d->window.setOnActivate([this] { d->application.activate(); });
+    d->window.setOnQuit([this] { d->application.terminate(); });
+    QObject::connect(&d->watcher, &SignalWatcher::terminationRequested, &d->window, [this](int number) {
+        NQLog::line(QStringLiteral("|GuiApp| signal %1: quitting").arg(number));
+        d->application.terminate();
+    });
+
+    // A tunnel client that sudo refused, or that vanished without a word: say why and what to
+    // do, and stop, so the panel does not stay "connecting" or "connected".
+    NQVPNManager::sharedManager().setOnClientEnded([this](const TunnelClientEnd &end) {
+        MainQueue::async([this, end] {
+            const int state = AppStorageManager::sharedManager().getVPNStatus();
+            if (state != VpnStateConnecting && state != VpnStateConnected)
+                return;
+            NQVPNManager::sharedManager().stopVPNConnection();
+            AlertRequest request;
+            request.title = end.kind == TunnelClientEnd::Kind::PrivilegeRefused
+                                ? QStringLiteral("The tunnel could not be started")
+                                : QStringLiteral("The tunnel has ended");
+            request.message = end.message();
+            request.buttons = {{QStringLiteral("Ok"), AlertPresenter::kDefaultButtonTag}};
+            d->alerts.runModal(request, [](long) {});
+        });
+    });
+}
+
+GuiSession::~GuiSession()
+{
+    NQVPNManager::sharedManager().setOnClientEnded(nullptr);
+}
+
+void GuiSession::start()
+{
+    d->delegate.applicationDidFinishLaunching();
+}
+
+void GuiSession::showRequested()
+{
+    NQLog::line(QStringLiteral("|GuiApp| another launch asked for the window"));
+    d->delegate.showMainWindow();
+}
+
+AppDelegate &GuiSession::delegate()
+{
+    return d->delegate;
+}
+
+MainWindowHost &GuiSession::window()
+{
+    return d->window;
+}
+
+NQApplication &GuiSession::application()
+{
+    return d->application;
+}
