@@ -7,12 +7,18 @@
 #include <cstring>
 #include <optional>
 
+#include <csignal>
+#include <string_view>
+
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 constexpr const char *kCopyName = "profile.ovpn";
+// Copy folders are named after the ovpncli that made them: "pelorin-ovpncli.<pid>.XXXXXX".
+constexpr std::string_view kCopyPrefix = "pelorin-ovpncli.";
 constexpr mode_t kCopyMode = 0600;
 
 class Fd {
@@ -79,6 +85,50 @@ std::string openProblem(const char *what)
     if (errno == ELOOP)
         return std::string(what) + " is a symbolic link";
     return std::string("cannot open ") + what + ": " + std::strerror(errno);
+}
+
+// A helper that was SIGKILLed never removed its copies (the credentials among them). Whoever
+// starts next removes the folders of helpers that are gone, but only in a parent no other user
+// can write to, and only folders we own, entry by entry without following links.
+void sweepAbandonedCopies(const char *parent)
+{
+    const int parentFd = open(parent, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (parentFd < 0)
+        return;
+    struct stat st {};
+    DIR *entries =
+        (fstat(parentFd, &st) == 0 && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0) ? fdopendir(parentFd) : nullptr;
+    if (!entries) {
+        close(parentFd);
+        return;
+    }
+    while (const dirent *entry = readdir(entries)) {
+        const std::string_view name = entry->d_name;
+        if (name.substr(0, kCopyPrefix.size()) != kCopyPrefix)
+            continue;
+        const std::string pidText(
+            name.substr(kCopyPrefix.size(), name.find('.', kCopyPrefix.size()) - kCopyPrefix.size()));
+        char *end = nullptr;
+        const long pid = std::strtol(pidText.c_str(), &end, 10);
+        if (pidText.empty() || *end != '\0' || pid <= 0 || kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH)
+            continue;
+        if (fstatat(parentFd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(st.st_mode) ||
+            st.st_uid != geteuid())
+            continue;
+        const int folderFd = openat(parentFd, entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (folderFd < 0)
+            continue;
+        if (DIR *copies = fdopendir(folderFd)) {
+            while (const dirent *copy = readdir(copies))
+                if (std::string_view(copy->d_name) != "." && std::string_view(copy->d_name) != "..")
+                    unlinkat(folderFd, copy->d_name, 0);
+            closedir(copies);
+        } else {
+            close(folderFd);
+        }
+        unlinkat(parentFd, entry->d_name, AT_REMOVEDIR);
+    }
+    closedir(entries);
 }
 } // namespace
 
@@ -176,7 +226,9 @@ bool ProfileHandOver::admit(const std::string &profilePath)
     }
 
     for (const char *parent : kCopyParents) {
-        std::string pattern = std::string(parent) + "/pelorin-ovpncli.XXXXXX";
+        sweepAbandonedCopies(parent);
+        std::string pattern =
+            std::string(parent) + "/" + std::string(kCopyPrefix) + std::to_string(getpid()) + ".XXXXXX";
         if (mkdtemp(pattern.data())) { // mode 0700, owned by us
             m_copyFolder = pattern;
             break;

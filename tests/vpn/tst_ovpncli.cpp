@@ -6,6 +6,8 @@
 
 #include <csignal>
 
+#include <unistd.h>
+
 namespace {
 constexpr int kWaitMs = 15000;
 
@@ -57,7 +59,10 @@ void TestOvpncli::start(const QByteArray &script)
     standIn.setPermissions(standIn.permissions() | QFileDevice::ExeOwner);
     QFile profile(m_dir.filePath(QStringLiteral("p.ovpn")));
     QVERIFY(profile.open(QIODevice::WriteOnly));
+    profile.write("client\ndev tun\n");
     profile.close();
+    // ovpncli runs only a profile private to the user who asked.
+    profile.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
 
     m_client = std::make_unique<QProcess>();
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
@@ -165,9 +170,20 @@ void TestOvpncli::killedHelperLeavesNoOpenVpn()
     QTRY_VERIFY_WITH_TIMEOUT(m_output.contains("state CONNECTED"), kWaitMs);
     const qint64 openvpn = standInPid();
     QVERIFY(processAlive(openvpn));
-    ::kill(static_cast<pid_t>(m_client->processId()), SIGKILL);
+    const qint64 helper = m_client->processId();
+    ::kill(static_cast<pid_t>(helper), SIGKILL);
     QVERIFY(m_client->waitForFinished(kWaitMs));
     QTRY_VERIFY_WITH_TIMEOUT(!processAlive(openvpn), kWaitMs);
+
+    // Its copy of the profile outlived it; the next helper removes it.
+    const QDir run(geteuid() == 0 ? QStringLiteral("/run") : QDir::tempPath());
+    const QStringList left{QStringLiteral("pelorin-ovpncli.%1.*").arg(helper)};
+    QCOMPARE(run.entryList(left, QDir::Dirs).size(), 1);
+    m_output.clear();
+    start("echo 'Initialization Sequence Completed'\nexit 0\n");
+    QVERIFY(m_client->waitForFinished(kWaitMs));
+    if (geteuid() == 0) // a folder others may write to (the fallback) is never swept
+        QVERIFY(run.entryList(left, QDir::Dirs).isEmpty());
 }
 
 QTEST_GUILESS_MAIN(TestOvpncli)

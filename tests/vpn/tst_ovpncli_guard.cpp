@@ -248,7 +248,7 @@ struct RootWorld {
         return text.replace(QLatin1String(kFolder), folder);
     }
     // Runs the helper as root for `user`, the way sudo starts it.
-    QString run(const QString &helper, const QString &profile, int *status) const
+    QString run(const QString &helper, const QString &profile, int *status, qint64 *pid = nullptr) const
     {
         QProcess process;
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
@@ -259,6 +259,8 @@ struct RootWorld {
         process.setProcessEnvironment(env);
         process.setProcessChannelMode(QProcess::MergedChannels);
         process.start(helper, {profile});
+        if (pid)
+            *pid = process.processId();
         process.waitForFinished(20000);
         *status = process.exitCode();
         return QString::fromUtf8(process.readAll());
@@ -314,7 +316,8 @@ void TestOvpncliGuard::helperAsRootRefusesWithoutRunningAnything()
     }
 
     int status = 0;
-    const QString output = world.run(helper(), profile, &status);
+    qint64 pid = 0;
+    const QString output = world.run(helper(), profile, &status, &pid);
     QVERIFY2(output.contains(QStringLiteral("ovpncli: refused the profile: ")) && output.contains(reason),
              qPrintable(output));
     QVERIFY2(output.endsWith(QStringLiteral("ovpncli: state DISCONNECTED, nothing was run\n")), qPrintable(output));
@@ -323,7 +326,9 @@ void TestOvpncliGuard::helperAsRootRefusesWithoutRunningAnything()
     QVERIFY2(!QFile::exists(world.evidence), "openvpn was started");
     for (const char *written : {"/etc/pelorin-up", "/etc/pelorin-log"})
         QVERIFY(!QFile::exists(QString::fromLatin1(written)));
-    QVERIFY(QDir(QStringLiteral("/run")).entryList({QStringLiteral("pelorin-ovpncli.*")}, QDir::Dirs).isEmpty());
+    QVERIFY(QDir(QStringLiteral("/run"))
+                .entryList({QStringLiteral("pelorin-ovpncli.%1.*").arg(pid)}, QDir::Dirs)
+                .isEmpty());
 }
 
 void TestOvpncliGuard::helperAsRootHandsOpenVpnAPrivateCopy()
@@ -338,8 +343,9 @@ void TestOvpncliGuard::helperAsRootHandsOpenVpnAPrivateCopy()
     const QString output = world.run(helper(), profile, &status);
     QVERIFY2(QFile::exists(world.evidence), qPrintable(output));
     // openvpn read root's copy (auth.txt beside it), with scripts forbidden after the profile.
-    static const QRegularExpression copy(QStringLiteral("args: --config (/run/pelorin-ovpncli\\.\\w+)/profile\\.ovpn "
-                                                        "--script-security 1\n"));
+    static const QRegularExpression copy(
+        QStringLiteral("args: --config (/run/pelorin-ovpncli\\.[\\w.]+)/profile\\.ovpn "
+                       "--script-security 1\n"));
     const auto match = copy.match(output);
     QVERIFY2(match.hasMatch(), qPrintable(output));
     QVERIFY(output.contains(QStringLiteral("openvpn: auth-user-pass %1/auth.txt\n").arg(match.captured(1))));
