@@ -136,6 +136,39 @@ private slots:
         QVERIFY(j.runUntil([] { return Journey::button(kConnect)->isEnabled(); }));
         QVERIFY(!Journey::button(QStringLiteral("Favourite Germany"))->isChecked());
     }
+
+    // sudo refuses the tunnel client (the user is not yet in the group the rule names): the
+    // window says why and what to do, and once the alert is dismissed Connect can be pressed.
+    void sudoRefusesTheClient()
+    {
+        Journey j;
+        j.write(QStringLiteral("sudo"), "#!/bin/bash\necho 'sudo: a password is required' >&2\nexit 1\n");
+        j.launch();
+        QVERIFY(j.waitForHome());
+        QVERIFY(Journey::clickRow(QStringLiteral("Germany")));
+        QVERIFY(j.runUntil([] { return Journey::selectedServer() == QStringLiteral("Germany"); }));
+
+        // The alert runs its own loop: a person reads it and presses Enter.
+        QString seen;
+        QTimer reader;
+        QObject::connect(&reader, &QTimer::timeout, [&seen] {
+            if (auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())) {
+                seen = box->text() + QLatin1Char('\n') + box->informativeText();
+                QTest::keyClick(box, Qt::Key_Return);
+            }
+        });
+        reader.start(20);
+        QVERIFY(Journey::click(kConnect));
+        QVERIFY(j.runUntil([&seen] { return !seen.isEmpty(); }));
+        for (const QString &part : {QStringLiteral("could not be started"), QStringLiteral("a password is required"),
+                                    QStringLiteral("\"pelorin-vpn\""), QStringLiteral("log out and in again")})
+            QVERIFY2(seen.contains(part), qPrintable(seen));
+        QVERIFY(j.runUntil([] { return QApplication::activeModalWidget() == nullptr; }));
+        QVERIFY(j.runUntil([] { return Journey::button(kConnect) && Journey::button(kConnect)->isEnabled(); }));
+        QCOMPARE(j.storedState(), int(VpnStateDisconnected));
+        QVERIFY(Journey::button(kCancel) == nullptr);
+        QCOMPARE(j.clientPid(), 0);
+    }
 };
 
 QTEST_MAIN(TestJourneyConnect)
