@@ -2,8 +2,8 @@
 // with --headless (or a console mode: --list, --connect, --script, --help, --version) or
 // without a display it runs on the console with the same controller and engine.
 #include "SignalWatcher.h"
-#include "foundation/AppConfig.h"
 #include "platform/Platform.h"
+#include "shell/AppUpdateManager.h"
 #include "shell/HeadlessRunner.h"
 
 #include <QCommandLineParser>
@@ -129,7 +129,8 @@ int main(int argc, char *argv[])
 
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("PelorinVPN"));
-    QCoreApplication::setApplicationVersion(AppConfig::appVersion());
+    // With the build number: the version the update check compares ("2.1.0.45").
+    QCoreApplication::setApplicationVersion(AppUpdateManager::ownVersion());
     cli.parser.process(app); // --help, --version
 
     QTextStream out(stdout);
