@@ -31,6 +31,9 @@ fail() {
 [ -u /usr/bin/sudo ] || skip "/usr/bin/sudo is missing or not set-uid"
 for tool in unshare setpriv timeout; do command -v "$tool" >/dev/null || skip "$tool is missing"; done
 grep -Eq '^[@#]includedir /etc/sudoers.d' /etc/sudoers || skip "/etc/sudoers does not read /etc/sudoers.d"
+for built in bin/pelorin-tunnel-lab bin/pelorin-vpn helpers/ovpncli tools/devbackend/pelorin-devbackend; do
+    [ -x "$build/$built" ] || fail "$build/$built is not built"
+done
 lab_check=$("$build/bin/pelorin-tunnel-lab" --check 2>&1) || skip "$lab_check"
 
 work=$(mktemp -d /tmp/pelorin-sudo-e2e.XXXXXX)
