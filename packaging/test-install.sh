@@ -7,9 +7,10 @@
 #   packaging/test-install.sh [--old DEB --new DEB] [--keep] [--no-update-demo]
 #
 # Without --old/--new both packages are built with build-deb.sh: the project's version and
-# one with the patch number raised. Needs root, debootstrap and the Debian mirror; the base
-# system is cached in build/pkg-chroot/base (delete it to start over), each run works on a
-# fresh copy in build/pkg-chroot/run. Takes a few minutes; not part of the CTest suite.
+# one with the patch number raised. Needs root and the Debian mirror; installs debootstrap when
+# it is missing. The base system is cached in build/pkg-chroot/base (delete it to start over),
+# each run works on a fresh copy in build/pkg-chroot/run. Takes a few minutes; not part of
+# the CTest suite.
 set -euo pipefail
 
 repo=$(cd "$(dirname "$0")/.." && pwd)
@@ -30,12 +31,21 @@ while [ $# -gt 0 ]; do
     --new) new_deb=$(realpath "$2"); shift 2 ;;
     --keep) keep=1; shift ;;
     --no-update-demo) update_demo=0; shift ;;
-    -h | --help) sed -n '2,11p' "$0"; exit 0 ;;
+    -h | --help) sed -n '2,13p' "$0"; exit 0 ;;
     *) echo "test-install.sh: unknown argument '$1'" >&2; exit 2 ;;
     esac
 done
 [ "$(id -u)" -eq 0 ] || { echo "test-install.sh: run as root (chroot, mounts)" >&2; exit 1; }
-command -v debootstrap >/dev/null || { echo "test-install.sh: apt-get install debootstrap" >&2; exit 1; }
+# What this script needs beyond the build's own dependencies (scripts/setup-deps.sh), installed
+# here because only this script needs it.
+tools_missing=()
+command -v debootstrap >/dev/null || tools_missing+=(debootstrap)
+if [ ${#tools_missing[@]} -gt 0 ]; then
+    echo "== installing ${tools_missing[*]}"
+    { apt-get install -y -qq --no-install-recommends "${tools_missing[@]}" ||
+        { apt-get update -qq && apt-get install -y -qq --no-install-recommends "${tools_missing[@]}"; }; } ||
+        { echo "test-install.sh: could not install ${tools_missing[*]}" >&2; exit 1; }
+fi
 
 step() {
     echo "== [+$((SECONDS - last))s, total $((SECONDS - started))s] $*"

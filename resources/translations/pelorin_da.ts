@@ -313,5 +313,20 @@
         <extracomment>Copyright line, after the copyright holder</extracomment>
         <translation>Alle rettigheder forbeholdes.</translation>
     </message>
+    <message id="keyring_stayed_locked">
+        <source>The keyring stayed locked</source>
+        <extracomment>Start-up alert title when the keyring's unlock prompt was refused</extracomment>
+        <translation>Nøgleringen forblev låst</translation>
+    </message>
+    <message id="keyring_unusable">
+        <source>The keyring could not be used</source>
+        <extracomment>Start-up alert title when the keyring could not be used</extracomment>
+        <translation>Nøgleringen kunne ikke bruges</translation>
+    </message>
+    <message id="secrets_not_kept">
+        <source>&lt;app_name&gt; will not keep this device's identity and your VPN sign-in after it quits (%@). Unlock the keyring and start &lt;app_name&gt; again to keep them.</source>
+        <extracomment>Start-up alert text under either keyring title; %@ is the keyring's own reason</extracomment>
+        <translation>&lt;app_name&gt; gemmer ikke denne enheds identitet og dit VPN-login, når programmet lukkes (%@). Lås nøgleringen op, og start &lt;app_name&gt; igen for at gemme dem.</translation>
+    </message>
 </context>
 </TS>

@@ -313,5 +313,20 @@
         <extracomment>Copyright line, after the copyright holder</extracomment>
         <translation>Todos los derechos reservados.</translation>
     </message>
+    <message id="keyring_stayed_locked">
+        <source>The keyring stayed locked</source>
+        <extracomment>Start-up alert title when the keyring's unlock prompt was refused</extracomment>
+        <translation>El llavero sigue bloqueado</translation>
+    </message>
+    <message id="keyring_unusable">
+        <source>The keyring could not be used</source>
+        <extracomment>Start-up alert title when the keyring could not be used</extracomment>
+        <translation>No se pudo usar el llavero</translation>
+    </message>
+    <message id="secrets_not_kept">
+        <source>&lt;app_name&gt; will not keep this device's identity and your VPN sign-in after it quits (%@). Unlock the keyring and start &lt;app_name&gt; again to keep them.</source>
+        <extracomment>Start-up alert text under either keyring title; %@ is the keyring's own reason</extracomment>
+        <translation>&lt;app_name&gt; no conservará la identidad de este dispositivo ni su inicio de sesión VPN al cerrarse (%@). Desbloquee el llavero e inicie &lt;app_name&gt; de nuevo para conservarlos.</translation>
+    </message>
 </context>
 </TS>

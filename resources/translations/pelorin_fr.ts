@@ -313,5 +313,20 @@
         <extracomment>Copyright line, after the copyright holder</extracomment>
         <translation>Tous droits réservés.</translation>
     </message>
+    <message id="keyring_stayed_locked">
+        <source>The keyring stayed locked</source>
+        <extracomment>Start-up alert title when the keyring's unlock prompt was refused</extracomment>
+        <translation>Le trousseau est resté verrouillé</translation>
+    </message>
+    <message id="keyring_unusable">
+        <source>The keyring could not be used</source>
+        <extracomment>Start-up alert title when the keyring could not be used</extracomment>
+        <translation>Le trousseau n'a pas pu être utilisé</translation>
+    </message>
+    <message id="secrets_not_kept">
+        <source>&lt;app_name&gt; will not keep this device's identity and your VPN sign-in after it quits (%@). Unlock the keyring and start &lt;app_name&gt; again to keep them.</source>
+        <extracomment>Start-up alert text under either keyring title; %@ is the keyring's own reason</extracomment>
+        <translation>&lt;app_name&gt; ne conservera pas l'identité de cet appareil ni votre connexion VPN après sa fermeture (%@). Déverrouillez le trousseau et relancez &lt;app_name&gt; pour les conserver.</translation>
+    </message>
 </context>
 </TS>

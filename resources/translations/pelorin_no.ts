@@ -313,5 +313,20 @@
         <extracomment>Copyright line, after the copyright holder</extracomment>
         <translation>Alle rettigheter forbeholdt.</translation>
     </message>
+    <message id="keyring_stayed_locked">
+        <source>The keyring stayed locked</source>
+        <extracomment>Start-up alert title when the keyring's unlock prompt was refused</extracomment>
+        <translation>Nøkkelringen forble låst</translation>
+    </message>
+    <message id="keyring_unusable">
+        <source>The keyring could not be used</source>
+        <extracomment>Start-up alert title when the keyring could not be used</extracomment>
+        <translation>Nøkkelringen kunne ikke brukes</translation>
+    </message>
+    <message id="secrets_not_kept">
+        <source>&lt;app_name&gt; will not keep this device's identity and your VPN sign-in after it quits (%@). Unlock the keyring and start &lt;app_name&gt; again to keep them.</source>
+        <extracomment>Start-up alert text under either keyring title; %@ is the keyring's own reason</extracomment>
+        <translation>&lt;app_name&gt; beholder ikke denne enhetens identitet og VPN-påloggingen din etter at programmet avsluttes (%@). Lås opp nøkkelringen og start &lt;app_name&gt; på nytt for å beholde dem.</translation>
+    </message>
 </context>
 </TS>

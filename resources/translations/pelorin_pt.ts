@@ -313,5 +313,20 @@
         <extracomment>Copyright line, after the copyright holder</extracomment>
         <translation>Todos os direitos reservados.</translation>
     </message>
+    <message id="keyring_stayed_locked">
+        <source>The keyring stayed locked</source>
+        <extracomment>Start-up alert title when the keyring's unlock prompt was refused</extracomment>
+        <translation>O chaveiro continuou bloqueado</translation>
+    </message>
+    <message id="keyring_unusable">
+        <source>The keyring could not be used</source>
+        <extracomment>Start-up alert title when the keyring could not be used</extracomment>
+        <translation>Não foi possível usar o chaveiro</translation>
+    </message>
+    <message id="secrets_not_kept">
+        <source>&lt;app_name&gt; will not keep this device's identity and your VPN sign-in after it quits (%@). Unlock the keyring and start &lt;app_name&gt; again to keep them.</source>
+        <extracomment>Start-up alert text under either keyring title; %@ is the keyring's own reason</extracomment>
+        <translation>O &lt;app_name&gt; não vai manter a identidade deste dispositivo nem seu login da VPN depois de fechado (%@). Desbloqueie o chaveiro e inicie o &lt;app_name&gt; de novo para mantê-los.</translation>
+    </message>
 </context>
 </TS>

@@ -68,5 +68,6 @@ public:
     static std::optional<QDateTime> dateFromTesselString(const QString &text);
 
 private:
+    void registerVpnApiFor(const QString &deviceID, RegisterVpnApiCompletion completion);
     NQIdentityServer() = default;
 };

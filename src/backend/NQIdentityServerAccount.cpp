@@ -32,12 +32,20 @@ void NQIdentityServer::registerVpnForLabelID(const QString &labelID, const QStri
 
 void NQIdentityServer::registerVpnApi(RegisterVpnApiCompletion completion)
 {
+    // The identifier may still wait for the keyring's unlock prompt: not on the caller's thread.
+    AppConfig::deviceUniqueID([completion = std::move(completion)](const QString &deviceID) mutable {
+        sharedManager().registerVpnApiFor(deviceID, std::move(completion));
+    });
+}
+
+void NQIdentityServer::registerVpnApiFor(const QString &deviceID, RegisterVpnApiCompletion completion)
+{
     // A key the store has never been given is sent as an empty segment.
     QString key = AppStorageManager::sharedManager().accountKey().toUpper();
     if (key.isNull())
         key = QLatin1String("");
     registerVpnForLabelID(
-        AppConfig::labelID(), AppConfig::deviceUniqueID(), key, kDesktopDeviceType, false,
+        AppConfig::labelID(), deviceID, key, kDesktopDeviceType, false,
         [completion](const RegisterVpnResponse &response, const NQErrorOpt &error) {
             if (error) {
                 NQLog::line(

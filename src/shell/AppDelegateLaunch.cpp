@@ -4,7 +4,6 @@
 #include "foundation/AppConfig.h"
 #include "foundation/AppStorageManager.h"
 #include "foundation/BundleExtended.h"
-#include "foundation/LocalString.h"
 #include "foundation/Log.h"
 #include "foundation/MainQueue.h"
 #include "foundation/SecretStatus.h"
@@ -109,11 +108,12 @@ void AppDelegate::tellSecretsNotKept(const NQError &why)
 {
     NQLog::line(QStringLiteral("|AppDelegate| Secrets not kept: %1").arg(why.localizedDescription()));
     AlertRequest alert;
-    alert.title = why.code() == SecretStatus::UserCanceled ? QStringLiteral("The keyring stayed locked")
-                                                           : QStringLiteral("The keyring could not be used");
-    alert.message = QStringLiteral("%1 will not keep this device's identity and your VPN sign-in after it quits "
-                                   "(%2). Unlock the keyring and start %1 again to keep them.")
-                        .arg(QLatin1String(LocalString::kAppName), why.localizedDescription());
+    alert.title =
+        m_engine.localizedString(why.code() == SecretStatus::UserCanceled ? QStringLiteral("keyring_stayed_locked")
+                                                                          : QStringLiteral("keyring_unusable"));
+    alert.message = m_engine.localizedString(QStringLiteral("secrets_not_kept"))
+                        .replace(QLatin1String("%@"), why.localizedDescription());
+    alert.buttons = {{m_engine.localizedString(QStringLiteral("Ok")), AlertPresenter::kDefaultButtonTag}};
     m_alerts.runModal(alert, [](long) {});
 }
 

@@ -96,7 +96,7 @@ public:
     QString retrievePasswordFromKeychain();
 
 private:
-    static QString requestUrl(const QString &endpoint, const QString &countryIdSegment);
+    static QString requestUrl(const QString &endpoint, const QString &deviceID, const QString &countryIdSegment);
 
     QList<NQVPNCountry> m_availableCountries;
     std::optional<NQVPNCountry> m_currentCountry;

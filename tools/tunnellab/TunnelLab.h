@@ -16,6 +16,8 @@ class TunnelLab {
 public:
     // Tunnel address of the server, reachable from the client namespace only through the tunnel.
     static constexpr auto kServerTunnelAddress = "10.232.0.1";
+    // The server namespace's end of the link between the two namespaces.
+    static constexpr auto kServerLinkAddress = "10.231.0.1";
 
     // Why this machine cannot run the lab (not root, no /dev/net/tun, no namespaces, no
     // openvpn or openssl); an empty string when it can.
@@ -36,6 +38,7 @@ public:
     QString helpersDirectory() const { return m_binaryDir + QStringLiteral("/helpers"); }
     QString sudoPath() const { return root() + QStringLiteral("/sudo"); }
     QString clientNamespace() const { return m_clientNs; }
+    QString serverNamespace() const { return m_serverNs; }
 
     // One ping from the client namespace to `address`; true when it was answered.
     bool ping(const QString &address) const;

@@ -75,6 +75,8 @@ int main(int argc, char *argv[])
     print("HELPERS_DIR", lab.helpersDirectory());
     print("CLIENT_TMPDIR", lab.clientTemporaryDirectory());
     print("CLIENT_NS", lab.clientNamespace());
+    print("SERVER_NS", lab.serverNamespace());
+    print("SERVER_LINK_ADDRESS", QLatin1String(TunnelLab::kServerLinkAddress));
     print("SERVER_TUNNEL_ADDRESS", QLatin1String(TunnelLab::kServerTunnelAddress));
     std::printf("READY\n");
     std::fflush(stdout);
