@@ -99,6 +99,8 @@ void TestE2eKillSwitch::outsideTrafficIsBlockedOnlyWhileTheSwitchHolds()
     QTRY_VERIFY_WITH_TIMEOUT(m_lab->clientProcesses().isEmpty(), kStepMs);
     QTRY_VERIFY_WITH_TIMEOUT(!vpn.trafficBlocked(), kStepMs);
     QVERIFY(m_lab->ping(kOutside));
+    // The client lifted it itself (it must also when the program is gone).
+    QVERIFY(!logs.lines().filter(QStringLiteral("ovpncli: kill switch off")).isEmpty());
 
     // A killed client leaves its table. A reconnecting owner keeps it through the gap; the
     // next program start lifts it.
