@@ -313,5 +313,15 @@
         <extracomment>Copyright line, after the copyright holder</extracomment>
         <translation>Tous droits réservés.</translation>
     </message>
+    <message id="Block traffic outside the VPN">
+        <source>Block traffic outside the VPN</source>
+        <extracomment>Settings switch; saved as soon as it is clicked</extracomment>
+        <translation>Bloquer le trafic hors du VPN</translation>
+    </message>
+    <message id="Traffic outside the VPN is blocked">
+        <source>Traffic outside the VPN is blocked</source>
+        <extracomment>Home screen line while the kill switch blocks traffic</extracomment>
+        <translation>Le trafic hors du VPN est bloqué</translation>
+    </message>
 </context>
 </TS>
