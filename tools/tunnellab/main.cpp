@@ -76,6 +76,7 @@ int main(int argc, char *argv[])
     print("CLIENT_TMPDIR", lab.clientTemporaryDirectory());
     print("CLIENT_NS", lab.clientNamespace());
     print("SERVER_TUNNEL_ADDRESS", QLatin1String(TunnelLab::kServerTunnelAddress));
+    print("OUTSIDE_ADDRESS", QLatin1String(TunnelLab::kOutsideAddress));
     std::printf("READY\n");
     std::fflush(stdout);
 
