@@ -85,7 +85,7 @@ demo_cleanup() {
     if kill -0 "$LAB_PID" 2>/dev/null; then
       # The lab did not tear itself down: do it by hand, its names carry its pid.
       kill -KILL "$LAB_PID" 2>/dev/null
-      [ -n "$LAB_ROOT" ] && pkill -KILL -f "^$HELPERS_DIR/ovpncli $LAB_ROOT/"
+      [ -n "$LAB_ROOT" ] && pkill -KILL -f "^$HELPERS_DIR/ovpncli (--kill-switch )?$LAB_ROOT/"
       for ns in "pvc$LAB_PID" "pvs$LAB_PID"; do
         ip netns pids "$ns" 2>/dev/null | xargs -r kill -KILL
         ip netns del "$ns" 2>/dev/null
@@ -121,6 +121,7 @@ while IFS='=' read -r key value; do
     ROOT) LAB_ROOT=$value ;; BACKEND_URL) BACKEND_URL=$value ;; SUDO) LAB_SUDO=$value ;;
     HELPERS_DIR) HELPERS_DIR=$value ;; CLIENT_TMPDIR) CLIENT_TMPDIR=$value ;;
     CLIENT_NS) CLIENT_NS=$value ;; SERVER_TUNNEL_ADDRESS) SERVER_ADDR=$value ;;
+    OUTSIDE_ADDRESS) OUTSIDE_ADDR=$value ;;
   esac
 done <"$WORK/lab.out"
 say "backend on $BACKEND_URL"
@@ -179,6 +180,8 @@ case "$MODE" in
   gui)
     say "starting PelorinVPN (window); connect from it, quit it to end the demo"
     say "check the tunnel yourself: sudo ip netns exec $CLIENT_NS ping $SERVER_ADDR"
+    say "and a host outside it, blocked while Settings > Block traffic outside the VPN holds:" \
+      "sudo ip netns exec $CLIENT_NS ping $OUTSIDE_ADDR"
     watch_traffic & WATCH_PID=$!
     run_app || status=$?
     say "PelorinVPN ended (exit $status)"

@@ -10,7 +10,7 @@ PACKAGES=(
   qt6-svg-dev qt6-httpserver-dev qt6-websockets-dev libqt6svg6 qt6-qpa-plugins
   libsecret-1-dev libplist-dev libssl-dev libglib2.0-dev libicu-dev
   # runtime of the tunnel and its helpers
-  openvpn sudo iproute2 iputils-ping procps psmisc openssl easy-rsa
+  openvpn sudo iproute2 iputils-ping procps psmisc openssl easy-rsa nftables
   # tests: secret service, independent WebSocket clients, a display for screenshots
   gnome-keyring dbus dbus-x11 libsecret-tools libgcr-3-dev python3 python3-websockets
   chromium

@@ -72,15 +72,22 @@ long long nowMs()
 }
 } // namespace
 
+void ChildSupervisor::catchStopSignals()
+{
+    if (g_signalPipe[0] >= 0 || pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) != 0)
+        return;
+    installHandlers();
+}
+
 ChildSupervisor::Result ChildSupervisor::run(const std::vector<std::string> &argv, const OutputHandler &onOutput)
 {
     Result result;
     int output[2];
-    if (pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) != 0 || pipe2(output, O_CLOEXEC) != 0) {
+    catchStopSignals();
+    if (g_signalPipe[0] < 0 || pipe2(output, O_CLOEXEC) != 0) {
         result.error = std::string("cannot make a pipe: ") + std::strerror(errno);
         return result;
     }
-    installHandlers();
     const pid_t parent = getpid();
     const pid_t child = fork();
     if (child < 0) {

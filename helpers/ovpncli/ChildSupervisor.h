@@ -22,6 +22,10 @@ public:
 
     using OutputHandler = std::function<void(const char *data, std::size_t size)>;
 
+    // From now on SIGTERM, SIGINT and SIGHUP no longer end this process: the next run() takes
+    // them as a request to stop (at once, if one came before it started). run() calls it too.
+    static void catchStopSignals();
+
     // Runs `argv` (argv[0] is the full path) until it ends; blocks.
     static Result run(const std::vector<std::string> &argv, const OutputHandler &onOutput);
 };

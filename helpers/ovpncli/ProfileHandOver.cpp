@@ -246,5 +246,6 @@ bool ProfileHandOver::admit(const std::string &profilePath)
         if (!writeNew(copies.get(), verdict.credentialsName, credentials))
             return refuse(std::string("cannot write openvpn's copy of the credentials: ") + std::strerror(errno));
     }
+    m_checkedText = std::move(verdict.openVpnText);
     return true;
 }

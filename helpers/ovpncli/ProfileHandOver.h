@@ -27,6 +27,8 @@ public:
     const std::string &reason() const { return m_reason; }
     // openvpn's command line: the copy, and no script may run whatever the profile says.
     std::vector<std::string> command(const std::string &openvpn) const;
+    // The profile as openvpn gets it: rebuilt from the checked directives.
+    const std::string &checkedText() const { return m_checkedText; }
 
 private:
     bool admit(const std::string &profilePath);
@@ -34,6 +36,7 @@ private:
 
     bool m_accepted = false;
     std::string m_reason;
+    std::string m_checkedText;
     std::string m_copyFolder;
     std::vector<std::string> m_copies;
 };

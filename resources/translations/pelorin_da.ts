@@ -328,5 +328,15 @@
         <extracomment>Start-up alert text under either keyring title; %@ is the keyring's own reason</extracomment>
         <translation>&lt;app_name&gt; gemmer ikke denne enheds identitet og dit VPN-login, når programmet lukkes (%@). Lås nøgleringen op, og start &lt;app_name&gt; igen for at gemme dem.</translation>
     </message>
+    <message id="Block traffic outside the VPN">
+        <source>Block traffic outside the VPN</source>
+        <extracomment>Settings switch; saved as soon as it is clicked</extracomment>
+        <translation>Bloker trafik uden for VPN</translation>
+    </message>
+    <message id="Traffic outside the VPN is blocked">
+        <source>Traffic outside the VPN is blocked</source>
+        <extracomment>Home screen line while the kill switch blocks traffic</extracomment>
+        <translation>Trafik uden for VPN er blokeret</translation>
+    </message>
 </context>
 </TS>

@@ -328,5 +328,15 @@
         <extracomment>Start-up alert text under either keyring title; %@ is the keyring's own reason</extracomment>
         <translation>&lt;app_name&gt; behält die Identität dieses Geräts und Ihre VPN-Anmeldung nach dem Beenden nicht (%@). Entsperren Sie den Schlüsselbund und starten Sie &lt;app_name&gt; erneut, um sie zu behalten.</translation>
     </message>
+    <message id="Block traffic outside the VPN">
+        <source>Block traffic outside the VPN</source>
+        <extracomment>Settings switch; saved as soon as it is clicked</extracomment>
+        <translation>Datenverkehr außerhalb des VPN sperren</translation>
+    </message>
+    <message id="Traffic outside the VPN is blocked">
+        <source>Traffic outside the VPN is blocked</source>
+        <extracomment>Home screen line while the kill switch blocks traffic</extracomment>
+        <translation>Datenverkehr außerhalb des VPN ist gesperrt</translation>
+    </message>
 </context>
 </TS>

@@ -328,5 +328,15 @@
         <extracomment>Start-up alert text under either keyring title; %@ is the keyring's own reason</extracomment>
         <translation>&lt;app_name&gt; will not keep this device's identity and your VPN sign-in after it quits (%@). Unlock the keyring and start &lt;app_name&gt; again to keep them.</translation>
     </message>
+    <message id="Block traffic outside the VPN">
+        <source>Block traffic outside the VPN</source>
+        <extracomment>Settings switch; saved as soon as it is clicked</extracomment>
+        <translation>Block traffic outside the VPN</translation>
+    </message>
+    <message id="Traffic outside the VPN is blocked">
+        <source>Traffic outside the VPN is blocked</source>
+        <extracomment>Home screen line while the kill switch blocks traffic</extracomment>
+        <translation>Traffic outside the VPN is blocked</translation>
+    </message>
 </context>
 </TS>

@@ -328,5 +328,15 @@
         <extracomment>Start-up alert text under either keyring title; %@ is the keyring's own reason</extracomment>
         <translation>&lt;app_name&gt; no conservará la identidad de este dispositivo ni su inicio de sesión VPN al cerrarse (%@). Desbloquee el llavero e inicie &lt;app_name&gt; de nuevo para conservarlos.</translation>
     </message>
+    <message id="Block traffic outside the VPN">
+        <source>Block traffic outside the VPN</source>
+        <extracomment>Settings switch; saved as soon as it is clicked</extracomment>
+        <translation>Bloquear el tráfico fuera de la VPN</translation>
+    </message>
+    <message id="Traffic outside the VPN is blocked">
+        <source>Traffic outside the VPN is blocked</source>
+        <extracomment>Home screen line while the kill switch blocks traffic</extracomment>
+        <translation>El tráfico fuera de la VPN está bloqueado</translation>
+    </message>
 </context>
 </TS>

@@ -328,5 +328,15 @@
         <extracomment>Start-up alert text under either keyring title; %@ is the keyring's own reason</extracomment>
         <translation>&lt;app_name&gt; ei säilytä tämän laitteen tunnistetta eikä VPN-kirjautumistasi sulkemisen jälkeen (%@). Avaa avainnipun lukitus ja käynnistä &lt;app_name&gt; uudelleen, niin ne säilyvät.</translation>
     </message>
+    <message id="Block traffic outside the VPN">
+        <source>Block traffic outside the VPN</source>
+        <extracomment>Settings switch; saved as soon as it is clicked</extracomment>
+        <translation>Estä VPN:n ulkopuolinen liikenne</translation>
+    </message>
+    <message id="Traffic outside the VPN is blocked">
+        <source>Traffic outside the VPN is blocked</source>
+        <extracomment>Home screen line while the kill switch blocks traffic</extracomment>
+        <translation>VPN:n ulkopuolinen liikenne on estetty</translation>
+    </message>
 </context>
 </TS>

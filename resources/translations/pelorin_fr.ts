@@ -328,5 +328,15 @@
         <extracomment>Start-up alert text under either keyring title; %@ is the keyring's own reason</extracomment>
         <translation>&lt;app_name&gt; ne conservera pas l'identité de cet appareil ni votre connexion VPN après sa fermeture (%@). Déverrouillez le trousseau et relancez &lt;app_name&gt; pour les conserver.</translation>
     </message>
+    <message id="Block traffic outside the VPN">
+        <source>Block traffic outside the VPN</source>
+        <extracomment>Settings switch; saved as soon as it is clicked</extracomment>
+        <translation>Bloquer le trafic hors du VPN</translation>
+    </message>
+    <message id="Traffic outside the VPN is blocked">
+        <source>Traffic outside the VPN is blocked</source>
+        <extracomment>Home screen line while the kill switch blocks traffic</extracomment>
+        <translation>Le trafic hors du VPN est bloqué</translation>
+    </message>
 </context>
 </TS>

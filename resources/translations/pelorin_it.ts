@@ -328,5 +328,15 @@
         <extracomment>Start-up alert text under either keyring title; %@ is the keyring's own reason</extracomment>
         <translation>&lt;app_name&gt; non conserverà l'identità di questo dispositivo né il tuo accesso VPN dopo la chiusura (%@). Sblocca il portachiavi e riavvia &lt;app_name&gt; per conservarli.</translation>
     </message>
+    <message id="Block traffic outside the VPN">
+        <source>Block traffic outside the VPN</source>
+        <extracomment>Settings switch; saved as soon as it is clicked</extracomment>
+        <translation>Blocca il traffico fuori dalla VPN</translation>
+    </message>
+    <message id="Traffic outside the VPN is blocked">
+        <source>Traffic outside the VPN is blocked</source>
+        <extracomment>Home screen line while the kill switch blocks traffic</extracomment>
+        <translation>Il traffico fuori dalla VPN è bloccato</translation>
+    </message>
 </context>
 </TS>

@@ -328,5 +328,15 @@
         <extracomment>Start-up alert text under either keyring title; %@ is the keyring's own reason</extracomment>
         <translation>&lt;app_name&gt; beholder ikke denne enhetens identitet og VPN-påloggingen din etter at programmet avsluttes (%@). Lås opp nøkkelringen og start &lt;app_name&gt; på nytt for å beholde dem.</translation>
     </message>
+    <message id="Block traffic outside the VPN">
+        <source>Block traffic outside the VPN</source>
+        <extracomment>Settings switch; saved as soon as it is clicked</extracomment>
+        <translation>Blokker trafikk utenfor VPN</translation>
+    </message>
+    <message id="Traffic outside the VPN is blocked">
+        <source>Traffic outside the VPN is blocked</source>
+        <extracomment>Home screen line while the kill switch blocks traffic</extracomment>
+        <translation>Trafikk utenfor VPN er blokkert</translation>
+    </message>
 </context>
 </TS>

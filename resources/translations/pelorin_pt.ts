@@ -328,5 +328,15 @@
         <extracomment>Start-up alert text under either keyring title; %@ is the keyring's own reason</extracomment>
         <translation>O &lt;app_name&gt; não vai manter a identidade deste dispositivo nem seu login da VPN depois de fechado (%@). Desbloqueie o chaveiro e inicie o &lt;app_name&gt; de novo para mantê-los.</translation>
     </message>
+    <message id="Block traffic outside the VPN">
+        <source>Block traffic outside the VPN</source>
+        <extracomment>Settings switch; saved as soon as it is clicked</extracomment>
+        <translation>Bloquear o tráfego fora da VPN</translation>
+    </message>
+    <message id="Traffic outside the VPN is blocked">
+        <source>Traffic outside the VPN is blocked</source>
+        <extracomment>Home screen line while the kill switch blocks traffic</extracomment>
+        <translation>O tráfego fora da VPN está bloqueado</translation>
+    </message>
 </context>
 </TS>

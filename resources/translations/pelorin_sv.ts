@@ -328,5 +328,15 @@
         <extracomment>Start-up alert text under either keyring title; %@ is the keyring's own reason</extracomment>
         <translation>&lt;app_name&gt; behåller inte enhetens identitet och din VPN-inloggning när programmet avslutas (%@). Lås upp nyckelringen och starta &lt;app_name&gt; igen för att behålla dem.</translation>
     </message>
+    <message id="Block traffic outside the VPN">
+        <source>Block traffic outside the VPN</source>
+        <extracomment>Settings switch; saved as soon as it is clicked</extracomment>
+        <translation>Blockera trafik utanför VPN</translation>
+    </message>
+    <message id="Traffic outside the VPN is blocked">
+        <source>Traffic outside the VPN is blocked</source>
+        <extracomment>Home screen line while the kill switch blocks traffic</extracomment>
+        <translation>Trafik utanför VPN är blockerad</translation>
+    </message>
 </context>
 </TS>

@@ -89,6 +89,8 @@ GuiSession::~GuiSession()
 
 void GuiSession::start()
 {
+    // A block a killed tunnel client (or this program) left would keep the network shut.
+    NQVPNManager::sharedManager().clearKillSwitchLeftBehind();
     d->delegate.applicationDidFinishLaunching();
 }
 

@@ -168,6 +168,8 @@ void HeadlessRunner::start()
         return;
     }
     d->err << "Starting up..." << Qt::endl;
+    // A block a killed tunnel client (or this program) left would keep the network shut.
+    NQVPNManager::sharedManager().clearKillSwitchLeftBehind();
     d->delegate.applicationDidFinishLaunching();
 }
 
@@ -198,6 +200,8 @@ void HeadlessRunner::command(const QString &line)
     } else if (word == QLatin1String("status")) {
         const int state = AppStorageManager::sharedManager().getVPNStatus();
         d->out << "State: " << state << " " << stateName(state) << Qt::endl;
+        if (NQVPNManager::sharedManager().trafficBlocked())
+            d->out << "Traffic outside the VPN: blocked" << Qt::endl;
     } else if (!word.isEmpty()) {
         d->err << "Unknown command '" << word << "' (status, disconnect, quit)" << Qt::endl;
     }

@@ -60,6 +60,24 @@ void HomeMainPanelVC::viewDidLoad()
     // exactly when a cluster is chosen.
     change([](MainPanelDisplay &d) { d.buttonEnabled = false; });
     initVPN();
+    // Said whenever the client's block holds, whatever the state says: also while a lost
+    // tunnel is being restored.
+    QPointer<HomeMainPanelVC> self(this);
+    m_services.vpn.setOnTrafficBlockedChange([self](bool blocked) {
+        MainQueue::async([self, blocked] {
+            if (self)
+                self->showTrafficBlocked(blocked);
+        });
+    });
+    showTrafficBlocked(m_services.vpn.trafficBlocked());
+}
+
+void HomeMainPanelVC::showTrafficBlocked(bool blocked)
+{
+    change([blocked](MainPanelDisplay &d) {
+        d.labelTrafficBlocked =
+            blocked ? UiText::forKey(QStringLiteral("Traffic outside the VPN is blocked")) : QString();
+    });
 }
 
 void HomeMainPanelVC::notificationsSubscribe()

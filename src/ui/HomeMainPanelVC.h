@@ -79,6 +79,7 @@ signals:
 private:
     void notificationsSubscribe();
     void onMain(std::function<void(HomeMainPanelVC &)> work);
+    void showTrafficBlocked(bool blocked);
     void change(const std::function<void(MainPanelDisplay &)> &edit);
     void setButtonTitle(MainPanelDisplay &d, const QString &key);
     QString flagOrUnknown(const QString &code) const;

@@ -15,6 +15,8 @@ struct MainPanelDisplay {
     bool buttonEnabled = false;
 
     QString labelState;
+    // Said while the tunnel client blocks traffic outside the tunnel; empty otherwise.
+    QString labelTrafficBlocked;
 
     QString labelLocation;
     QString locationFlag; // image path; null shows no flag

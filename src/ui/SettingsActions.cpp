@@ -5,6 +5,7 @@
 #include "ui/ChromeLauncher.h"
 #include "ui/ExtensionControl.h"
 #include "ui/SettingsVC.h"
+#include "ui/VpnEngine.h"
 
 #include <QPointer>
 
@@ -112,4 +113,11 @@ void SettingsVC::openGoogleChrome()
     request.message = error->localizedDescription();
     request.buttons = {{QStringLiteral("Ok"), AlertPresenter::kDefaultButtonTag}};
     m_services.alerts.runModal(request, [](long) {});
+}
+
+void SettingsVC::clickKillSwitch(bool on)
+{
+    m_services.vpn.setKillSwitchEnabled(on);
+    switchKillSwitch.on = m_services.vpn.killSwitchEnabled();
+    emit changed();
 }

@@ -73,6 +73,7 @@ void SettingsVC::loadFromUserDefaults()
     load(switchStartup, m_currentStartup, storage.appAutorunEnabled());
     load(switchExitOnClose, m_currentExitOnClose, storage.appExitOnClose());
     load(switchAutoupdate, m_currentAutoupdate, storage.autoupdate());
+    switchKillSwitch.on = m_services.vpn.killSwitchEnabled();
     m_languageTitle = UiText::appLanguageName();
     emit changed();
 }

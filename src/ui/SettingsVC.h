@@ -32,6 +32,9 @@ public:
     SettingsSwitch switchExitOnClose;
     SettingsSwitch switchAutoupdate;
     SettingsSwitch switchAutocheckUpdate{false, false};
+    // Saved the moment it is clicked, outside Apply: it guards the network, so what the
+    // switch shows is what holds.
+    SettingsSwitch switchKillSwitch;
 
     QString buttonLanguagesTitle() const { return m_languageTitle; }
     bool languageListVisible() const { return m_languageListVisible; }
@@ -51,6 +54,7 @@ public:
     void clickRunStartup(bool on);
     void clickExitClose(bool on);
     void clickAutoUpdate(bool on);
+    void clickKillSwitch(bool on);
     void clickLangauge();
     void clickApply();
     void clickClose();

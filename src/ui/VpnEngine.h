@@ -38,4 +38,12 @@ public:
     // Path of the flag image for an ISO code; "flag_unknown" for a null code or "Unknown",
     // null when there is no image for the code.
     virtual QString flagForCountryCode(const QString &code) const = 0;
+
+    // Blocking traffic outside the tunnel: the setting, saved as it changes (off lifts a block
+    // at once), and whether traffic is blocked now. The callback may come on any thread.
+    using BlockedCallback = std::function<void(bool blocked)>;
+    virtual bool killSwitchEnabled() const = 0;
+    virtual void setKillSwitchEnabled(bool on) = 0;
+    virtual bool trafficBlocked() const = 0;
+    virtual void setOnTrafficBlockedChange(BlockedCallback callback) = 0;
 };

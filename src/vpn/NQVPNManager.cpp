@@ -4,6 +4,7 @@
 #include "foundation/EventNames.h"
 #include "foundation/Log.h"
 #include "platform/Platform.h"
+#include "vpn/TrafficBlock.h"
 #include "vpn/TunnelProcess.h"
 #include "vpn/TunnelStateReporter.h"
 
@@ -16,7 +17,8 @@ NQVPNManager *g_shared = nullptr;
 
 NQVPNManager::NQVPNManager()
     : m_files([] { return Platform::instance().temporaryDirectory(); }),
-      m_reporter(std::make_shared<TunnelStateReporter>()), m_process(std::make_unique<TunnelProcess>())
+      m_reporter(std::make_shared<TunnelStateReporter>()), m_process(std::make_unique<TunnelProcess>()),
+      m_block(std::make_shared<TrafficBlock>())
 {
 }
 

@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 
+class TrafficBlock;
 class TunnelProcess;
 class TunnelStateReporter;
 
@@ -91,6 +92,32 @@ public:
     using ClientEndCallback = std::function<void(const TunnelClientEnd &end)>;
     void setOnClientEnded(ClientEndCallback callback);
 
+    // --- Blocking traffic outside the tunnel (the client's own firewall table)
+    // The setting, saved as it changes (no Apply): it takes effect at the next connect.
+    static constexpr auto kKillSwitchKey = "BlockTrafficOutsideVpn";
+    // Set while a table of ours may be in place; the next program start clears it.
+    static constexpr auto kKillSwitchLeftKey = "BlockTrafficOutsideVpnMayBeLeft";
+    static constexpr auto kKillSwitchFlag = "--kill-switch";
+    static constexpr auto kClearKillSwitchFlag = "--clear-kill-switch";
+    bool killSwitchEnabled() const;
+    // Turning it off lifts a block in place at once, even under a running tunnel.
+    void setKillSwitchEnabled(bool on);
+    // True while the client says its table is in place (also between two runs, see below).
+    bool trafficBlocked() const;
+    // Called on any thread when trafficBlocked changes.
+    void setOnTrafficBlockedChange(std::function<void(bool blocked)> callback);
+    // A client that lost its tunnel leaves the block in place for the next run; unless an
+    // owner that is reconnecting holds it, the engine lifts it when that client ends.
+    // stopVPNConnection lets go of the hold and lifts the block.
+    void setHoldBlockBetweenRuns(bool hold);
+    // At program start: lifts a block a killed client or program left, when the switch is on
+    // or a block may be left. Blocks the caller (bounded like the kill by name).
+    void clearKillSwitchLeftBehind();
+    // Runs the client's clear through sudo; true when it succeeded.
+    bool clearKillSwitch();
+    // The same on any thread, without touching the manager.
+    static bool runClearKillSwitch(int timeoutMs);
+
     // --- Keychain helpers (not used by the rest of the application)
     void savePasswordToKeychain(const QString &password);
     QString retrievePasswordFromKeychain();
@@ -103,6 +130,7 @@ private:
     TunnelProfileFiles m_files;
     std::shared_ptr<TunnelStateReporter> m_reporter;
     std::unique_ptr<TunnelProcess> m_process;
+    std::shared_ptr<TrafficBlock> m_block;
     int m_killByNameTimeoutMs = kKillByNameTimeoutMs;
     // Replies that arrive after the manager is gone only reach their completion.
     std::shared_ptr<char> m_alive = std::make_shared<char>();

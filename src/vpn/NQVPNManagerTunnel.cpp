@@ -4,6 +4,7 @@
 #include "foundation/AppStorageManager.h"
 #include "foundation/Log.h"
 #include "platform/Platform.h"
+#include "vpn/TrafficBlock.h"
 #include "vpn/TunnelOutputParser.h"
 #include "vpn/TunnelProcess.h"
 #include "vpn/TunnelStateReporter.h"
@@ -34,14 +35,22 @@ struct LaunchRecord {
     bool clientSpoke = false;     // a line of the client itself has arrived
     bool finalMarkerSeen = false; // the output has reported the end (state 1)
     QString earlyOutput;          // what came before the client spoke (sudo's words)
+    bool blockLeft = false;       // the client's table may be in place
 };
 
-void handleOutput(const std::weak_ptr<TunnelStateReporter> &weakReporter, LaunchRecord &record, const QByteArray &bytes)
+void handleOutput(const std::weak_ptr<TunnelStateReporter> &weakReporter, const std::weak_ptr<TrafficBlock> &weakBlock,
+                  LaunchRecord &record, const QByteArray &bytes)
 {
     const auto chunk = TunnelOutputParser::parse(bytes);
     if (!chunk)
         return;
     log(QStringLiteral("Output: %1").arg(chunk->text));
+    if (const auto blocked = TrafficBlock::announced(chunk->text)) {
+        record.blockLeft = *blocked;
+        const auto reporter = weakReporter.lock();
+        if (const auto block = weakBlock.lock(); block && reporter && reporter->isCurrent(record.launch))
+            block->setBlocked(*blocked);
+    }
     if (chunk->text.contains(QLatin1String(NQVPNManager::kClientName) + QLatin1Char(':')))
         record.clientSpoke = true;
     else if (!record.clientSpoke && record.earlyOutput.size() < TunnelClientEnd::kMaxDetailChars)
@@ -100,13 +109,20 @@ void NQVPNManager::startVPNConnectionWithConfigContent(const QString &content, c
     auto record = std::make_shared<LaunchRecord>();
     record->launch = m_reporter->nextLaunch();
     m_reporter->report(VpnStateConnecting);
+    const bool killSwitch = killSwitchEnabled();
+    if (killSwitch)
+        AppStorageManager::sharedManager().setValue(QLatin1String(kKillSwitchLeftKey), true);
     const std::weak_ptr<TunnelStateReporter> weakReporter = m_reporter;
+    const std::weak_ptr<TrafficBlock> weakBlock = m_block;
     TunnelProcess::Handlers handlers;
-    handlers.onOutput = [weakReporter, record](const QByteArray &chunk) { handleOutput(weakReporter, *record, chunk); };
+    handlers.onOutput = [weakReporter, weakBlock, record](const QByteArray &chunk) {
+        handleOutput(weakReporter, weakBlock, *record, chunk);
+    };
     // The exit itself changes no state: the last output chunk has said what happened. A run
     // whose output never said it (sudo refused, the client was killed) is handed to the
     // owner, who tells the user and stops.
-    handlers.onTerminated = [weakReporter, record](int exitStatus, const QByteArray &remaining) {
+    handlers.onTerminated = [weakReporter, weakBlock, record,
+                             timeoutMs = m_killByNameTimeoutMs](int exitStatus, const QByteArray &remaining) {
         log(QStringLiteral("OpenVPN process terminated with exit code: %1").arg(exitStatus));
         const QString rest = QString::fromUtf8(remaining);
         if (!rest.isEmpty())
@@ -114,6 +130,13 @@ void NQVPNManager::startVPNConnectionWithConfigContent(const QString &content, c
         const auto reporter = weakReporter.lock();
         if (!reporter || !reporter->isCurrent(record->launch))
             return;
+        // A client that was killed, or lost its tunnel, may have left its table: lifted here
+        // unless a reconnect holds it.
+        if (const auto block = weakBlock.lock(); block && record->blockLeft && !block->holdBetweenRuns) {
+            log(QStringLiteral("The tunnel client ended with traffic blocked; lifting the block"));
+            if (runClearKillSwitch(timeoutMs))
+                block->setBlocked(false);
+        }
         const auto end =
             TunnelClientEnd::classify(record->finalMarkerSeen, record->clientSpoke, exitStatus, record->earlyOutput);
         if (end) {
@@ -121,7 +144,11 @@ void NQVPNManager::startVPNConnectionWithConfigContent(const QString &content, c
             reporter->reportClientEnd(*end);
         }
     };
-    const auto launch = m_process->launch(platform.sudoPath(), {clientPath, profilePath}, std::move(handlers));
+    QStringList arguments{clientPath};
+    if (killSwitch)
+        arguments << QLatin1String(kKillSwitchFlag);
+    arguments << profilePath;
+    const auto launch = m_process->launch(platform.sudoPath(), arguments, std::move(handlers));
     if (launch.pid == 0) {
         // The state stays "connecting": the user cancels, which stops and resets it.
         log(QStringLiteral("Failed to start OpenVPN with sudo: %1").arg(launch.failureReason));
@@ -145,6 +172,11 @@ void NQVPNManager::stopVPNConnection()
     m_currentCountry.reset();
     m_files.removeFile(QLatin1String(TunnelProfileFiles::kStateFileName));
     disconnectAllVPNConnections();
+    m_block->holdBetweenRuns = false;
+    // The stopped client lifts its own block; one left by a client that ended earlier is
+    // lifted here.
+    if (m_block->blocked())
+        clearKillSwitch();
 }
 
 void NQVPNManager::disconnectAllVPNConnections()

@@ -67,6 +67,13 @@ public:
             return QStringLiteral("flags/flag_unknown.svg");
         return knownFlags.contains(code.toLower()) ? QStringLiteral("flags/%1.svg").arg(code.toLower()) : QString();
     }
+    bool killSwitch = false;
+    bool blocked = false;
+    BlockedCallback blockedCallback;
+    bool killSwitchEnabled() const override { return killSwitch; }
+    void setKillSwitchEnabled(bool on) override { killSwitch = on; }
+    bool trafficBlocked() const override { return blocked; }
+    void setOnTrafficBlockedChange(BlockedCallback cb) override { blockedCallback = std::move(cb); }
 };
 
 class FakeLocation : public LocationLookup {

@@ -354,6 +354,20 @@ private slots:
                                       "NT_HIDE_CONTEXT", "NT_HIDE_UPDATE"}));
         bus.removeObserver(this);
     }
+
+    // Said from the engine's word at load and at every change, whatever the tunnel state.
+    void trafficBlockedLineFollowsTheEngine()
+    {
+        m_fx->vpn.blocked = true;
+        m_panel->viewDidLoad();
+        flush();
+        QCOMPARE(m_panel->display().labelTrafficBlocked, text("Traffic outside the VPN is blocked"));
+        for (const bool blocked : {false, true}) {
+            m_fx->vpn.blockedCallback(blocked);
+            flush();
+            QCOMPARE(m_panel->display().labelTrafficBlocked.isEmpty(), !blocked);
+        }
+    }
 };
 
 QTEST_GUILESS_MAIN(TstMainPanel)

@@ -176,6 +176,17 @@ private slots:
         flush();
         QCOMPARE(m_restarts, 1);
     }
+
+    // Saved at once, both ways, and never waits for Apply.
+    void killSwitchIsSavedWhenClicked()
+    {
+        for (const bool on : {true, false}) {
+            m_vc->clickKillSwitch(on);
+            QCOMPARE(m_fx->vpn.killSwitch, on);
+            QCOMPARE(m_vc->switchKillSwitch.on, on);
+            QVERIFY(!m_vc->buttonApplyEnabled());
+        }
+    }
 };
 
 QTEST_GUILESS_MAIN(TstSettings)

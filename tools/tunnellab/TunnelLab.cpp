@@ -98,7 +98,7 @@ TunnelLab::~TunnelLab()
 {
     // Client side first, so nothing keeps trying to reach a server that is going away.
     run({QStringLiteral("pkill"), QStringLiteral("-KILL"), QStringLiteral("-f"),
-         QStringLiteral("^%1/ovpncli %2/").arg(helpersDirectory(), root())});
+         QStringLiteral("^%1/ovpncli (--kill-switch )?%2/").arg(helpersDirectory(), root())});
     run({QStringLiteral("pkill"), QStringLiteral("-KILL"), QStringLiteral("-f"),
          QStringLiteral("openvpn --config %1/").arg(clientTemporaryDirectory())});
     stopProcess(m_server);
@@ -134,11 +134,11 @@ bool TunnelLab::setUp(QString *why)
 
 void TunnelLab::writeSudo() const
 {
-    // The product runs "<sudo> <client> <profile>" and "<sudo> pkill ovpncli". The client goes
+    // The product runs "<sudo> <client> [--kill-switch] <profile>" and "<sudo> pkill ovpncli". The client goes
     // into the client namespace; the kill by name is kept to this lab's own clients.
     writeText(sudoPath(),
               QStringLiteral("#!/bin/sh\n"
-                             "if [ \"$1\" = pkill ]; then exec pkill -f \"^%1/$2 %2/\"; fi\n"
+                             "if [ \"$1\" = pkill ]; then exec pkill -f \"^%1/$2 (--kill-switch )?%2/\"; fi\n"
                              "exec ip netns exec %3 \"$@\"\n")
                   .arg(helpersDirectory(), root(), m_clientNs)
                   .toUtf8(),
@@ -182,6 +182,7 @@ bool TunnelLab::makeNetwork(QString *why)
         {ip, "link", "set", clientIf, "netns", m_clientNs},
         {ip, "-n", m_serverNs, "addr", "add", QStringLiteral("%1/24").arg(kServerLinkAddress), "dev", serverIf},
         {ip, "-n", m_clientNs, "addr", "add", QStringLiteral("%1/24").arg(kClientLinkAddress), "dev", clientIf},
+        {ip, "-n", m_serverNs, "addr", "add", QStringLiteral("%1/24").arg(kOutsideAddress), "dev", serverIf},
         {ip, "-n", m_serverNs, "link", "set", serverIf, "up"},
         {ip, "-n", m_clientNs, "link", "set", clientIf, "up"},
         {ip, "-n", m_serverNs, "link", "set", "lo", "up"},
@@ -262,7 +263,7 @@ QStringList TunnelLab::clientProcesses() const
     QString out;
     QString more;
     run({QStringLiteral("pgrep"), QStringLiteral("-a"), QStringLiteral("-f"),
-         QStringLiteral("^%1/ovpncli %2/").arg(helpersDirectory(), root())},
+         QStringLiteral("^%1/ovpncli (--kill-switch )?%2/").arg(helpersDirectory(), root())},
         &out);
     run({QStringLiteral("pgrep"), QStringLiteral("-a"), QStringLiteral("-f"),
          QStringLiteral("openvpn --config %1/").arg(clientTemporaryDirectory())},

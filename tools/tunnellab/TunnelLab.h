@@ -18,6 +18,8 @@ public:
     static constexpr auto kServerTunnelAddress = "10.232.0.1";
     // The server namespace's end of the link between the two namespaces.
     static constexpr auto kServerLinkAddress = "10.231.0.1";
+    // A host beside the VPN server, reachable from the client namespace without the tunnel.
+    static constexpr auto kOutsideAddress = "10.231.0.3";
 
     // Why this machine cannot run the lab (not root, no /dev/net/tun, no namespaces, no
     // openvpn or openssl); an empty string when it can.

@@ -78,6 +78,7 @@ int main(int argc, char *argv[])
     print("SERVER_NS", lab.serverNamespace());
     print("SERVER_LINK_ADDRESS", QLatin1String(TunnelLab::kServerLinkAddress));
     print("SERVER_TUNNEL_ADDRESS", QLatin1String(TunnelLab::kServerTunnelAddress));
+    print("OUTSIDE_ADDRESS", QLatin1String(TunnelLab::kOutsideAddress));
     std::printf("READY\n");
     std::fflush(stdout);
 

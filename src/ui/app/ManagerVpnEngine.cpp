@@ -72,3 +72,23 @@ QString ManagerVpnEngine::flagForCountryCode(const QString &code) const
 {
     return FlagUtils::defaultInstance().getFlagForCountryCode(code);
 }
+
+bool ManagerVpnEngine::killSwitchEnabled() const
+{
+    return m_manager.killSwitchEnabled();
+}
+
+void ManagerVpnEngine::setKillSwitchEnabled(bool on)
+{
+    m_manager.setKillSwitchEnabled(on);
+}
+
+bool ManagerVpnEngine::trafficBlocked() const
+{
+    return m_manager.trafficBlocked();
+}
+
+void ManagerVpnEngine::setOnTrafficBlockedChange(BlockedCallback callback)
+{
+    m_manager.setOnTrafficBlockedChange(std::move(callback));
+}

@@ -23,6 +23,10 @@ public:
     bool hasConnectionStateCallback() const override { return m_callback != nullptr; }
     void setOnConnectionStateChange(StateCallback callback) override;
     QString flagForCountryCode(const QString &code) const override;
+    bool killSwitchEnabled() const override;
+    void setKillSwitchEnabled(bool on) override;
+    bool trafficBlocked() const override;
+    void setOnTrafficBlockedChange(BlockedCallback callback) override;
 
 private:
     NQVPNManager &m_manager;

@@ -169,6 +169,13 @@ int main(int argc, char **argv)
     for (int i = 0; i < 3725; ++i)
         home.panel().timerUpdateSessionDuration();
     shoot(home, QStringLiteral("connected"));
+    if (vpn.blockedCallback) {
+        vpn.blockedCallback(true);
+        settle();
+        shoot(home, QStringLiteral("connected-blocked"));
+        vpn.blockedCallback(false);
+        settle();
+    }
 
     // The keyboard focus ring on each kind of control.
     home.activateWindow();

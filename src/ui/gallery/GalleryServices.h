@@ -31,6 +31,13 @@ struct GalleryVpn : VpnEngine {
     {
         return FlagUtils::defaultInstance().getFlagForCountryCode(code);
     }
+    bool killSwitch = false;
+    bool blocked = false;
+    BlockedCallback blockedCallback;
+    bool killSwitchEnabled() const override { return killSwitch; }
+    void setKillSwitchEnabled(bool on) override { killSwitch = on; }
+    bool trafficBlocked() const override { return blocked; }
+    void setOnTrafficBlockedChange(BlockedCallback cb) override { blockedCallback = std::move(cb); }
 };
 
 struct GalleryLocation : LocationLookup {

@@ -44,6 +44,10 @@ MainPanelWidget::MainPanelWidget(HomeMainPanelVC &panel, ContextMenuView &menu, 
     top->addWidget(settings);
     top->addWidget(info);
     root->addLayout(top);
+    m_blocked = new QLabel(this);
+    m_blocked->setStyleSheet(QStringLiteral("color: #fbbf24;"));
+    m_blocked->setAccessibleName(QStringLiteral("Traffic blocked"));
+    root->addWidget(m_blocked);
 
     m_map = new MapWidget(this);
     m_map->setMinimumHeight(190);
@@ -105,6 +109,8 @@ void MainPanelWidget::render()
 {
     const MainPanelDisplay &d = m_panel.display();
     m_state->setText(d.labelState);
+    m_blocked->setText(d.labelTrafficBlocked);
+    m_blocked->setVisible(!d.labelTrafficBlocked.isEmpty());
     m_connect->setText(d.buttonTitle);
     // What a screen reader says is what the button does now: Connect, Cancel or Disconnect.
     m_connect->setAccessibleName(d.buttonTitle);

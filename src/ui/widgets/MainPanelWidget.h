@@ -26,6 +26,7 @@ private:
 
     HomeMainPanelVC &m_panel;
     FitLabel *m_state;
+    QLabel *m_blocked;
     MapWidget *m_map;
     FitLabel *m_overlay;
     ImageButton *m_connect;

@@ -38,6 +38,7 @@ SettingsWidget::SettingsWidget(SettingsVC &settings, QWidget *parent) : QWidget(
     const Row startup = addRow(grid, QStringLiteral("Start at login"));
     const Row exitClose = addRow(grid, QStringLiteral("Quit when window closes"));
     const Row autoupdate = addRow(grid, QStringLiteral("Update automatically"));
+    const Row killSwitch = addRow(grid, QStringLiteral("Block traffic outside the VPN"));
     m_languageCaption = new FitLabel(this);
     m_language = new QPushButton(this);
     m_language->setCursor(Qt::PointingHandCursor);
@@ -73,6 +74,7 @@ SettingsWidget::SettingsWidget(SettingsVC &settings, QWidget *parent) : QWidget(
     bind(startup, [this](bool on) { m_vc.clickRunStartup(on); });
     bind(exitClose, [this](bool on) { m_vc.clickExitClose(on); });
     bind(autoupdate, [this](bool on) { m_vc.clickAutoUpdate(on); });
+    bind(killSwitch, [this](bool on) { m_vc.clickKillSwitch(on); });
     QObject::connect(close, &QPushButton::clicked, this, [this] { m_vc.clickClose(); });
     QObject::connect(m_language, &QPushButton::clicked, this, [this] { m_vc.clickLangauge(); });
     QObject::connect(m_apply, &QAbstractButton::clicked, this, [this] { m_vc.clickApply(); });
@@ -134,9 +136,9 @@ void SettingsWidget::placeLanguageList()
 void SettingsWidget::render()
 {
     m_title->setText(UiText::forKey(QStringLiteral("Settings")));
-    const QList<const SettingsSwitch *> switches{&m_vc.switchAdBlocking,  &m_vc.switchCompression,
-                                                 &m_vc.switchAutoconnect, &m_vc.switchStartup,
-                                                 &m_vc.switchExitOnClose, &m_vc.switchAutoupdate};
+    const QList<const SettingsSwitch *> switches{
+        &m_vc.switchAdBlocking,  &m_vc.switchCompression, &m_vc.switchAutoconnect, &m_vc.switchStartup,
+        &m_vc.switchExitOnClose, &m_vc.switchAutoupdate,  &m_vc.switchKillSwitch};
     for (int i = 0; i < m_rows.size(); ++i) {
         m_rows[i].caption->setText(UiText::forKey(m_rows[i].key));
         m_rows[i].caption->setVisible(switches[i]->present);
