@@ -58,6 +58,10 @@ private:
             socket->write(OpenVpnPing::request(session));
         });
         QObject::connect(socket, &QUdpSocket::readyRead, this, [socket, sent, session, finish] {
+            // Woken with nothing to read, the socket held an ICMP error (port or host
+            // unreachable), which Qt reads away without reporting it.
+            if (!socket->hasPendingDatagrams() && !socket->receiveDatagram().isValid())
+                return finish(std::nullopt);
             while (socket->hasPendingDatagrams()) {
                 if (OpenVpnPing::isReply(socket->receiveDatagram().data(), session)) {
                     // Whole milliseconds, rounded up: a reply under a millisecond reads 1 ms.
