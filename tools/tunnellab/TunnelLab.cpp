@@ -11,7 +11,6 @@
 
 namespace {
 // Addresses inside the two namespaces only; nothing outside them is ever contacted.
-constexpr auto kServerLinkAddress = "10.231.0.1";
 constexpr auto kClientLinkAddress = "10.231.0.2";
 constexpr auto kTunnelNetwork = "10.232.0.0";
 constexpr int kVpnPort = 1194;

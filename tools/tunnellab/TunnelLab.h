@@ -16,6 +16,8 @@ class TunnelLab {
 public:
     // Tunnel address of the server, reachable from the client namespace only through the tunnel.
     static constexpr auto kServerTunnelAddress = "10.232.0.1";
+    // The server's own address (the catalogue's serverAddress), reachable from the client namespace.
+    static constexpr auto kServerLinkAddress = "10.231.0.1";
 
     // Why this machine cannot run the lab (not root, no /dev/net/tun, no namespaces, no
     // openvpn or openssl); an empty string when it can.
