@@ -21,7 +21,9 @@
 
 namespace {
 constexpr int kRowHeight = 38;
-constexpr qreal kLatencyPointSize = 7.5;
+constexpr qreal kLatencyPointSize = 7.5; // a second line under the name, smaller than it
+// What the sort check box needs beside its text: margins, border, indicator and its gap.
+constexpr int kSortChromeWidth = 48;
 
 QString latencyText(const ServerLatencyProbe::Result &ms)
 {
@@ -204,7 +206,7 @@ void ClustersWidget::render()
         tab->setAccessibleName(tab->text());
     }
     m_sort->setText(UiText::forKey(QStringLiteral("Sort by latency")));
-    m_sort->setFont(UiStyle::fittedFont(font(), m_sort->text(), width() - 48));
+    m_sort->setFont(UiStyle::fittedFont(font(), m_sort->text(), width() - kSortChromeWidth));
     m_sort->setAccessibleName(m_sort->text());
     const bool favourites = m_vc.selectedTab() == ClustersVC::Favourites;
     m_tabAll->setChecked(!favourites);
