@@ -186,6 +186,8 @@ int main(int argc, char **argv)
     shoot(home, QStringLiteral("focus-connect-button"));
     focusNamed(home, QStringLiteral("Servers"));
     shoot(home, QStringLiteral("focus-server-list"));
+    focusNamed(home, UiText::forKey(QStringLiteral("Sort by latency")));
+    shoot(home, QStringLiteral("focus-sort-checkbox"));
     focusNamed(home, UiText::forKey(QStringLiteral("Settings")));
     shoot(home, QStringLiteral("focus-icon-button"));
 
