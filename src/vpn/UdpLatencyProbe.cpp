@@ -5,6 +5,7 @@
 
 #include <QElapsedTimer>
 #include <QNetworkDatagram>
+#include <QNetworkProxy>
 #include <QQueue>
 #include <QRandomGenerator>
 #include <QTimer>
@@ -40,6 +41,9 @@ private:
     {
         ++m_active;
         auto *socket = new QUdpSocket(this);
+        // The tunnel goes straight to the server, so does its probe; this also keeps the
+        // probe out of the system proxy lookup, which is not safe beside another thread's.
+        socket->setProxy(QNetworkProxy::NoProxy);
         auto *timeout = new QTimer(socket);
         auto sent = std::make_shared<QElapsedTimer>();
         const quint64 session = QRandomGenerator::system()->generate64();
