@@ -183,6 +183,26 @@
         <extracomment>Server list tab</extracomment>
         <translation>Favoritos</translation>
     </message>
+    <message id="Sort by latency">
+        <source>Sort by latency</source>
+        <extracomment>Server list: check box that orders the rows by latency</extracomment>
+        <translation>Ordenar por latencia</translation>
+    </message>
+    <message id="latency_ms">
+        <source>%@ ms</source>
+        <extracomment>Server list row: latency of the cluster's server in milliseconds</extracomment>
+        <translation>%@ ms</translation>
+    </message>
+    <message id="latency_description">
+        <source>Round-trip time %@ ms</source>
+        <extracomment>Server list row, read by screen readers: latency in milliseconds</extracomment>
+        <translation>Tiempo de respuesta %@ ms</translation>
+    </message>
+    <message id="latency_unknown_description">
+        <source>Round-trip time not measured or server unreachable</source>
+        <extracomment>Server list row, read by screen readers: no latency value</extracomment>
+        <translation>Tiempo de respuesta no medido o servidor inaccesible</translation>
+    </message>
     <message id="Language">
         <source>Language</source>
         <extracomment>Settings: interface language</extracomment>

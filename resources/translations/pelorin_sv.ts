@@ -183,6 +183,26 @@
         <extracomment>Server list tab</extracomment>
         <translation>Favoriter</translation>
     </message>
+    <message id="Sort by latency">
+        <source>Sort by latency</source>
+        <extracomment>Server list: check box that orders the rows by latency</extracomment>
+        <translation>Sortera efter latens</translation>
+    </message>
+    <message id="latency_ms">
+        <source>%@ ms</source>
+        <extracomment>Server list row: latency of the cluster's server in milliseconds</extracomment>
+        <translation>%@ ms</translation>
+    </message>
+    <message id="latency_description">
+        <source>Round-trip time %@ ms</source>
+        <extracomment>Server list row, read by screen readers: latency in milliseconds</extracomment>
+        <translation>Svarstid %@ ms</translation>
+    </message>
+    <message id="latency_unknown_description">
+        <source>Round-trip time not measured or server unreachable</source>
+        <extracomment>Server list row, read by screen readers: no latency value</extracomment>
+        <translation>Svarstiden är inte uppmätt eller servern går inte att nå</translation>
+    </message>
     <message id="Language">
         <source>Language</source>
         <extracomment>Settings: interface language</extracomment>

@@ -6,6 +6,9 @@
 #include "foundation/Log.h"
 #include "ui/VpnEngine.h"
 
+#include <algorithm>
+#include <climits>
+
 namespace {
 
 QList<NQVPNCountry> countriesFrom(const QVariant &value)
@@ -21,7 +24,12 @@ QList<NQVPNCountry> countriesFrom(const QVariant &value)
 
 } // namespace
 
-ClustersVC::ClustersVC(const UiServices &services, QObject *parent) : QObject(parent), m_services(services) {}
+ClustersVC::ClustersVC(const UiServices &services, QObject *parent) : ClustersVC(services, nullptr, parent) {}
+
+ClustersVC::ClustersVC(const UiServices &services, std::shared_ptr<ServerLatencyProbe> latency, QObject *parent)
+    : QObject(parent), m_services(services), m_latency(std::move(latency), [this] { emit changed(); })
+{
+}
 
 ClustersVC::~ClustersVC()
 {
@@ -72,6 +80,10 @@ void ClustersVC::setAllLocations(const QList<NQVPNCountry> &countries)
         records.append(std::make_shared<NQVPNCountry>(country));
     m_all.tableData = records;
     m_all.reloadData();
+    QStringList addresses;
+    for (const NQVPNCountry &country : countries)
+        addresses.append(country.serverAddress);
+    m_latency.setAddresses(addresses);
 }
 
 void ClustersVC::setOverlay(bool visible)
@@ -82,6 +94,7 @@ void ClustersVC::setOverlay(bool visible)
 
 void ClustersVC::viewDidAppear()
 {
+    m_latency.setShown(true);
     if (!m_selectedCountry)
         return;
     notificationClustersSelected(m_selectedCountry);
@@ -90,6 +103,35 @@ void ClustersVC::viewDidAppear()
     if (row >= 0)
         m_all.selectRow(row);
     emit changed();
+}
+
+void ClustersVC::viewDidDisappear()
+{
+    m_latency.setShown(false);
+}
+
+void ClustersVC::clickSortByLatency(bool on)
+{
+    m_sortByLatency = on;
+    emit changed();
+}
+
+ServerLatencyProbe::Result ClustersVC::latencyOf(const ClusterRecord &record) const
+{
+    return record ? m_latency.latency(record->serverAddress) : std::nullopt;
+}
+
+QList<int> ClustersVC::rowsInDisplayOrder() const
+{
+    const ClustersTableSource &source = m_selectedTab == Favourites ? m_favourites : m_all;
+    QList<int> rows;
+    for (int row = 0; row < source.numberOfRows(); ++row)
+        rows.append(row);
+    if (m_sortByLatency) {
+        const auto key = [&](int row) { return latencyOf(source.recordAt(row)).value_or(INT_MAX); };
+        std::stable_sort(rows.begin(), rows.end(), [&](int a, int b) { return key(a) < key(b); });
+    }
+    return rows;
 }
 
 void ClustersVC::clickTabAllLocations()

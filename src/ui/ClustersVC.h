@@ -2,6 +2,7 @@
 
 #include "ui/ClustersTableSource.h"
 #include "ui/ClustersTableSourceDelegate.h"
+#include "ui/ServerLatencyMonitor.h"
 #include "ui/UiServices.h"
 
 #include <QObject>
@@ -15,6 +16,8 @@ public:
     enum Tab : unsigned { AllLocations = 0, Favourites = 1 };
 
     explicit ClustersVC(const UiServices &services, QObject *parent = nullptr);
+    // With a probe, each cluster's latency is measured while the list is shown.
+    ClustersVC(const UiServices &services, std::shared_ptr<ServerLatencyProbe> latency, QObject *parent = nullptr);
     ~ClustersVC() override;
 
     unsigned selectedTab() const { return m_selectedTab; }
@@ -26,6 +29,7 @@ public:
 
     void viewDidLoad();
     void viewDidAppear();
+    void viewDidDisappear();
     void notificationsUnsubscribe();
 
     void clickTabAllLocations();
@@ -33,6 +37,13 @@ public:
     // A click on a row of the current tab (-1: into empty space) and on a row's star.
     void clickRow(int row);
     void clickFavourite(int row, bool on);
+    // Shows the rows by latency (fastest first, unmeasured last) or in catalogue order. Only
+    // the order shown changes: rows keep their numbers, and the rules above see the catalogue.
+    void clickSortByLatency(bool on);
+    bool sortByLatency() const { return m_sortByLatency; }
+    // Row numbers of the current tab in the order they are shown.
+    QList<int> rowsInDisplayOrder() const;
+    ServerLatencyProbe::Result latencyOf(const ClusterRecord &record) const;
 
     void refreshFavouritesFromSource(ClustersTableSource &source);
     void refreshSelectedClusterInAllTable();
@@ -60,4 +71,6 @@ private:
     ClustersTableSource m_all;
     ClustersTableSource m_favourites;
     bool m_loadingOverlay = true;
+    bool m_sortByLatency = false;
+    ServerLatencyMonitor m_latency;
 };

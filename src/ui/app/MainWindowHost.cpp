@@ -8,6 +8,7 @@
 #include "ui/widgets/HomeWidget.h"
 #include "ui/widgets/SplashWidget.h"
 #include "ui/widgets/UiStyle.h"
+#include "vpn/UdpLatencyProbe.h"
 
 #include <QApplication>
 #include <QMenu>
@@ -148,7 +149,7 @@ void MainWindowHost::openHome(const QString &title)
         m_splash->hide();
         m_splash->deleteLater();
     }
-    m_home = new HomeWidget(m_services, m_window);
+    m_home = new HomeWidget(m_services, m_window, std::make_shared<UdpLatencyProbe>());
     m_window->layout()->addWidget(m_home);
     QObject::connect(&m_home->home(), &HomeVC::closeRequested, m_window, [window = m_window] { window->close(); });
     QObject::connect(&m_home->home(), &HomeVC::minimizeRequested, this, [this] { miniaturizeMainWindow(); });

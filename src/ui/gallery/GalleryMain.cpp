@@ -1,8 +1,8 @@
 // pelorin_ui_gallery --out DIR [--lang CODE]: draws the splash, the home screen in its
-// states, the server list tabs, the settings with the language list open, the About view,
-// the update panel and an alert into DIR/<lang>-<name>.png. Every shown one-line text is
-// checked against the width of its control; a clipped one is reported and the exit status
-// is 1.
+// states, the server list tabs and its latency order, the settings with the language list
+// open, the About view, the update panel and an alert into DIR/<lang>-<name>.png. Every
+// shown one-line text is checked against the width of its control; a clipped one is
+// reported and the exit status is 1.
 #include "GalleryServices.h"
 
 #include "foundation/AppStorageManager.h"
@@ -151,12 +151,22 @@ int main(int argc, char **argv)
     shoot(splash, QStringLiteral("splash"));
     splash.hide();
 
-    HomeWidget home(services);
+    // Clusters 7 and 9 do not answer.
+    auto latency = std::make_shared<GalleryLatency>();
+    const int milliseconds[] = {24, 38, 52, 118, 196, 243, 0, 287, 0, 154};
+    for (const NQVPNCountry &c : std::as_const(vpn.countries))
+        if (const int ms = milliseconds[c.countryId - 1])
+            latency->milliseconds.insert(c.serverAddress, ms);
+
+    HomeWidget home(services, nullptr, latency);
     home.setWindowTitle(UiText::forKey(QStringLiteral("<app_name>")));
     home.show();
     EventBus::defaultCenter().post(Events::NOTIFICATION_CLUSTERS_LOADED,
                                    {{Events::NQVpnKeyClustersArray, QVariant::fromValue(vpn.countries)}});
     shoot(home, QStringLiteral("disconnected"));
+    home.clusters().clickSortByLatency(true);
+    shoot(home, QStringLiteral("sorted-by-latency"));
+    home.clusters().clickSortByLatency(false);
 
     home.clusters().clickRow(2); // Ukraine
     home.panel().clickConnect();
@@ -183,6 +193,8 @@ int main(int argc, char **argv)
     shoot(home, QStringLiteral("focus-connect-button"));
     focusNamed(home, QStringLiteral("Servers"));
     shoot(home, QStringLiteral("focus-server-list"));
+    focusNamed(home, UiText::forKey(QStringLiteral("Sort by latency")));
+    shoot(home, QStringLiteral("focus-sort-checkbox"));
     focusNamed(home, UiText::forKey(QStringLiteral("Settings")));
     shoot(home, QStringLiteral("focus-icon-button"));
 

@@ -2,6 +2,7 @@
 
 // Canned collaborators for drawing the screens in chosen states. They answer what the
 // gallery tells them; nothing here is used by the application.
+#include "foundation/MainQueue.h"
 #include "shell/UrlOpener.h"
 #include "ui/ChromeLauncher.h"
 #include "ui/ExtensionControl.h"
@@ -10,7 +11,9 @@
 #include "ui/UpdateService.h"
 #include "ui/VpnEngine.h"
 #include "vpn/FlagUtils.h"
+#include "vpn/ServerLatencyProbe.h"
 
+#include <QHash>
 #include <QList>
 
 struct GalleryVpn : VpnEngine {
@@ -67,4 +70,15 @@ struct GalleryUpdates : UpdateService {
     bool available = false;
     void checkForUpdateWithCompletion(std::function<void(bool)> completion) override { completion(available); }
     void downloadAndInstallPKG() override {}
+};
+// Answers as a server would, a moment later; addresses it does not know stay unanswered.
+struct GalleryLatency : ServerLatencyProbe {
+    QHash<QString, int> milliseconds;
+    void measure(const QStringList &addresses, Each each) override
+    {
+        for (const QString &address : addresses) {
+            const Result result = milliseconds.contains(address) ? Result(milliseconds.value(address)) : std::nullopt;
+            MainQueue::async([each, address, result] { each(address, result); });
+        }
+    }
 };

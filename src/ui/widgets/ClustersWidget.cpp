@@ -7,6 +7,7 @@
 #include "ui/widgets/FitLabel.h"
 #include "ui/widgets/UiStyle.h"
 
+#include <QCheckBox>
 #include <QHBoxLayout>
 #include <QKeyEvent>
 #include <QLabel>
@@ -20,12 +21,32 @@
 
 namespace {
 constexpr int kRowHeight = 38;
+constexpr qreal kLatencyPointSize = 7.5; // a second line under the name, smaller than it
+// What the sort check box needs beside its text: margins, border, indicator and its gap.
+constexpr int kSortChromeWidth = 48;
+
+QString latencyText(const ServerLatencyProbe::Result &ms)
+{
+    return ms ? UiText::forKey(QStringLiteral("latency_ms")).replace(QLatin1String("%@"), QString::number(*ms))
+              : QStringLiteral("\u2014");
+}
+
+QString latencyDescription(const ServerLatencyProbe::Result &ms)
+{
+    return ms ? UiText::forKey(QStringLiteral("latency_description")).replace(QLatin1String("%@"), QString::number(*ms))
+              : UiText::forKey(QStringLiteral("latency_unknown_description"));
+}
 } // namespace
 
 ClustersWidget::ClustersWidget(ClustersVC &clusters, QWidget *parent) : QWidget(parent), m_vc(clusters)
 {
     setAttribute(Qt::WA_StyledBackground);
-    setStyleSheet(QStringLiteral("ClustersWidget { background: #16253b; }"));
+    setStyleSheet(QStringLiteral(
+        "ClustersWidget { background: #16253b; }"
+        "QCheckBox { border: 2px solid transparent; border-radius: 4px; padding: 1px 2px; }"
+        "QCheckBox:focus { border-color: #ffd166; }"
+        "QCheckBox::indicator { width: 11px; height: 11px; border: 1px solid #8da2bd; border-radius: 3px; }"
+        "QCheckBox::indicator:checked { background: #2dd4bf; border-color: #2dd4bf; }"));
     auto *root = new QVBoxLayout(this);
     root->setContentsMargins(0, 0, 0, 0);
     root->setSpacing(0);
@@ -40,6 +61,16 @@ ClustersWidget::ClustersWidget(ClustersVC &clusters, QWidget *parent) : QWidget(
         tabs->addWidget(tab, 1);
     }
     root->addLayout(tabs);
+    m_sort = new QCheckBox(this);
+    m_sort->setProperty("muted", true);
+    auto *sortRow = new QHBoxLayout;
+    sortRow->setContentsMargins(6, 0, 8, 2);
+    sortRow->addWidget(m_sort);
+    root->addLayout(sortRow);
+    QObject::connect(m_sort, &QCheckBox::toggled, this, [this](bool on) {
+        if (!m_rendering)
+            m_vc.clickSortByLatency(on);
+    });
     m_list = new QListWidget(this);
     m_list->setSelectionMode(QAbstractItemView::SingleSelection);
     m_list->setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
@@ -49,7 +80,7 @@ ClustersWidget::ClustersWidget(ClustersVC &clusters, QWidget *parent) : QWidget(
     m_list->setAccessibleName(QStringLiteral("Servers"));
     QObject::connect(m_list, &QListWidget::currentRowChanged, this, [this](int row) {
         if (!m_rendering && row >= 0)
-            m_vc.clickRow(row);
+            m_vc.clickRow(rowAt(row));
     });
     root->addWidget(m_list, 1);
     m_overlay = new QLabel(this); // dims the list and takes its clicks while busy
@@ -68,12 +99,12 @@ bool ClustersWidget::eventFilter(QObject *watched, QEvent *event)
     if (watched == m_list->viewport() && event->type() == QEvent::MouseButtonPress) {
         const auto *mouse = static_cast<QMouseEvent *>(event);
         const QListWidgetItem *item = m_list->itemAt(mouse->position().toPoint());
-        m_vc.clickRow(item ? m_list->row(item) : -1);
+        m_vc.clickRow(item ? rowAt(m_list->row(item)) : -1);
         return true;
     }
     if (watched == m_list && event->type() == QEvent::KeyPress) {
         const int key = static_cast<QKeyEvent *>(event)->key();
-        const int row = m_list->currentRow();
+        const int row = rowAt(m_list->currentRow());
         if (row >= 0 && (key == Qt::Key_Return || key == Qt::Key_Enter)) {
             m_vc.clickRow(row);
             return true;
@@ -90,6 +121,18 @@ void ClustersWidget::showEvent(QShowEvent *event)
 {
     QWidget::showEvent(event);
     m_vc.viewDidAppear(); // the choice is announced again whenever the list comes into view
+}
+
+void ClustersWidget::hideEvent(QHideEvent *event)
+{
+    QWidget::hideEvent(event);
+    m_vc.viewDidDisappear();
+}
+
+int ClustersWidget::rowAt(int position) const
+{
+    const QListWidgetItem *item = m_list->item(position);
+    return item ? item->data(Qt::UserRole).toInt() : -1;
 }
 
 void ClustersWidget::resizeEvent(QResizeEvent *event)
@@ -117,6 +160,17 @@ QWidget *ClustersWidget::makeRow(int row)
     flag->setPixmap(UiStyle::pixmap(flagPath, flag->size(), devicePixelRatioF()));
     auto *name = new FitLabel(cell);
     name->setText(record->countryName);
+    // The latency goes under the name, so long names keep the row's width.
+    auto *latency = new QLabel(latencyText(m_vc.latencyOf(record)), cell);
+    latency->setProperty("muted", true);
+    QFont small = latency->font();
+    small.setPointSizeF(kLatencyPointSize);
+    latency->setFont(small);
+    auto *texts = new QVBoxLayout;
+    texts->setContentsMargins(0, 0, 0, 0);
+    texts->setSpacing(0);
+    texts->addWidget(name);
+    texts->addWidget(latency);
     auto *star = new QPushButton(cell);
     star->setProperty("flat", true);
     star->setCursor(Qt::PointingHandCursor);
@@ -137,7 +191,7 @@ QWidget *ClustersWidget::makeRow(int row)
                                                               : QStringLiteral("location_default"),
                                       marker->size(), devicePixelRatioF()));
     layout->addWidget(flag);
-    layout->addWidget(name, 1);
+    layout->addLayout(texts, 1);
     layout->addWidget(star);
     layout->addWidget(marker);
     return cell;
@@ -151,25 +205,33 @@ void ClustersWidget::render()
         tab->setFont(UiStyle::fittedFont(font(), tab->text(), tab->width() - 16));
         tab->setAccessibleName(tab->text());
     }
+    m_sort->setText(UiText::forKey(QStringLiteral("Sort by latency")));
+    m_sort->setFont(UiStyle::fittedFont(font(), m_sort->text(), width() - kSortChromeWidth));
+    m_sort->setAccessibleName(m_sort->text());
     const bool favourites = m_vc.selectedTab() == ClustersVC::Favourites;
     m_tabAll->setChecked(!favourites);
     m_tabFavourites->setChecked(favourites);
 
     ClustersTableSource &source = m_vc.currentSource();
     m_rendering = true;
+    m_sort->setChecked(m_vc.sortByLatency());
     const int scrolled = m_list->verticalScrollBar()->value();
     m_list->clear();
-    for (int row = 0; row < source.numberOfRows(); ++row) {
+    const QList<int> rows = m_vc.rowsInDisplayOrder();
+    for (const int row : rows) {
         auto *item = new QListWidgetItem(m_list);
         item->setSizeHint(QSize(0, kRowHeight));
+        item->setData(Qt::UserRole, row);
         const ClusterRecord record = source.recordAt(row);
         item->setData(Qt::AccessibleTextRole, record->countryName);
-        item->setData(Qt::AccessibleDescriptionRole,
-                      record->clusterFavourited ? QStringLiteral("favourite") : QString());
+        QStringList description{latencyDescription(m_vc.latencyOf(record))};
+        if (record->clusterFavourited)
+            description.prepend(QStringLiteral("favourite"));
+        item->setData(Qt::AccessibleDescriptionRole, description.join(QStringLiteral(", ")));
         m_list->setItemWidget(item, makeRow(row));
     }
     m_list->verticalScrollBar()->setValue(scrolled);
-    m_list->setCurrentRow(source.selectedRow());
+    m_list->setCurrentRow(static_cast<int>(rows.indexOf(source.selectedRow())));
     if (QListWidgetItem *current = m_list->currentItem())
         m_list->scrollToItem(current);
     m_rendering = false;

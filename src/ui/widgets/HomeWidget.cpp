@@ -24,10 +24,11 @@ namespace {
 constexpr int kListWidth = 240;
 }
 
-HomeWidget::HomeWidget(const UiServices &services, QWidget *parent)
+HomeWidget::HomeWidget(const UiServices &services, QWidget *parent, std::shared_ptr<ServerLatencyProbe> latency)
     : QWidget(parent), m_home(std::make_unique<HomeVC>(services)), m_panel(std::make_unique<HomeMainPanelVC>(services)),
-      m_clusters(std::make_unique<ClustersVC>(services)), m_settings(std::make_unique<SettingsVC>(services)),
-      m_update(std::make_unique<UpdateVC>(services)), m_menu(std::make_unique<ContextMenuView>(services.urls)),
+      m_clusters(std::make_unique<ClustersVC>(services, std::move(latency))),
+      m_settings(std::make_unique<SettingsVC>(services)), m_update(std::make_unique<UpdateVC>(services)),
+      m_menu(std::make_unique<ContextMenuView>(services.urls)),
       m_about(std::make_unique<AboutView>(services.storage, services.urls))
 {
     setStyleSheet(UiStyle::styleSheet());

@@ -13,6 +13,7 @@ class ContextMenuView;
 class HomeMainPanelVC;
 class HomeVC;
 class QStackedWidget;
+class ServerLatencyProbe;
 class SettingsVC;
 class UpdateVC;
 class UpdateWidget;
@@ -24,7 +25,9 @@ public:
     static constexpr int kWidth = 760;
     static constexpr int kHeight = 440;
 
-    explicit HomeWidget(const UiServices &services, QWidget *parent = nullptr);
+    // `latency` measures the servers of the list; without one the list shows no values.
+    explicit HomeWidget(const UiServices &services, QWidget *parent = nullptr,
+                        std::shared_ptr<ServerLatencyProbe> latency = nullptr);
     ~HomeWidget() override;
 
     HomeVC &home() { return *m_home; }
