@@ -1,36 +1,34 @@
+#include "foundation/AppConfig.h"
+#include "foundation/AppStorageManager.h"
 #include "foundation/FileSecretBackend.h"
 #include "foundation/KeychainStore.h"
-#include "foundation/SecretBackend.h"
+#include "foundation/SecretQueue.h"
 #include "support/LogCapture.h"
 
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QMap>
 #include <QTemporaryDir>
 #include <QTest>
 
 namespace {
-
-// Keeps items in memory, records the calls, and answers chosen statuses.
-class FakeBackend : public SecretBackend {
+// Secrets in memory: records the calls and answers chosen statuses.
+class FakeSecrets : public SecretBackend {
 public:
     QMap<QString, QByteArray> items; // "service/account" -> data
     QStringList calls;
     std::optional<int> findStatus, writeStatus, removeStatus;
     QString failureMessage;
 
+    int writes() const { return int(calls.count(QStringLiteral("add")) + calls.count(QStringLiteral("update"))); }
+
     Result find(const QString &service, const QString &account) override
     {
         calls << QStringLiteral("find");
         if (findStatus)
             return answer(*findStatus);
-        const QString id = service + QLatin1Char('/') + account;
-        if (!items.contains(id))
-            return answer(ItemNotFound);
-        Result result;
-        result.data = items.value(id);
-        return result;
+        const auto it = items.constFind(service + QLatin1Char('/') + account);
+        return it == items.cend() ? answer(ItemNotFound) : Result{Success, *it, {}};
     }
     Result update(const QString &service, const QString &account, const QByteArray &data) override
     {
@@ -59,13 +57,7 @@ private:
         items.insert(service + QLatin1Char('/') + account, data);
         return {};
     }
-    Result answer(int status) const
-    {
-        Result result;
-        result.status = status;
-        result.message = status == ItemNotFound ? QString() : failureMessage;
-        return result;
-    }
+    Result answer(int status) const { return {status, {}, status == ItemNotFound ? QString() : failureMessage}; }
 };
 
 void expectError(const NQErrorOpt &error, int code, const QString &message)
@@ -75,180 +67,133 @@ void expectError(const NQErrorOpt &error, int code, const QString &message)
     QCOMPARE(error->code(), code);
     QCOMPARE(error->localizedDescription(), message);
 }
-
 } // namespace
 
 class TstKeychainStore : public QObject {
     Q_OBJECT
+    QTemporaryDir m_dir;
+    std::shared_ptr<FakeSecrets> m_secrets;
 
 private slots:
+    // A found or locked item is updated, a missing one added; any other lookup failure is the
+    // write's failure, with the store's own text where it gives one.
     void writePathFollowsTheLookupStatus_data()
     {
         QTest::addColumn<int>("findStatus");
-        QTest::addColumn<QString>("path");
-        QTest::newRow("found updates") << 0 << QStringLiteral("update");
-        QTest::newRow("locked updates") << -25308 << QStringLiteral("update");
-        QTest::newRow("missing adds") << -25300 << QStringLiteral("add");
-        QTest::newRow("other fails") << -25293 << QString();
+        QTest::addColumn<int>("writeStatus");
+        QTest::addColumn<QStringList>("calls");
+        QTest::addColumn<QString>("log"); // empty: written
+        QTest::newRow("found updates") << 0 << 0 << QStringList{"find", "update"} << QString();
+        QTest::newRow("locked updates") << -25308 << 0 << QStringList{"find", "update"} << QString();
+        QTest::newRow("missing adds") << -25300 << 0 << QStringList{"find", "add"} << QString();
+        QTest::newRow("other fails") << -25293 << 0 << QStringList{"find"}
+                                     << "OSStatus error: [-25293] Security error has occurred.";
+        QTest::newRow("write refused") << 0 << -25308 << QStringList{"find", "update"}
+                                       << "OSStatus error: [-25308] Cannot unlock the keyring.";
     }
     void writePathFollowsTheLookupStatus()
     {
         QFETCH(int, findStatus);
-        QFETCH(QString, path);
-        auto fake = std::make_shared<FakeBackend>();
+        QFETCH(int, writeStatus);
+        QFETCH(QStringList, calls);
+        QFETCH(QString, log);
+        auto fake = std::make_shared<FakeSecrets>();
         fake->findStatus = findStatus;
-        LogCapture log;
+        if (writeStatus)
+            fake->writeStatus = writeStatus;
+        fake->failureMessage = findStatus == -25293 ? QString() : QStringLiteral("Cannot unlock the keyring.");
+        LogCapture capture;
         NQErrorOpt error;
-        const bool ok =
-            KeychainStore(QStringLiteral("svc"), fake).setString(QStringLiteral("v"), QStringLiteral("k"), &error);
-        const QStringList expectedCalls =
-            path.isEmpty() ? QStringList{QStringLiteral("find")} : QStringList{QStringLiteral("find"), path};
-        QCOMPARE(fake->calls, expectedCalls);
-        QCOMPARE(ok, !path.isEmpty());
-        if (path.isEmpty()) {
-            expectError(error, -25293, QStringLiteral("Security error has occurred."));
-            QCOMPARE(log.lines(), QStringList{QStringLiteral("OSStatus error: [-25293] Security error has occurred.")});
-        } else {
-            QVERIFY(!error);
+        QCOMPARE(KeychainStore(QStringLiteral("svc"), fake).setString("v", "k", &error), log.isEmpty());
+        QCOMPARE(fake->calls, calls);
+        QCOMPARE(capture.lines(), log.isEmpty() ? QStringList() : QStringList{log});
+        if (log.isEmpty())
             QCOMPARE(fake->items.value(QStringLiteral("svc/k")), QByteArray("v"));
-        }
+        else
+            expectError(error, findStatus == -25293 ? -25293 : writeStatus, log.section("] ", 1));
     }
 
-    void failedWriteIsASecurityErrorWithTheSystemText()
+    void refusedArgumentsNeverReachTheBackend()
     {
-        auto fake = std::make_shared<FakeBackend>();
-        fake->items.insert(QStringLiteral("svc/username"), "old");
-        fake->writeStatus = SecretBackend::InteractionNotAllowed;
-        fake->failureMessage = QStringLiteral("Cannot unlock the keyring.");
+        auto fake = std::make_shared<FakeSecrets>();
         KeychainStore store(QStringLiteral("svc"), fake);
+        KeychainStore nameless(QString(), fake);
         LogCapture log;
         NQErrorOpt error;
-        QVERIFY(!store.setString(QStringLiteral("new"), QStringLiteral("username"), &error));
-        expectError(error, -25308, QStringLiteral("Cannot unlock the keyring."));
-        QCOMPARE(log.lines(), QStringList{QStringLiteral("OSStatus error: [-25308] Cannot unlock the keyring.")});
-        fake->writeStatus.reset();
-        QCOMPARE(store.stringForKey(QStringLiteral("username")), QStringLiteral("old"));
-    }
-
-    void argumentConversionAndUnexpectedErrors()
-    {
-        auto fake = std::make_shared<FakeBackend>();
-        KeychainStore store(QStringLiteral("svc"), fake);
-        LogCapture log;
-        NQErrorOpt error;
-
         QVERIFY(!store.setString(QStringLiteral("v"), QString(), &error));
         expectError(error, 1, QStringLiteral("the key must not to be nil"));
-        QVERIFY(store.stringForKey(QString(), &error).isNull());
-        expectError(error, 1, QStringLiteral("the key must not to be nil"));
-        QVERIFY(!store.removeItemForKey(QString(), &error));
-        expectError(error, 1, QStringLiteral("the key must not to be nil"));
-
-        // An unpaired surrogate has no UTF-8 form; nothing may be written.
-        QString broken = QStringLiteral("ab");
-        broken.insert(1, QChar(0xD800));
-        QVERIFY(!store.setString(broken, QStringLiteral("k"), &error));
+        QVERIFY(store.stringForKey(QString(), &error).isNull() && error);
+        QVERIFY(!store.removeItemForKey(QString(), &error) && error);
+        // An unpaired surrogate has no UTF-8 form.
+        QVERIFY(!store.setString(QStringLiteral("a") + QChar(0xD800) + QStringLiteral("b"), "k", &error));
         expectError(error, -67594, QStringLiteral("failed to convert string to data"));
+        QVERIFY(!nameless.setString(QStringLiteral("v"), QStringLiteral("k"), &error));
+        expectError(error, -99999, QStringLiteral("Unexpected error has occurred."));
+        QList<NQErrorOpt> errors;
+        QVERIFY(nameless.stringsForKeys({QStringLiteral("k")}, &errors).value(0, QStringLiteral("?")).isNull());
+        expectError(errors.value(0), -99999, QStringLiteral("Unexpected error has occurred."));
+        QVERIFY(fake->calls.isEmpty());
+        QCOMPARE(log.lines().size(), 6);
+        QCOMPARE(log.lines().first(), QStringLiteral("error: [1] the key must not to be nil"));
 
         fake->items.insert(QStringLiteral("svc/k"), QByteArray("\xff\xfe bad", 6));
         QVERIFY(store.stringForKey(QStringLiteral("k"), &error).isNull());
         expectError(error, -67594, QStringLiteral("failed to convert data to string"));
-
-        KeychainStore nameless(QString(), fake);
-        QVERIFY(!nameless.setString(QStringLiteral("v"), QStringLiteral("k"), &error));
-        expectError(error, -99999, QStringLiteral("Unexpected error has occurred."));
-        QList<NQErrorOpt> errors;
-        fake->calls.clear();
-        QVERIFY(nameless.stringsForKeys({QStringLiteral("k")}, &errors).value(0, QStringLiteral("?")).isNull());
-        expectError(errors.value(0), -99999, QStringLiteral("Unexpected error has occurred."));
-        QVERIFY(fake->calls.isEmpty());
-
-        QCOMPARE(log.lines(), (QStringList{QStringLiteral("error: [1] the key must not to be nil"),
-                                           QStringLiteral("error: [1] the key must not to be nil"),
-                                           QStringLiteral("error: [1] the key must not to be nil"),
-                                           QStringLiteral("error: [-67594] failed to convert string to data"),
-                                           QStringLiteral("error: [-67594] failed to convert data to string"),
-                                           QStringLiteral("error: [-99999] Unexpected error has occurred."),
-                                           QStringLiteral("error: [-99999] Unexpected error has occurred.")}));
-        QCOMPARE(fake->items.size(), 1);
     }
 
     void missingItemsAndNil()
     {
-        auto fake = std::make_shared<FakeBackend>();
+        auto fake = std::make_shared<FakeSecrets>();
         KeychainStore store(QStringLiteral("svc"), fake);
-        LogCapture log;
         NQErrorOpt error;
         QVERIFY(store.stringForKey(QStringLiteral("username"), &error).isNull());
         QVERIFY(!error);
         QVERIFY(store.removeItemForKey(QStringLiteral("never"), &error));
-        QVERIFY(!error);
         QVERIFY(store.setObject(QStringLiteral("bob"), QStringLiteral("username")));
         QCOMPARE(store.objectForKeyedSubscript(QStringLiteral("username")), QStringLiteral("bob"));
         QVERIFY(store.setObject(QString(), QStringLiteral("username"), &error));
-        QVERIFY(!error);
-        QVERIFY(store.objectForKeyedSubscript(QStringLiteral("username")).isNull());
+        QVERIFY(!error && fake->items.isEmpty());
         // An empty string is a value, not nil.
         QVERIFY(store.setString(QLatin1String(""), QStringLiteral("username")));
-        const QString empty = store.stringForKey(QStringLiteral("username"));
-        QVERIFY(!empty.isNull() && empty.isEmpty());
-        QVERIFY(log.lines().isEmpty());
-
+        QVERIFY(!store.stringForKey(QStringLiteral("username")).isNull());
         fake->removeStatus = -25293;
         QVERIFY(!store.removeItemForKey(QStringLiteral("username"), &error));
         QCOMPARE(error->code(), -25293);
     }
 
-    // Owner bits plus group and other bits (Qt also reports the current user's bits).
     void fileStoreIsPrivateAtomicAndPersistent()
     {
         QTemporaryDir dir;
         const QString path = dir.filePath(QStringLiteral("app/com.pelorin.vpn.mac/secrets.json"));
-        {
-            KeychainStore store(QStringLiteral("com.pelorin.vpn.mac"), std::make_shared<FileSecretBackend>(path));
-            QVERIFY(store.setString(QStringLiteral("first"), QStringLiteral("password")));
-            QVERIFY(store.setString(QStringLiteral("sécond"), QStringLiteral("password")));
-            QVERIFY(store.setString(QStringLiteral("u"), QStringLiteral("username")));
-            QVERIFY(store.removeItemForKey(QStringLiteral("never-written")));
-        }
+        const auto open = [&](const QString &service) {
+            return KeychainStore(service, std::make_shared<FileSecretBackend>(path));
+        };
+        QVERIFY(open("svc").setString(QStringLiteral("first"), QStringLiteral("password")));
+        QVERIFY(open("svc").setString(QStringLiteral("sécond"), QStringLiteral("password")));
+        QVERIFY(open("svc").setString(QStringLiteral("u"), QStringLiteral("username")));
+        // Owner bits plus group and other bits (Qt also reports the current user's bits).
         QCOMPARE(QFileInfo(path).permissions() & 0xF0FF, QFileDevice::ReadOwner | QFileDevice::WriteOwner);
         QCOMPARE(QFileInfo(QFileInfo(path).absolutePath()).permissions() & 0xF0FF,
                  QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-        QFile written(path);
-        QVERIFY(written.open(QIODevice::ReadOnly));
-        const QByteArray contents = written.readAll();
-        QVERIFY(contents.contains(QStringLiteral("sécond").toUtf8().toBase64()));
-        QVERIFY(!contents.contains(QByteArray("first").toBase64()));
-        QCOMPARE(QDir(QFileInfo(path).absolutePath()).entryList(QDir::Files),
-                 QStringList{QStringLiteral("secrets.json")});
+        QCOMPARE(QDir(QFileInfo(path).absolutePath()).entryList(QDir::Files), QStringList{"secrets.json"});
+        QCOMPARE(open("svc").stringForKey(QStringLiteral("password")), QStringLiteral("sécond"));
+        QVERIFY(open("other").stringForKey(QStringLiteral("password")).isNull());
+        QVERIFY(open("svc").setObject(QString(), QStringLiteral("password")));
+        QVERIFY(open("svc").stringForKey(QStringLiteral("password")).isNull());
+        QCOMPARE(open("svc").stringForKey(QStringLiteral("username")), QStringLiteral("u"));
 
-        KeychainStore again(QStringLiteral("com.pelorin.vpn.mac"), std::make_shared<FileSecretBackend>(path));
-        QCOMPARE(again.stringForKey(QStringLiteral("password")), QStringLiteral("sécond"));
-        QVERIFY(KeychainStore(QStringLiteral("other"), std::make_shared<FileSecretBackend>(path))
-                    .stringForKey(QStringLiteral("password"))
-                    .isNull());
-        QVERIFY(again.setObject(QString(), QStringLiteral("password")));
-        QVERIFY(again.stringForKey(QStringLiteral("password")).isNull());
-        QCOMPARE(again.stringForKey(QStringLiteral("username")), QStringLiteral("u"));
-    }
-
-    void damagedFileStoreIsKeptAsideNotOverwritten()
-    {
-        QTemporaryDir dir;
-        const QString path = dir.filePath(QStringLiteral("secrets.json"));
+        // A damaged file is kept aside, not overwritten.
         QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("{\"items\": {\"svc\": trunc");
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write("{\"items\": {\"svc\": trunc") > 0);
         file.close();
         LogCapture log;
-        KeychainStore store(QStringLiteral("svc"), std::make_shared<FileSecretBackend>(path));
-        QVERIFY(store.stringForKey(QStringLiteral("k")).isNull());
+        QVERIFY(open("svc").stringForKey(QStringLiteral("username")).isNull());
         QCOMPARE(log.osTexts(QStringLiteral("KeychainStore")).size(), 1);
         QFile aside(path + QStringLiteral(".corrupt"));
         QVERIFY(aside.open(QIODevice::ReadOnly));
         QCOMPARE(aside.readAll(), QByteArray("{\"items\": {\"svc\": trunc"));
-        QVERIFY(store.setString(QStringLiteral("v"), QStringLiteral("k")));
-        QCOMPARE(store.stringForKey(QStringLiteral("k")), QStringLiteral("v"));
+        QVERIFY(open("svc").setString(QStringLiteral("v"), QStringLiteral("k")));
+        QCOMPARE(open("svc").stringForKey(QStringLiteral("k")), QStringLiteral("v"));
     }
 
     void withoutASecretServiceTheFileStoreIsChosenWithAWarning()
@@ -258,20 +203,89 @@ private slots:
         qunsetenv("PELORIN_SECRET_STORE");
         QString reason;
         QVERIFY(!SecretBackend::connectSecretService(&reason));
-        QVERIFY(!reason.isEmpty());
         // The keyring helper itself was found and ran: the refusal is the bus's.
-        QVERIFY2(!reason.contains(QLatin1String("pelorin-keyring")), qPrintable(reason));
-
+        QVERIFY2(!reason.isEmpty() && !reason.contains(QLatin1String("pelorin-keyring")), qPrintable(reason));
         LogCapture log;
         SecretBackend::setSystemDefaultForTesting(nullptr);
         const auto chosen = SecretBackend::systemDefault();
         QCOMPARE(chosen->name(), QStringLiteral("file"));
         QCOMPARE(SecretBackend::systemDefault(), chosen); // asked once per process
-        const QStringList warnings = log.osTexts(QStringLiteral("KeychainStore"));
-        QCOMPARE(warnings.size(), 1);
-        QVERIFY(warnings.first().startsWith(QStringLiteral("No secret service answers")));
+        QCOMPARE(log.osTexts(QStringLiteral("KeychainStore")).size(), 1);
+        QVERIFY(log.osTexts(QStringLiteral("KeychainStore")).first().startsWith("No secret service answers"));
         QCOMPARE(log.osRecords().first().level, OsLog::Level::Error);
         SecretBackend::setSystemDefaultForTesting(nullptr);
+    }
+
+    void init()
+    {
+        m_secrets = std::make_shared<FakeSecrets>();
+        m_secrets->failureMessage = QStringLiteral("The keyring stayed locked.");
+        AppStorageManager::setSharedManagerForTesting(std::make_unique<AppStorageManager>(
+            m_dir.filePath("settings.conf"), KeychainStore(QStringLiteral("com.pelorin.vpn.mac"), m_secrets)));
+    }
+    void cleanup()
+    {
+        AppStorageManager::setSharedManagerForTesting(nullptr);
+        AppStorageManager::setSecretsNotKeptHandler({});
+    }
+
+    void madeOnceThenKept()
+    {
+        LogCapture capture;
+        const QString first = AppConfig::deviceUniqueID();
+        QCOMPARE(AppConfig::deviceUniqueID(), first);
+        QVERIFY(QRegularExpression(QStringLiteral("^[0-9A-Z]{32}MAC2$")).match(first).hasMatch());
+        QCOMPARE(capture.lines().filter("|AppConfig|"),
+                 QStringList{"|AppConfig| Missing device UUID create new: " + first});
+        SecretQueue::drain();
+        QCOMPARE(m_secrets->writes(), 1);
+        QCOMPARE(m_secrets->items.value("com.pelorin.vpn.mac/deviceUUID"), first.toUtf8());
+
+        AppStorageManager::sharedManager().storeDeviceUUID(QStringLiteral("legacy-id-from-an-older-build"));
+        capture.clear();
+        QCOMPARE(AppConfig::deviceUniqueID(), QStringLiteral("legacy-id-from-an-older-build"));
+        QVERIFY(capture.lines().filter(QStringLiteral("|AppConfig|")).isEmpty());
+    }
+
+    // Locked and not unlocked, or no answer: "no such item" was never said, so nothing is made
+    // for keeping; the run gets one identifier of its own and the keychain keeps its item.
+    void keychainThatCannotAnswerKeepsItsItemAndTheRunOneIdentifier_data()
+    {
+        QTest::addColumn<int>("status");
+        QTest::addColumn<bool>("credentialsFirst");
+        QTest::newRow("locked") << int(SecretBackend::InteractionNotAllowed) << false;
+        QTest::newRow("unlock refused, credentials read first") << int(SecretBackend::UserCanceled) << true;
+        QTest::newRow("helper failed") << int(SecretBackend::InternalComponent) << false;
+    }
+    void keychainThatCannotAnswerKeepsItsItemAndTheRunOneIdentifier()
+    {
+        QFETCH(int, status);
+        QFETCH(bool, credentialsFirst);
+        m_secrets->items.insert(QStringLiteral("com.pelorin.vpn.mac/deviceUUID"), "KEPT-ID");
+        m_secrets->findStatus = status;
+        QStringList told;
+        AppStorageManager::setSecretsNotKeptHandler(
+            [&told](const NQError &why) { told << why.localizedDescription(); });
+        AppStorageManager &storage = AppStorageManager::sharedManager();
+        if (credentialsFirst) {
+            QVERIFY(storage.getVpnCredentials().username.isNull());
+            QCOMPARE(storage.secretsNotKept()->code(), status);
+        }
+        LogCapture capture;
+        const QString first = AppConfig::deviceUniqueID();
+        QString later;
+        AppConfig::deviceUniqueID([&later](const QString &identifier) { later = identifier; });
+        QTRY_COMPARE(later, first);
+        QVERIFY(first != QLatin1String("KEPT-ID"));
+        QVERIFY(capture.lines().filter(QStringLiteral("Missing device UUID")).isEmpty());
+
+        storage.storeVPNCredentials(QStringLiteral("u"), QStringLiteral("p"));
+        QCOMPARE(storage.getVpnCredentials().password, QStringLiteral("p"));
+        SecretQueue::drain();
+        QCOMPARE(m_secrets->writes(), 0);
+        QCOMPARE(m_secrets->items.size(), 1);
+        QCOMPARE(storage.secretsNotKept()->code(), status);
+        QTRY_COMPARE(told, QStringList{QStringLiteral("The keyring stayed locked.")});
     }
 };
 

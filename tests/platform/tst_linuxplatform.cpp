@@ -9,6 +9,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace {
+bool writeFile(const QString &path, const QByteArray &bytes, bool executable = false)
+{
+    QFile f(path);
+    const bool ok = f.open(QIODevice::WriteOnly) && f.write(bytes) == bytes.size();
+    f.close();
+    return ok && (!executable || f.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+}
+} // namespace
+
 class TestLinuxPlatform : public QObject {
     Q_OBJECT
 private slots:
@@ -21,65 +31,40 @@ private slots:
         struct stat st {};
         QCOMPARE(stat(QFile::encodeName(dir).constData(), &st), 0);
         QCOMPARE(int(st.st_mode & 0777), 0700);
-        QCOMPARE(st.st_uid, geteuid());
-        // asking again keeps it and does not fail on the existing folder
-        QCOMPARE(platform.temporaryDirectory(), dir);
+        QCOMPARE(platform.temporaryDirectory(), dir); // the existing folder is kept
+
+        chmod(QFile::encodeName(root.path()).constData(), 0700);
+        qputenv("XDG_RUNTIME_DIR", QFile::encodeName(root.path()));
+        qunsetenv("PELORIN_TMPDIR");
+        QCOMPARE(LinuxPlatform().temporaryDirectory(), root.path() + "/com.pelorin.vpn.mac");
     }
 
-    void temporaryDirectoryOpenToOthersIsRefused_data()
+    // Open to others, a link, a file, or another user's: refused.
+    void unsafeTemporaryDirectoryIsRefused_data()
     {
-        QTest::addColumn<int>("mode");
-        QTest::newRow("group writable") << 0770;
-        QTest::newRow("world readable") << 0704;
-        QTest::newRow("shared like /tmp") << 01777;
+        QTest::addColumn<int>("mode"); // 0: not a folder of ours
+        QTest::addColumn<QString>("kind");
+        QTest::newRow("group writable") << 0770 << "dir";
+        QTest::newRow("world readable") << 0704 << "dir";
+        QTest::newRow("shared like /tmp") << 01777 << "dir";
+        QTest::newRow("link to a private folder") << 0700 << "link";
+        QTest::newRow("file") << 0700 << "file";
+        QTest::newRow("another user's") << 0700 << "theirs";
     }
-    void temporaryDirectoryOpenToOthersIsRefused()
+    void unsafeTemporaryDirectoryIsRefused()
     {
         QFETCH(int, mode);
-        QTemporaryDir root;
-        const QString dir = root.path() + "/loose";
-        QVERIFY(QDir().mkdir(dir));
-        QCOMPARE(chmod(QFile::encodeName(dir).constData(), mode_t(mode)), 0);
-        LinuxPlatform platform({.temporaryDirectory = dir});
-        QCOMPARE(platform.temporaryDirectory(), QString());
-    }
-
-    void temporaryDirectoryThatIsALinkOrFileIsRefused()
-    {
-        QTemporaryDir root;
-        const QString target = root.path() + "/target";
-        QVERIFY(QDir().mkdir(target));
-        chmod(QFile::encodeName(target).constData(), 0700);
-        const QString link = root.path() + "/link";
-        QVERIFY(QFile::link(target, link));
-        QCOMPARE(LinuxPlatform({.temporaryDirectory = link}).temporaryDirectory(), QString());
-
-        const QString file = root.path() + "/file";
-        QFile f(file);
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        f.close();
-        QCOMPARE(LinuxPlatform({.temporaryDirectory = file}).temporaryDirectory(), QString());
-    }
-
-    void temporaryDirectoryOfAnotherUserIsRefused()
-    {
-        if (geteuid() != 0)
+        QFETCH(QString, kind);
+        if (kind == "theirs" && geteuid() != 0)
             QSKIP("needs root to hand a folder to another user");
         QTemporaryDir root;
-        const QString dir = root.path() + "/theirs";
-        QVERIFY(QDir().mkdir(dir));
-        chmod(QFile::encodeName(dir).constData(), 0700);
-        QCOMPARE(chown(QFile::encodeName(dir).constData(), 65534, 65534), 0);
+        const QString target = root.path() + "/target";
+        const QString dir = kind == "link" ? root.path() + "/link" : target;
+        QVERIFY(kind == "file" ? writeFile(target, "x") : QDir().mkdir(target));
+        QCOMPARE(chmod(QFile::encodeName(target).constData(), mode_t(mode)), 0);
+        QVERIFY(kind != "link" || QFile::link(target, dir));
+        QVERIFY(kind != "theirs" || chown(QFile::encodeName(target).constData(), 65534, 65534) == 0);
         QCOMPARE(LinuxPlatform({.temporaryDirectory = dir}).temporaryDirectory(), QString());
-    }
-
-    void defaultTemporaryDirectoryLivesInTheRuntimeFolder()
-    {
-        QTemporaryDir runtime;
-        chmod(QFile::encodeName(runtime.path()).constData(), 0700);
-        qputenv("XDG_RUNTIME_DIR", QFile::encodeName(runtime.path()));
-        qunsetenv("PELORIN_TMPDIR");
-        QCOMPARE(LinuxPlatform().temporaryDirectory(), runtime.path() + "/com.pelorin.vpn.mac");
     }
 
     void loginItemsRoundTripThroughAutostartEntries()
@@ -89,115 +74,61 @@ private slots:
         LinuxPlatform platform({.autostartDirectory = autostart});
         QCOMPARE(platform.loginItemNames(), QStringList());
         QVERIFY(platform.addLoginItem("/usr/bin/PelorinVPN"));
+        QVERIFY(platform.addLoginItem("/usr/bin/PelorinVPN")); // replaces rather than duplicates
         QCOMPARE(platform.loginItemNames(), QStringList{"PelorinVPN"});
-
         QFile entry(autostart + "/PelorinVPN.desktop");
         QVERIFY(entry.open(QIODevice::ReadOnly));
-        const QString text = QString::fromUtf8(entry.readAll());
-        QVERIFY(text.contains("Exec=\"/usr/bin/PelorinVPN\" " + platform.loginItemArgument()));
-        QVERIFY(text.contains("Hidden=false"));
-
-        // adding again replaces rather than duplicates
-        QVERIFY(platform.addLoginItem("/usr/bin/PelorinVPN"));
-        QCOMPARE(platform.loginItemNames().size(), 1);
-
+        QVERIFY(entry.readAll().contains("Exec=\"/usr/bin/PelorinVPN\" " + platform.loginItemArgument().toUtf8()));
+        QVERIFY(writeFile(autostart + "/other.desktop", "[Desktop Entry]\nName=Other\nHidden=true\n"));
+        QCOMPARE(platform.loginItemNames(), QStringList{"PelorinVPN"}); // hidden entries are not listed
         QVERIFY(platform.deleteLoginItem("PelorinVPN"));
         QCOMPARE(platform.loginItemNames(), QStringList());
         QVERIFY(!platform.deleteLoginItem("PelorinVPN"));
     }
 
-    void hiddenAutostartEntriesAreNotListed()
-    {
-        QTemporaryDir root;
-        QFile f(root.path() + "/other.desktop");
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        f.write("[Desktop Entry]\nName=Other\nHidden=true\n");
-        f.close();
-        QCOMPARE(LinuxPlatform({.autostartDirectory = root.path()}).loginItemNames(), QStringList());
-    }
-
-    void deviceModelComesFromTheDmiFile()
-    {
-        QTemporaryDir root;
-        QFile f(root.path() + "/product_name");
-        QVERIFY(f.open(QIODevice::WriteOnly));
-        f.write("ThinkPad X1 Carbon\n");
-        f.close();
-        QCOMPARE(LinuxPlatform({.dmiProductNameFile = f.fileName()}).deviceModel(),
-                 std::optional<QString>("ThinkPad X1 Carbon"));
-        QCOMPARE(LinuxPlatform({.dmiProductNameFile = root.path() + "/missing"}).deviceModel(), std::nullopt);
-    }
-
-    void browsersAreFoundOnTheSearchPath()
+    void browsersAndInstaller()
     {
         QTemporaryDir bin;
-        LinuxPlatform none({.browserSearchPath = {bin.path()}});
-        QVERIFY(!none.isChromeInstalled());
-        QVERIFY(!none.isFirefoxInstalled());
-        QVERIFY(none.openInChromeCommand("https://example.org").isEmpty());
-
-        for (const char *name : {"chromium", "firefox-esr"}) {
-            QFile f(bin.path() + "/" + name);
-            QVERIFY(f.open(QIODevice::WriteOnly));
-            f.write("#!/bin/sh\n");
-            f.close();
-            f.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        }
+        QVERIFY(!LinuxPlatform({.browserSearchPath = {bin.path()}}).isChromeInstalled());
+        QVERIFY(!LinuxPlatform({.browserSearchPath = {bin.path()}}).isFirefoxInstalled());
+        QVERIFY(writeFile(bin.path() + "/chromium", "#!/bin/sh\n", true));
+        QVERIFY(writeFile(bin.path() + "/firefox-esr", "#!/bin/sh\n", true));
         LinuxPlatform some({.browserSearchPath = {bin.path()}});
-        QVERIFY(some.isChromeInstalled());
-        QVERIFY(some.isFirefoxInstalled());
+        QVERIFY(some.isChromeInstalled() && some.isFirefoxInstalled());
         QCOMPARE(some.openInChromeCommand("https://example.org"),
                  (QStringList{bin.path() + "/chromium", "https://example.org"}));
+
+        QCOMPARE(LinuxPlatform({.installer = "/opt/fake-installer"}).installerCommand("/d/P.deb"),
+                 (QStringList{"/opt/fake-installer", "/d/P.deb"}));
+        // A shipped installer is used only when it can be run.
+        const QString shipped = bin.path() + "/install-update";
+        QVERIFY(writeFile(shipped, "#!/bin/sh\n"));
+        LinuxPlatform packaged({.helpersDirectory = bin.path()});
+        QVERIFY(packaged.installerCommand("/d/P.deb").first() != shipped);
+        QVERIFY(packaged.installerCommand("/d/P.deb").contains("/d/P.deb"));
+        QVERIFY(writeFile(shipped, "#!/bin/sh\n", true));
+        QCOMPARE(packaged.installerCommand("/d/P.deb"), (QStringList{shipped, "/d/P.deb"}));
     }
 
     // logind's seat file names the console user; without logind the running user stands in.
-    void consoleUserComesFromTheFirstSeat_data()
-    {
-        QTest::addColumn<QString>("seatFile"); // null: no seat0 file
-        QTest::addColumn<bool>("logind");
-        QTest::addColumn<bool>("ourUser");
-        const QString active = QStringLiteral("ACTIVE=c2\nACTIVE_UID=%1\nSESSIONS=c2\n").arg(getuid());
-        QTest::newRow("active session") << active << true << true;
-        QTest::newRow("nobody at the screen") << "CAN_GRAPHICAL=1\nSESSIONS=\n" << true << false;
-        QTest::newRow("unreadable uid") << "ACTIVE_UID=x\n" << true << false;
-        QTest::newRow("no seat") << QString() << true << false;
-        QTest::newRow("no logind") << QString() << false << true;
-    }
     void consoleUserComesFromTheFirstSeat()
     {
-        QFETCH(QString, seatFile);
-        QFETCH(bool, logind);
-        QFETCH(bool, ourUser);
-        QTemporaryDir root;
-        const QString seats = root.path() + (logind ? "/seats" : "/absent");
-        QVERIFY(!logind || QDir().mkpath(seats));
-        if (!seatFile.isNull()) {
-            QFile seat(seats + "/seat0");
-            QVERIFY(seat.open(QIODevice::WriteOnly));
-            seat.write(seatFile.toUtf8());
+        const QList<std::tuple<QString, bool, bool>> cases{
+            {QStringLiteral("ACTIVE=c2\nACTIVE_UID=%1\nSESSIONS=c2\n").arg(getuid()), true, true},
+            {"CAN_GRAPHICAL=1\nSESSIONS=\n", true, false}, // nobody at the screen
+            {"ACTIVE_UID=x\n", true, false},
+            {QString(), true, false}, // no seat0 file
+            {QString(), false, true}, // no logind
+        };
+        for (const auto &[seatFile, logind, ourUser] : cases) {
+            QTemporaryDir root;
+            const QString seats = root.path() + (logind ? "/seats" : "/absent");
+            QVERIFY(!logind || QDir().mkpath(seats));
+            QVERIFY(seatFile.isNull() || writeFile(seats + "/seat0", seatFile.toUtf8()));
+            const Platform::ConsoleUser user = LinuxPlatform({.seatsDirectory = seats}).consoleUser();
+            QCOMPARE(user.home, ourUser ? QString::fromLocal8Bit(getpwuid(getuid())->pw_dir) : QString());
+            QCOMPARE(user.name.isEmpty(), !ourUser);
         }
-        const Platform::ConsoleUser user = LinuxPlatform({.seatsDirectory = seats}).consoleUser();
-        QCOMPARE(user.home, ourUser ? QString::fromLocal8Bit(getpwuid(getuid())->pw_dir) : QString());
-        QCOMPARE(user.name.isEmpty(), !ourUser);
-    }
-
-    void installerUsesTheOverrideWithThePackagePath()
-    {
-        LinuxPlatform platform({.installer = "/opt/fake-installer"});
-        QCOMPARE(platform.installerCommand("/d/PelorinVPN.deb"),
-                 (QStringList{"/opt/fake-installer", "/d/PelorinVPN.deb"}));
-        QVERIFY(LinuxPlatform().installerCommand("/d/PelorinVPN.deb").contains("/d/PelorinVPN.deb"));
-
-        // A shipped installer is used only when it can be run.
-        QTemporaryDir helpers;
-        QFile shipped(helpers.path() + "/install-update");
-        QVERIFY(shipped.open(QIODevice::WriteOnly));
-        shipped.close();
-        LinuxPlatform packaged({.helpersDirectory = helpers.path()});
-        QVERIFY(packaged.installerCommand("/d/PelorinVPN.deb").first() != shipped.fileName());
-        shipped.setPermissions(QFile::ReadOwner | QFile::ExeOwner);
-        QCOMPARE(packaged.installerCommand("/d/PelorinVPN.deb"),
-                 (QStringList{shipped.fileName(), "/d/PelorinVPN.deb"}));
     }
 };
 
