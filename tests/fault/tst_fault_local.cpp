@@ -12,11 +12,8 @@
 #include <QtTest>
 
 #include <csignal>
-#include <mutex>
 
 namespace {
-constexpr int kWaitMs = 15000;
-
 const QByteArray kPassingSudo = "#!/bin/sh\nexec \"$@\"\n";
 const QByteArray kRefusingSudo = "#!/bin/sh\necho 'sudo: a password is required' >&2\nexit 1\n";
 // Reports a tunnel and stays until killed; its pid is left next to it.
@@ -50,14 +47,7 @@ class TestFaultLocal : public QObject {
     QString m_mount;
     std::shared_ptr<FlakySecrets> m_secrets;
     std::unique_ptr<VpnTestEnvironment> m_env;
-    std::mutex m_mutex;
-    QList<int> m_states;
-
-    QList<int> reported()
-    {
-        std::lock_guard lock(m_mutex);
-        return m_states;
-    }
+    std::shared_ptr<VpnReports> m_reports;
     // A fresh world whose temporary folder is `tmp` (empty: the default) and whose user has an
     // account, a language and a stored state.
     void makeWorld(const QString &tmp = {})
@@ -69,10 +59,7 @@ class TestFaultLocal : public QObject {
         m_env->storage().storeVPNCredentials(QStringLiteral("kept-user"), QStringLiteral("kept-pass"));
         m_env->storage().storeAppLanguageCode(QStringLiteral("de"));
         m_env->storage().storeVPNStatus(1);
-        m_env->manager().setOnConnectionStateChange([this](int state) {
-            std::lock_guard lock(m_mutex);
-            m_states << state;
-        });
+        m_reports = m_env->recordReports();
     }
     // What the next run reads: the keychain's account and the settings as they were.
     void expectNothingLost()
@@ -105,7 +92,6 @@ class TestFaultLocal : public QObject {
     }
 
 private slots:
-    void init() { m_states.clear(); }
     void cleanup()
     {
         m_env.reset();
@@ -167,14 +153,12 @@ private slots:
         }
         m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client\nauth-user-pass\n"),
                                                              QStringLiteral("DE"));
-        QTRY_COMPARE_WITH_TIMEOUT(reported(), states, kWaitMs);
-        if (kill) {
-            QFile pidFile(m_env->root() + QStringLiteral("/helpers/pid"));
-            QVERIFY(pidFile.open(QIODevice::ReadOnly));
-            QCOMPARE(::kill(static_cast<pid_t>(pidFile.readAll().trimmed().toLongLong()), SIGKILL), 0);
-        }
+        QTRY_COMPARE_WITH_TIMEOUT(m_reports->snapshot(), states, kVpnWaitMs);
+        if (kill) // the owner is told the tunnel is down
+            QCOMPARE(::kill(contentOf(m_env->root() + QStringLiteral("/helpers/pid")).trimmed().toInt(), SIGKILL), 0);
         for (const QString &text : logs)
-            QTRY_VERIFY2_WITH_TIMEOUT(!log.lines().filter(text).isEmpty(), qPrintable(text), kWaitMs);
+            QTRY_VERIFY2_WITH_TIMEOUT(!log.lines().filter(text).isEmpty(), qPrintable(text), kVpnWaitMs);
+        QTRY_COMPARE_WITH_TIMEOUT(m_reports->endsSnapshot().size(), kill || sudo == kRefusingSudo ? 1 : 0, kVpnWaitMs);
         // The state follows the last output (or stays as it was when nothing started).
         QCOMPARE(m_env->storage().getVPNStatus(), states.isEmpty() ? 1 : states.last());
         expectNothingLost();
