@@ -20,8 +20,7 @@ const QByteArray kRefusingSudo = "#!/bin/sh\necho 'sudo: a password is required'
 const QByteArray kConnectingClient = "#!/bin/sh\necho $$ > \"$(dirname \"$0\")/pid\"\n"
                                      "printf 'ovpncli: state CONNECTED\\n'\nwhile :; do sleep 1; done\n";
 
-// A keychain that can be locked or taken away while the program runs (a failed lookup never
-// reaches add or remove).
+// A keychain that can be locked or taken away while the program runs.
 class FlakySecrets : public FileSecretBackend {
 public:
     using FileSecretBackend::FileSecretBackend;
@@ -33,6 +32,10 @@ public:
     Result update(const QString &s, const QString &a, const QByteArray &d) override
     {
         return failure ? fail() : FileSecretBackend::update(s, a, d);
+    }
+    Result add(const QString &s, const QString &a, const QByteArray &d) override
+    {
+        return failure ? fail() : FileSecretBackend::add(s, a, d);
     }
 
 private:
@@ -219,6 +222,34 @@ private slots:
                  1);
         api.sendScrambleNow(); // the bridge goes on without a server
         expectNothingLost();
+    }
+
+    // The manager's own password helpers: added once, then updated in place; a keychain that
+    // cannot be reached leaves a line with its status, gives nothing back and keeps the password.
+    void managerPasswordHelpers()
+    {
+        makeWorld();
+        LogCapture log;
+        NQVPNManager &vpn = m_env->manager();
+        QVERIFY(vpn.retrievePasswordFromKeychain().isNull());
+        vpn.savePasswordToKeychain(QStringLiteral("first"));
+        vpn.savePasswordToKeychain(QStringLiteral("second"));
+        QCOMPARE(vpn.retrievePasswordFromKeychain(), QStringLiteral("second"));
+        m_secrets->failure = -25308;
+        vpn.savePasswordToKeychain(QStringLiteral("third"));
+        QVERIFY(vpn.retrievePasswordFromKeychain().isNull());
+        m_secrets->failure.reset();
+        QCOMPARE(vpn.retrievePasswordFromKeychain(), QStringLiteral("second"));
+        const QString m = QStringLiteral("|NQVPNManager| ");
+        QCOMPARE(log.lines().filter(m),
+                 (QStringList{m + "No password found in Keychain for the given service and account.",
+                              m + "Password successfully saved to Keychain.",
+                              m + "Password already exists in Keychain. Updating it.",
+                              m + "Password successfully updated in Keychain.",
+                              m + "Password successfully retrieved from Keychain.",
+                              m + "Failed to save password to Keychain with error: -25308",
+                              m + "Failed to retrieve password from Keychain with error: -25308",
+                              m + "Password successfully retrieved from Keychain."}));
     }
 };
 
