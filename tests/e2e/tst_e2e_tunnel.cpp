@@ -9,22 +9,10 @@
 #include <QElapsedTimer>
 #include <QtTest>
 
-#include <mutex>
-
 namespace {
 // A connect takes a second or two here; the limits only bound a broken run.
 constexpr int kConnectMs = 30000;
 constexpr int kStepMs = 20000;
-
-struct States {
-    std::mutex mutex;
-    QList<int> values;
-    QList<int> snapshot()
-    {
-        std::lock_guard lock(mutex);
-        return values;
-    }
-};
 } // namespace
 
 class TestE2eTunnel : public QObject {
@@ -41,7 +29,7 @@ private:
 
     std::unique_ptr<TunnelLab> m_lab;
     std::unique_ptr<VpnTestEnvironment> m_env;
-    std::shared_ptr<States> m_states = std::make_shared<States>();
+    std::shared_ptr<VpnReports> m_states;
     QString m_user;
     QString m_password;
 };
@@ -70,10 +58,7 @@ void TestE2eTunnel::initTestCase()
     QVERIFY(!m_user.isEmpty() && !m_password.isEmpty());
     QCOMPARE(m_env->storage().getVpnCredentials().password, m_password);
 
-    m_env->manager().setOnConnectionStateChange([states = m_states](int state) {
-        std::lock_guard lock(states->mutex);
-        states->values << state;
-    });
+    m_states = m_env->recordReports();
 }
 
 void TestE2eTunnel::cleanupTestCase()
@@ -163,7 +148,7 @@ void TestE2eTunnel::wrongPasswordIsRejectedByTheServer()
     m_env->storage().storeVPNCredentials(m_user, m_password + QStringLiteral("-wrong"));
     {
         std::lock_guard lock(m_states->mutex);
-        m_states->values.clear();
+        m_states->states.clear();
     }
     NQVPNManager &vpn = m_env->manager();
     vpn.startVPNConnectionWithConfigContent(profile, vpn.currentCountry()->countryName);

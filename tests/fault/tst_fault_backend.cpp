@@ -33,45 +33,42 @@ struct Request {
     QString name, prefix;
     std::function<void(Report)> send;
 };
+NQIdentityServer &server()
+{
+    return NQIdentityServer::sharedManager();
+}
 const QList<Request> &requests()
 {
     static const QList<Request> all{
         {"label settings", "/api1/Configuration/labelsettings",
          [](Report r) {
-             NQIdentityServer::sharedManager().labelsettingsForLabelID(
-                 "20014", AppConfig::deviceUniqueID(), {}, 1, "en", "2.1.0",
-                 [r](const auto &, const auto &, const auto &, const NQErrorOpt &e) { r(text(e)); });
+             server().labelsettingsForLabelID("20014", AppConfig::deviceUniqueID(), {}, 1, "en", "2.1.0",
+                                              [r](auto &, auto &, auto &, const NQErrorOpt &e) { r(text(e)); });
          }},
         {"extension link", "/api1/Configuration/extensiondownload",
          [](Report r) {
-             NQIdentityServer::sharedManager().fetchBrowserExtensionConfigForLabelID(
+             server().fetchBrowserExtensionConfigForLabelID(
                  "20014", "chrome", [r](bool, const QString &, const NQErrorOpt &e) { r(text(e)); });
          }},
         {"install stats", "/Configuration/installstats",
          [](Report r) {
-             NQIdentityServer::sharedManager().reportAnalyticsEventForLabelID(
+             server().reportAnalyticsEventForLabelID(
                  "20014", "DEV", "MACHINE", "en", {}, "2.1.0", 0, true,
                  [r](bool sent, const NQErrorOpt &e) { r(e || sent ? text(e) : QStringLiteral("not sent")); });
          }},
         {"registerVpn", "/api1/vpnapi/create",
-         [](Report r) {
-             NQIdentityServer::sharedManager().registerVpnApi(
-                 [r](const QString &, const QString &, const QString &error) { r(error); });
-         }},
+         [](Report r) { server().registerVpnApi([r](auto &, auto &, const QString &error) { r(error); }); }},
         {"location", "/api1/helper/iptocountry",
          [](Report r) {
-             BackofficeApiDesktop::checkMyLocation(
-                 [r](const QString &, const QString &, const QString &, const QString &error) { r(error); });
+             BackofficeApiDesktop::checkMyLocation([r](auto &, auto &, auto &, auto &error) { r(error); });
          }},
         {"countries", "/api1/vpnapi/serverlist",
          [](Report r) {
-             NQVPNManager::sharedManager().getCountries(
-                 [r](const QList<NQVPNCountry> &, const NQErrorOpt &e) { r(text(e)); });
+             NQVPNManager::sharedManager().getCountries([r](auto &, const NQErrorOpt &e) { r(text(e)); });
          }},
         {"profile", "/api1/vpnapi/serverovpn",
          [](Report r) {
-             NQVPNManager::sharedManager().getCountryVPNConfig(
-                 101, [r](const QString &, const QString &, const NQErrorOpt &e) { r(text(e)); });
+             NQVPNManager::sharedManager().getCountryVPNConfig(101, [r](auto &, auto &, auto &e) { r(text(e)); });
          }},
         // A failed check means "no update"; the reason is in the log.
         {"update check", "/update/latest",

@@ -12,19 +12,15 @@
 #include <QtTest>
 
 #include <csignal>
-#include <mutex>
 
 namespace {
-constexpr int kWaitMs = 15000;
-
 const QByteArray kPassingSudo = "#!/bin/sh\nexec \"$@\"\n";
 const QByteArray kRefusingSudo = "#!/bin/sh\necho 'sudo: a password is required' >&2\nexit 1\n";
 // Reports a tunnel and stays until killed; its pid is left next to it.
 const QByteArray kConnectingClient = "#!/bin/sh\necho $$ > \"$(dirname \"$0\")/pid\"\n"
                                      "printf 'ovpncli: state CONNECTED\\n'\nwhile :; do sleep 1; done\n";
 
-// A keychain that can be locked or taken away while the program runs (a failed lookup never
-// reaches add or remove).
+// A keychain that can be locked or taken away while the program runs.
 class FlakySecrets : public FileSecretBackend {
 public:
     using FileSecretBackend::FileSecretBackend;
@@ -36,6 +32,10 @@ public:
     Result update(const QString &s, const QString &a, const QByteArray &d) override
     {
         return failure ? fail() : FileSecretBackend::update(s, a, d);
+    }
+    Result add(const QString &s, const QString &a, const QByteArray &d) override
+    {
+        return failure ? fail() : FileSecretBackend::add(s, a, d);
     }
 
 private:
@@ -50,14 +50,7 @@ class TestFaultLocal : public QObject {
     QString m_mount;
     std::shared_ptr<FlakySecrets> m_secrets;
     std::unique_ptr<VpnTestEnvironment> m_env;
-    std::mutex m_mutex;
-    QList<int> m_states;
-
-    QList<int> reported()
-    {
-        std::lock_guard lock(m_mutex);
-        return m_states;
-    }
+    std::shared_ptr<VpnReports> m_reports;
     // A fresh world whose temporary folder is `tmp` (empty: the default) and whose user has an
     // account, a language and a stored state.
     void makeWorld(const QString &tmp = {})
@@ -69,10 +62,7 @@ class TestFaultLocal : public QObject {
         m_env->storage().storeVPNCredentials(QStringLiteral("kept-user"), QStringLiteral("kept-pass"));
         m_env->storage().storeAppLanguageCode(QStringLiteral("de"));
         m_env->storage().storeVPNStatus(1);
-        m_env->manager().setOnConnectionStateChange([this](int state) {
-            std::lock_guard lock(m_mutex);
-            m_states << state;
-        });
+        m_reports = m_env->recordReports();
     }
     // What the next run reads: the keychain's account and the settings as they were.
     void expectNothingLost()
@@ -105,7 +95,6 @@ class TestFaultLocal : public QObject {
     }
 
 private slots:
-    void init() { m_states.clear(); }
     void cleanup()
     {
         m_env.reset();
@@ -167,14 +156,12 @@ private slots:
         }
         m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client\nauth-user-pass\n"),
                                                              QStringLiteral("DE"));
-        QTRY_COMPARE_WITH_TIMEOUT(reported(), states, kWaitMs);
-        if (kill) {
-            QFile pidFile(m_env->root() + QStringLiteral("/helpers/pid"));
-            QVERIFY(pidFile.open(QIODevice::ReadOnly));
-            QCOMPARE(::kill(static_cast<pid_t>(pidFile.readAll().trimmed().toLongLong()), SIGKILL), 0);
-        }
+        QTRY_COMPARE_WITH_TIMEOUT(m_reports->snapshot(), states, kVpnWaitMs);
+        if (kill) // the owner is told the tunnel is down
+            QCOMPARE(::kill(contentOf(m_env->root() + QStringLiteral("/helpers/pid")).trimmed().toInt(), SIGKILL), 0);
         for (const QString &text : logs)
-            QTRY_VERIFY2_WITH_TIMEOUT(!log.lines().filter(text).isEmpty(), qPrintable(text), kWaitMs);
+            QTRY_VERIFY2_WITH_TIMEOUT(!log.lines().filter(text).isEmpty(), qPrintable(text), kVpnWaitMs);
+        QTRY_COMPARE_WITH_TIMEOUT(m_reports->endsSnapshot().size(), kill || sudo == kRefusingSudo ? 1 : 0, kVpnWaitMs);
         // The state follows the last output (or stays as it was when nothing started).
         QCOMPARE(m_env->storage().getVPNStatus(), states.isEmpty() ? 1 : states.last());
         expectNothingLost();
@@ -235,6 +222,34 @@ private slots:
                  1);
         api.sendScrambleNow(); // the bridge goes on without a server
         expectNothingLost();
+    }
+
+    // The manager's own password helpers: added once, then updated in place; a keychain that
+    // cannot be reached leaves a line with its status, gives nothing back and keeps the password.
+    void managerPasswordHelpers()
+    {
+        makeWorld();
+        LogCapture log;
+        NQVPNManager &vpn = m_env->manager();
+        QVERIFY(vpn.retrievePasswordFromKeychain().isNull());
+        vpn.savePasswordToKeychain(QStringLiteral("first"));
+        vpn.savePasswordToKeychain(QStringLiteral("second"));
+        QCOMPARE(vpn.retrievePasswordFromKeychain(), QStringLiteral("second"));
+        m_secrets->failure = -25308;
+        vpn.savePasswordToKeychain(QStringLiteral("third"));
+        QVERIFY(vpn.retrievePasswordFromKeychain().isNull());
+        m_secrets->failure.reset();
+        QCOMPARE(vpn.retrievePasswordFromKeychain(), QStringLiteral("second"));
+        const QString m = QStringLiteral("|NQVPNManager| ");
+        QCOMPARE(log.lines().filter(m),
+                 (QStringList{m + "No password found in Keychain for the given service and account.",
+                              m + "Password successfully saved to Keychain.",
+                              m + "Password already exists in Keychain. Updating it.",
+                              m + "Password successfully updated in Keychain.",
+                              m + "Password successfully retrieved from Keychain.",
+                              m + "Failed to save password to Keychain with error: -25308",
+                              m + "Failed to retrieve password from Keychain with error: -25308",
+                              m + "Password successfully retrieved from Keychain."}));
     }
 };
 

@@ -1,47 +1,13 @@
 // The tunnel process controller against stand-in sudo and ovpncli programs: every marker
 // rule and state transition, launch failures and the stop sequence.
-#include "foundation/MainQueue.h"
 #include "support/LogCapture.h"
 #include "support/VpnTestEnvironment.h"
-#include "vpn/TunnelClientEnd.h"
 
 #include <QtTest>
 
 #include <csignal>
-#include <mutex>
 
 #include <unistd.h>
-
-namespace {
-constexpr int kWaitMs = 15000;
-
-const QByteArray kStandInSudo = VpnTestEnvironment::kStandInSudo;
-const QByteArray kStandInClient = VpnTestEnvironment::kStandInClient;
-
-const QByteArray kConnectThenWait = VpnTestEnvironment::kConnectThenWait;
-
-struct StateLog {
-    mutable std::mutex mutex;
-    QList<int> states;
-    QList<bool> onMainThread;
-    QList<int> snapshot() const
-    {
-        std::lock_guard lock(mutex);
-        return states;
-    }
-};
-
-QByteArray contentOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-bool processAlive(qint64 pid)
-{
-    return pid > 0 && ::kill(static_cast<pid_t>(pid), 0) == 0;
-}
-} // namespace
 
 class TestVpnTunnel : public QObject {
     Q_OBJECT
@@ -50,53 +16,41 @@ private slots:
     void cleanup();
     void connectAndStop();
     void markersAreReadChunkByChunk();
-    void theExitItselfChangesNoState();
-    void launchFailureLeavesConnecting();
-    void missingClientChangesNothing();
-    void missingCredentialsStillStart();
+    void eachRunEndsAsItsOutputSaid_data();
+    void eachRunEndsAsItsOutputSaid();
+    void startsThatCannotRunChangeNothingMore();
     void staleClientNeverTouchesANewLaunch();
-    void refusedOrSilentEndsAreHandedToTheOwner();
-    void stopWithNothingRunning();
-    void stopWithAClientThatIgnoresSignals();
-    void stopDoesNotWaitForeverForTheKillByName();
+    void stopEndsDisconnectedWhateverTheKillByNameDoes();
 
 private:
-    void install(const QByteArray &behaviour);
+    void install(const QByteArray &behaviour)
+    {
+        m_env->writeFile(QStringLiteral("helpers/ovpncli"), VpnTestEnvironment::kStandInClient, true);
+        m_env->writeFile(QStringLiteral("helpers/behaviour"), behaviour);
+    }
+    void start() { m_env->manager().startVPNConnectionWithConfigContent("client", "DE"); }
     qint64 clientPid() const
     {
         return contentOf(m_env->root() + QStringLiteral("/helpers/pid")).trimmed().toLongLong();
     }
-    void waitForOutput(const QString &text);
+    bool logged(const QString &text) const
+    {
+        return m_logs->lines().contains(QStringLiteral("|NQVPNManager| ") + text);
+    }
+    QList<int> states() const { return m_reports->snapshot(); }
 
     std::unique_ptr<VpnTestEnvironment> m_env;
     std::unique_ptr<LogCapture> m_logs;
-    std::shared_ptr<StateLog> m_states;
-    std::shared_ptr<std::mutex> m_endsMutex = std::make_shared<std::mutex>();
-    std::shared_ptr<QList<TunnelClientEnd>> m_ends;
-    QList<TunnelClientEnd> ends() const
-    {
-        std::lock_guard lock(*m_endsMutex);
-        return *m_ends;
-    }
+    std::shared_ptr<VpnReports> m_reports;
 };
 
 void TestVpnTunnel::init()
 {
     m_env = std::make_unique<VpnTestEnvironment>();
     m_logs = std::make_unique<LogCapture>();
-    m_env->writeFile(QStringLiteral("sudo"), kStandInSudo, true);
+    m_env->writeFile(QStringLiteral("sudo"), VpnTestEnvironment::kStandInSudo, true);
     m_env->storage().storeVPNCredentials(QStringLiteral("user"), QStringLiteral("secret"));
-    m_states = std::make_shared<StateLog>();
-    m_env->manager().setOnConnectionStateChange([states = m_states](int state) {
-        std::lock_guard lock(states->mutex);
-        states->states << state;
-        states->onMainThread << MainQueue::isMainThread();
-    });
-    m_ends = std::make_shared<QList<TunnelClientEnd>>();
-    m_env->manager().setOnClientEnded([ends = m_ends, mutex = m_endsMutex](const TunnelClientEnd &end) {
-        std::lock_guard lock(*mutex);
-        *ends << end;
-    });
+    m_reports = m_env->recordReports();
 }
 
 void TestVpnTunnel::cleanup()
@@ -104,77 +58,60 @@ void TestVpnTunnel::cleanup()
     // A client left running by a failed test must not outlive it.
     if (const qint64 pid = clientPid(); processAlive(pid)) {
         ::kill(static_cast<pid_t>(pid), SIGKILL);
-        QTRY_VERIFY_WITH_TIMEOUT(!m_logs->lines().filter(QStringLiteral("OpenVPN process terminated")).isEmpty(),
-                                 kWaitMs);
+        QTRY_VERIFY_WITH_TIMEOUT(!m_logs->lines().filter("OpenVPN process terminated").isEmpty(), kVpnWaitMs);
     }
     m_logs.reset();
     m_env.reset();
 }
 
-void TestVpnTunnel::install(const QByteArray &behaviour)
-{
-    m_env->writeFile(QStringLiteral("helpers/ovpncli"), kStandInClient, true);
-    m_env->writeFile(QStringLiteral("helpers/behaviour"), behaviour);
-}
-
-void TestVpnTunnel::waitForOutput(const QString &text)
-{
-    QTRY_VERIFY_WITH_TIMEOUT(m_logs->lines().contains(QStringLiteral("|NQVPNManager| Output: ") + text), kWaitMs);
-}
-
 void TestVpnTunnel::connectAndStop()
 {
-    install(kConnectThenWait);
+    install(VpnTestEnvironment::kConnectThenWait);
     NQVPNManager &vpn = m_env->manager();
     NQVPNCountry germany;
     germany.countryName = QStringLiteral("Germany");
     vpn.setCurrentCountry(germany);
 
     vpn.startVPNConnectionWithConfigContent(QStringLiteral("client\nauth-user-pass\n"), QStringLiteral("Germany"));
-    QCOMPARE(m_states->snapshot().value(0), 2);
-    QTRY_COMPARE_WITH_TIMEOUT(m_states->snapshot(), (QList<int>{2, 3}), kWaitMs);
+    QCOMPARE(states(), QList<int>{2});
+    QTRY_COMPARE_WITH_TIMEOUT(states(), (QList<int>{2, 3}), kVpnWaitMs);
     QCOMPARE(m_env->storage().getVPNStatus(), 3);
     // 2 on the caller's thread, 3 from the output reader.
-    QCOMPARE(m_states->onMainThread, (QList<bool>{true, false}));
-    QVERIFY(m_logs->lines().contains(QStringLiteral("|NQVPNManager| OpenVPN process started with sudo.")));
-    QVERIFY(m_logs->lines().contains(QStringLiteral("|NQVPNManager| VPN Connected Successfully.")));
+    QCOMPARE(m_reports->onMainThread, (QList<bool>{true, false}));
+    QVERIFY(logged("OpenVPN process started with sudo."));
+    QVERIFY(logged("VPN Connected Successfully."));
 
     // sudo got the client and the profile, nothing else; the client read the rewritten profile.
     const QString tmp = m_env->temporaryDirectory();
     const QString profile = tmp + QStringLiteral("/NQ_VPN_Germany.ovpn");
     QCOMPARE(contentOf(m_env->root() + QStringLiteral("/sudo-calls")),
              (m_env->helpersDirectory() + QStringLiteral("/ovpncli ") + profile + QLatin1Char('\n')).toUtf8());
-    QCOMPARE(contentOf(m_env->root() + QStringLiteral("/helpers/args")), (profile + QLatin1Char('\n')).toUtf8());
     QCOMPARE(contentOf(m_env->root() + QStringLiteral("/helpers/profile-at-launch")),
              ("client\nauth-user-pass " + tmp + "/auth.txt\n").toUtf8());
     QCOMPARE(contentOf(tmp + QStringLiteral("/auth.txt")), QByteArray("user\nsecret"));
     // The pid recorded is the launched process (the stand-in sudo replaces itself by the client).
-    QCOMPARE(contentOf(tmp + QStringLiteral("/PelorinVPN.pid")).toLongLong(), clientPid());
-
     const qint64 pid = clientPid();
+    QCOMPARE(contentOf(tmp + QStringLiteral("/PelorinVPN.pid")).toLongLong(), pid);
+
     vpn.stopVPNConnection();
     // Stop blocks until the kill by name is done, and ends in 1.
-    QCOMPARE(m_states->snapshot().mid(0, 4), (QList<int>{2, 3, 5, 1}));
+    QCOMPARE(states().mid(0, 4), (QList<int>{2, 3, 5, 1}));
     QCOMPARE(m_env->storage().getVPNStatus(), 1);
     QVERIFY(!vpn.currentCountry());
     QVERIFY(m_env->temporaryEntries().isEmpty());
     QVERIFY(contentOf(m_env->root() + QStringLiteral("/sudo-calls")).endsWith("pkill ovpncli\n"));
-    QVERIFY(m_logs->lines().contains(
-        QStringLiteral("|NQVPNManager| All OpenVPN connections have been disconnected successfully.")));
-    QTRY_VERIFY_WITH_TIMEOUT(!processAlive(pid), kWaitMs);
+    QVERIFY(logged("All OpenVPN connections have been disconnected successfully."));
+    QTRY_VERIFY_WITH_TIMEOUT(!processAlive(pid), kVpnWaitMs);
     // Both sudo runs (client, kill by name) were in a session other than ours.
     const QList<QByteArray> sessions = contentOf(m_env->root() + QStringLiteral("/sudo-sessions")).split('\n');
     QCOMPARE(sessions.size(), 3);
     for (const QByteArray &session : sessions.mid(0, 2))
         QVERIFY(session.toLongLong() != ::getsid(0));
     // The client's last words are read too, and the exit is logged without a state of its own.
-    QTRY_VERIFY_WITH_TIMEOUT(
-        m_logs->lines().contains(QStringLiteral("|NQVPNManager| OpenVPN process terminated with exit code: 143")),
-        kWaitMs);
-    QVERIFY(m_logs->lines().contains(QStringLiteral("|NQVPNManager| Output: ovpncli: Exiting due to signal 15\n")));
-    const QList<int> states = m_states->snapshot();
-    QVERIFY(states.size() <= 5);
-    QCOMPARE(states.last(), 1);
+    QTRY_VERIFY_WITH_TIMEOUT(logged("OpenVPN process terminated with exit code: 143"), kVpnWaitMs);
+    QVERIFY(logged("Output: ovpncli: Exiting due to signal 15\n"));
+    QCOMPARE(states().last(), 1);
+    QVERIFY(states().size() <= 5);
 }
 
 void TestVpnTunnel::markersAreReadChunkByChunk()
@@ -187,87 +124,106 @@ printf 'AUTH_FAILED\n'; step 3
 printf 'ovpncli: state CONNECTED\n'; step 5
 printf '\xff DISCONNECTED\n'
 )SH");
-    m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
+    start();
     const auto go = [this](int step) { m_env->writeFile(QStringLiteral("helpers/go%1").arg(step), {}); };
+    const auto after = [this, &go](int step, const QList<int> &expected) {
+        go(step);
+        QTRY_COMPARE_WITH_TIMEOUT(states(), expected, kVpnWaitMs);
+        QCOMPARE(m_env->storage().getVPNStatus(), expected.last());
+    };
 
     // A marker split across two chunks is not recognised.
-    waitForOutput(QStringLiteral("ovpncli: state CONN"));
+    QTRY_VERIFY_WITH_TIMEOUT(logged("Output: ovpncli: state CONN"), kVpnWaitMs);
     go(1);
-    waitForOutput(QStringLiteral("ECTED\n"));
-    QCOMPARE(m_states->snapshot(), QList<int>{2});
-    go(2);
-    QTRY_COMPARE_WITH_TIMEOUT(m_states->snapshot(), (QList<int>{2, 0}), kWaitMs);
-    QCOMPARE(m_env->storage().getVPNStatus(), 0);
-    QVERIFY(m_logs->lines().contains(QStringLiteral("|NQVPNManager| VPN Authentication Failed.")));
+    QTRY_VERIFY_WITH_TIMEOUT(logged("Output: ECTED\n"), kVpnWaitMs);
+    QCOMPARE(states(), QList<int>{2});
+    after(2, {2, 0});
+    QVERIFY(logged("VPN Authentication Failed."));
     // Connect and disconnect in one chunk (one write, hence coreutils printf): disconnected.
-    go(3);
-    QTRY_COMPARE_WITH_TIMEOUT(m_states->snapshot(), (QList<int>{2, 0, 1}), kWaitMs);
-    QVERIFY(m_logs->lines().contains(QStringLiteral("|NQVPNManager| VPN Disconnected.")));
-    go(4);
-    QTRY_COMPARE_WITH_TIMEOUT(m_states->snapshot(), (QList<int>{2, 0, 1, 3}), kWaitMs);
+    after(3, {2, 0, 1});
+    QVERIFY(logged("VPN Disconnected."));
+    after(4, {2, 0, 1, 3});
     // A last chunk that is not UTF-8 is dropped whole, marker and all, without a log line;
     // the exit itself changes nothing.
     go(5);
-    QTRY_VERIFY_WITH_TIMEOUT(
-        m_logs->lines().contains(QStringLiteral("|NQVPNManager| OpenVPN process terminated with exit code: 0")),
-        kWaitMs);
-    QCOMPARE(m_states->snapshot(), (QList<int>{2, 0, 1, 3}));
+    QTRY_VERIFY_WITH_TIMEOUT(logged("OpenVPN process terminated with exit code: 0"), kVpnWaitMs);
+    QCOMPARE(states(), (QList<int>{2, 0, 1, 3}));
     QCOMPARE(m_env->storage().getVPNStatus(), 3);
-    QVERIFY(m_logs->lines().filter(QStringLiteral("DISCONNECTED\n")).size() == 1);
+    QCOMPARE(m_logs->lines().filter("DISCONNECTED\n").size(), 1);
 }
 
-void TestVpnTunnel::theExitItselfChangesNoState()
+void TestVpnTunnel::eachRunEndsAsItsOutputSaid_data()
 {
-    // Whatever the last output said stays: an authentication failure, or nothing at all.
-    const QList<QPair<QByteArray, QList<int>>> runs = {
-        {"printf 'AUTH: Received control message: AUTH_FAILED\\n'\nexit 1\n", {2, 0}},
-        {"exit 3\n", {2, 0, 2}},
-    };
-    for (const auto &[behaviour, states] : runs) {
+    QTest::addColumn<QByteArray>("behaviour"); // "refuse": sudo refuses; "# forget": no account stored
+    QTest::addColumn<QList<int>>("states");
+    QTest::addColumn<int>("end"); // what the owner is handed: -1 nothing, else the kind
+    QTest::addColumn<int>("exitStatus");
+    const int refused = int(TunnelClientEnd::Kind::PrivilegeRefused);
+    const int unreported = int(TunnelClientEnd::Kind::EndedUnreported);
+    // Whatever the last output said stays: the exit itself changes no state. A run that ended
+    // with its final marker is nobody's business; any other is handed to the owner, whose
+    // part it is to tell the user and stop.
+    QTest::newRow("authentication refused")
+        << QByteArray("printf 'AUTH: Received control message: AUTH_FAILED\\n'\nexit 1\n") << QList<int>{2, 0}
+        << unreported << 1;
+    QTest::newRow("no account stored: the server refuses it")
+        << QByteArray("# forget\n/usr/bin/printf 'ovpncli: AUTH_FAILED\\novpncli: connect error\\n'\nexit 1\n")
+        << QList<int>{2, 1} << -1 << 1;
+    QTest::newRow("silent exit") << QByteArray("exit 3\n") << QList<int>{2} << unreported << 3;
+    QTest::newRow("sudo refuses") << QByteArray("refuse") << QList<int>{2} << refused << 1;
+}
+
+void TestVpnTunnel::eachRunEndsAsItsOutputSaid()
+{
+    QFETCH(QByteArray, behaviour);
+    QFETCH(QList<int>, states);
+    QFETCH(int, end);
+    QFETCH(int, exitStatus);
+    install(VpnTestEnvironment::kConnectThenWait);
+    if (behaviour == "refuse")
+        m_env->writeFile(QStringLiteral("sudo-refuses"), {});
+    else
         install(behaviour);
-        m_logs->clear();
-        m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
-        QTRY_VERIFY_WITH_TIMEOUT(
-            !m_logs->lines()
-                 .filter(QStringLiteral("|NQVPNManager| OpenVPN process terminated with exit code: "))
-                 .isEmpty(),
-            kWaitMs);
-        QCOMPARE(m_states->snapshot(), states);
-        QCOMPARE(m_env->storage().getVPNStatus(), states.last());
+    if (behaviour.startsWith("# forget"))
+        m_env->storage().removeVpnCredentials();
+    start();
+    QTRY_VERIFY_WITH_TIMEOUT(logged(QStringLiteral("OpenVPN process terminated with exit code: %1").arg(exitStatus)),
+                             kVpnWaitMs);
+    QCOMPARE(this->states(), states);
+    QCOMPARE(m_env->storage().getVPNStatus(), states.last());
+    if (behaviour.startsWith("# forget")) // the file says so and the start goes on
+        QCOMPARE(contentOf(m_env->temporaryDirectory() + QStringLiteral("/auth.txt")), QByteArray("(null)\n(null)"));
+    QTRY_COMPARE_WITH_TIMEOUT(m_reports->endsSnapshot().size(), end < 0 ? 0 : 1, kVpnWaitMs);
+    const QList<TunnelClientEnd> ends = m_reports->endsSnapshot();
+    if (end < 0)
+        return;
+    QCOMPARE(int(ends.first().kind), end);
+    QCOMPARE(ends.first().exitStatus, exitStatus);
+    if (behaviour == "refuse") { // the owner learns why and what to do
+        QVERIFY(ends.first().detail.startsWith(QStringLiteral("sudo: a terminal is required")));
+        QVERIFY(ends.first().message().contains(QStringLiteral("group \"pelorin-vpn\"")));
+        QVERIFY(ends.first().message().contains(QStringLiteral("log out and in again")));
     }
 }
 
-void TestVpnTunnel::launchFailureLeavesConnecting()
+void TestVpnTunnel::startsThatCannotRunChangeNothingMore()
 {
-    install(kConnectThenWait);
-    // A sudo that cannot be run.
-    QFile::setPermissions(m_env->root() + QStringLiteral("/sudo"), QFileDevice::ReadOwner);
-    m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
-    QCOMPARE(m_states->snapshot(), QList<int>{2});
-    QCOMPARE(m_env->storage().getVPNStatus(), 2);
-    QCOMPARE(m_logs->lines().filter(QStringLiteral("|NQVPNManager| Failed to start OpenVPN with sudo: ")).size(), 1);
-    QVERIFY(!m_logs->lines().contains(QStringLiteral("|NQVPNManager| OpenVPN process started with sudo.")));
-    QVERIFY(!m_env->temporaryEntries().contains(QStringLiteral("PelorinVPN.pid")));
-}
-
-void TestVpnTunnel::missingClientChangesNothing()
-{
+    // No client: nothing starts and the state is left alone.
     m_env->storage().storeVPNStatus(1);
-    m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
+    start();
     QCOMPARE(m_logs->lines().last(), QStringLiteral("|NQVPNManager| OpenVPN executable not found."));
-    QVERIFY(m_states->snapshot().isEmpty());
+    QVERIFY(states().isEmpty());
     QCOMPARE(m_env->storage().getVPNStatus(), 1);
-}
 
-void TestVpnTunnel::missingCredentialsStillStart()
-{
-    // Nothing stored: the file says so and the start goes on; the server's refusal decides.
-    install("printf 'ovpncli: AUTH_FAILED\\novpncli: connect error\\n'\n");
-    m_env->storage().removeVpnCredentials();
-    m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
-    QCOMPARE(contentOf(m_env->temporaryDirectory() + QStringLiteral("/auth.txt")), QByteArray("(null)\n(null)"));
-    QTRY_COMPARE_WITH_TIMEOUT(m_states->snapshot().last(), 1, kWaitMs);
-    QCOMPARE(m_states->snapshot().first(), 2);
+    // A sudo that cannot be run: connecting, until the user cancels.
+    install(VpnTestEnvironment::kConnectThenWait);
+    QFile::setPermissions(m_env->root() + QStringLiteral("/sudo"), QFileDevice::ReadOwner);
+    start();
+    QCOMPARE(states(), QList<int>{2});
+    QCOMPARE(m_env->storage().getVPNStatus(), 2);
+    QCOMPARE(m_logs->lines().filter("|NQVPNManager| Failed to start OpenVPN with sudo: ").size(), 1);
+    QVERIFY(!logged("OpenVPN process started with sudo."));
+    QVERIFY(!m_env->temporaryEntries().contains(QStringLiteral("PelorinVPN.pid")));
 }
 
 void TestVpnTunnel::staleClientNeverTouchesANewLaunch()
@@ -278,95 +234,49 @@ if [ -e "$here/second" ]; then printf 'ovpncli: state CONNECTED\n'; step 2; exit
 step 1
 printf 'ovpncli: Exiting due to signal 15\n'
 )SH");
-    m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
-    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(m_env->root() + QStringLiteral("/helpers/pid")), kWaitMs);
+    start();
+    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(m_env->root() + QStringLiteral("/helpers/pid")), kVpnWaitMs);
     const qint64 first = clientPid();
     m_env->writeFile(QStringLiteral("helpers/second"), {});
-    m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
-    QTRY_COMPARE_WITH_TIMEOUT(m_states->snapshot(), (QList<int>{2, 2, 3}), kWaitMs);
+    start();
+    QTRY_COMPARE_WITH_TIMEOUT(states(), (QList<int>{2, 2, 3}), kVpnWaitMs);
     m_env->writeFile(QStringLiteral("helpers/go1"), {});
-    waitForOutput(QStringLiteral("ovpncli: Exiting due to signal 15\n"));
-    QTRY_VERIFY_WITH_TIMEOUT(!processAlive(first), kWaitMs);
-    QTRY_VERIFY_WITH_TIMEOUT(
-        m_logs->lines().contains(QStringLiteral("|NQVPNManager| OpenVPN process terminated with exit code: 0")),
-        kWaitMs);
-    QCOMPARE(m_states->snapshot(), (QList<int>{2, 2, 3}));
+    QTRY_VERIFY_WITH_TIMEOUT(logged("Output: ovpncli: Exiting due to signal 15\n"), kVpnWaitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(!processAlive(first), kVpnWaitMs);
+    QTRY_VERIFY_WITH_TIMEOUT(logged("OpenVPN process terminated with exit code: 0"), kVpnWaitMs);
+    QCOMPARE(states(), (QList<int>{2, 2, 3}));
     QCOMPARE(m_env->storage().getVPNStatus(), 3);
-    QVERIFY(ends().isEmpty());
+    QVERIFY(m_reports->endsSnapshot().isEmpty());
 }
 
-void TestVpnTunnel::refusedOrSilentEndsAreHandedToTheOwner()
+void TestVpnTunnel::stopEndsDisconnectedWhateverTheKillByNameDoes()
 {
-    // sudo refuses: the client never runs; the owner learns why and what to do.
-    install(kConnectThenWait);
-    m_env->writeFile(QStringLiteral("sudo-refuses"), {});
-    m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
-    QTRY_COMPARE_WITH_TIMEOUT(ends().size(), 1, kWaitMs);
-    const TunnelClientEnd refused = ends().first();
-    QCOMPARE(refused.kind, TunnelClientEnd::Kind::PrivilegeRefused);
-    QVERIFY(refused.detail.startsWith(QStringLiteral("sudo: a terminal is required")));
-    QVERIFY(refused.message().contains(QStringLiteral("group \"pelorin-vpn\"")));
-    QVERIFY(refused.message().contains(QStringLiteral("log out and in again")));
-    // The state is the owner's to change (it stops); the exit itself changed nothing.
-    QCOMPARE(m_states->snapshot(), QList<int>{2});
-
-    // A client that vanishes without its final line (killed) is handed over too.
-    QFile::remove(m_env->root() + QStringLiteral("/sudo-refuses"));
-    m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
-    QTRY_COMPARE_WITH_TIMEOUT(m_states->snapshot(), (QList<int>{2, 2, 3}), kWaitMs);
-    ::kill(static_cast<pid_t>(clientPid()), SIGKILL);
-    QTRY_COMPARE_WITH_TIMEOUT(ends().size(), 2, kWaitMs);
-    QCOMPARE(ends().last().kind, TunnelClientEnd::Kind::EndedUnreported);
-    QCOMPARE(ends().last().exitStatus, 9);
-
-    // A run that ended with its marker is nobody's business.
-    install("printf 'ovpncli: connect error\\n'\nexit 1\n");
-    m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
-    QTRY_VERIFY_WITH_TIMEOUT(
-        m_logs->lines().contains(QStringLiteral("|NQVPNManager| OpenVPN process terminated with exit code: 1")),
-        kWaitMs);
-    QCOMPARE(ends().size(), 2);
-}
-
-void TestVpnTunnel::stopWithNothingRunning()
-{
+    // Nothing running: pkill's status 1 is reported as a failure, with its (empty) output.
     m_env->writeFile(QStringLiteral("run/tmp/leftover"), "x");
-    m_env->writeFile(QStringLiteral("run/tmp/openvpn.state"), "x");
     m_env->manager().stopVPNConnection();
-    QCOMPARE(m_states->snapshot(), (QList<int>{5, 1}));
-    QCOMPARE(m_states->onMainThread, (QList<bool>{true, true}));
-    QCOMPARE(m_env->storage().getVPNStatus(), 1);
-    // pkill found nothing: its status 1 is reported as a failure, with its (empty) output.
-    QVERIFY(
-        m_logs->lines().contains(QStringLiteral("|NQVPNManager| Failed to disconnect OpenVPN connections. Error: ")));
+    QCOMPARE(states(), (QList<int>{5, 1}));
+    QCOMPARE(m_reports->onMainThread, (QList<bool>{true, true}));
+    QVERIFY(logged("Failed to disconnect OpenVPN connections. Error: "));
     QVERIFY(m_env->temporaryEntries().isEmpty());
-}
 
-void TestVpnTunnel::stopWithAClientThatIgnoresSignals()
-{
-    install(R"SH(
-trap '' TERM INT HUP
-printf 'ovpncli: state CONNECTED\n'
-while :; do sleep 0.2; done
-)SH");
-    m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client"), QStringLiteral("DE"));
-    QTRY_COMPARE_WITH_TIMEOUT(m_states->snapshot(), (QList<int>{2, 3}), kWaitMs);
+    // A client that ignores signals: the kill by name reached it (status 0), so the stop
+    // reports success and ends in 1 even though this client is still there.
+    install("trap '' TERM INT HUP\nprintf 'ovpncli: state CONNECTED\\n'\nwhile :; do sleep 0.2; done\n");
+    start();
+    QTRY_COMPARE_WITH_TIMEOUT(states(), (QList<int>{5, 1, 2, 3}), kVpnWaitMs);
     m_env->manager().stopVPNConnection();
-    // The kill by name reached it (pkill status 0), so the stop reports success and ends in 1
-    // even though this client is still there.
-    QCOMPARE(m_states->snapshot(), (QList<int>{2, 3, 5, 1}));
-    QVERIFY(m_logs->lines().contains(
-        QStringLiteral("|NQVPNManager| All OpenVPN connections have been disconnected successfully.")));
+    QCOMPARE(states(), (QList<int>{5, 1, 2, 3, 5, 1}));
+    QVERIFY(logged("All OpenVPN connections have been disconnected successfully."));
     QVERIFY(processAlive(clientPid()));
-}
+    ::kill(static_cast<pid_t>(clientPid()), SIGKILL);
+    QTRY_VERIFY_WITH_TIMEOUT(!m_logs->lines().filter("OpenVPN process terminated").isEmpty(), kVpnWaitMs);
 
-void TestVpnTunnel::stopDoesNotWaitForeverForTheKillByName()
-{
+    // A kill by name that hangs is given up on; the stop goes on.
     m_env->writeFile(QStringLiteral("sudo-hangs"), {});
     m_env->manager().setKillByNameTimeoutForTesting(200);
     m_env->manager().stopVPNConnection();
-    QCOMPARE(m_states->snapshot(), (QList<int>{5, 1}));
-    QCOMPARE(m_logs->lines().filter(QStringLiteral("did not finish within 200 ms")).size(), 1);
+    QCOMPARE(states().mid(6), (QList<int>{5, 1}));
+    QCOMPARE(m_logs->lines().filter("did not finish within 200 ms").size(), 1);
 }
 
 QTEST_GUILESS_MAIN(TestVpnTunnel)

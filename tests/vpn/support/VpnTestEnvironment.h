@@ -3,13 +3,50 @@
 #include "foundation/AppStorageManager.h"
 #include "foundation/EventBus.h"
 #include "foundation/KeychainStore.h"
+#include "foundation/MainQueue.h"
 #include "platform/Platform.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "vpn/NQVPNManager.h"
+#include "vpn/TunnelClientEnd.h"
 
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
+
+#include <mutex>
+
+#include <signal.h>
+
+inline constexpr int kVpnWaitMs = 15000;
+
+inline QByteArray contentOf(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+inline bool processAlive(qint64 pid)
+{
+    return pid > 0 && ::kill(static_cast<pid_t>(pid), 0) == 0;
+}
+
+// What the manager reported, from whichever thread it did.
+struct VpnReports {
+    mutable std::mutex mutex;
+    QList<int> states;
+    QList<bool> onMainThread;
+    QList<TunnelClientEnd> ends;
+    QList<int> snapshot() const
+    {
+        std::lock_guard lock(mutex);
+        return states;
+    }
+    QList<TunnelClientEnd> endsSnapshot() const
+    {
+        std::lock_guard lock(mutex);
+        return ends;
+    }
+};
 
 // A fresh world for one VPN test: its own platform folders (temporary, resources, helpers,
 // stand-in sudo), settings store, event bus and manager. Undone on destruction.
@@ -99,6 +136,21 @@ while :; do sleep 1 & wait $!; done
     }
     NQVPNManager &manager() const { return NQVPNManager::sharedManager(); }
     AppStorageManager &storage() const { return AppStorageManager::sharedManager(); }
+
+    std::shared_ptr<VpnReports> recordReports() const
+    {
+        auto reports = std::make_shared<VpnReports>();
+        manager().setOnConnectionStateChange([reports](int state) {
+            std::lock_guard lock(reports->mutex);
+            reports->states << state;
+            reports->onMainThread << MainQueue::isMainThread();
+        });
+        manager().setOnClientEnded([reports](const TunnelClientEnd &end) {
+            std::lock_guard lock(reports->mutex);
+            reports->ends << end;
+        });
+        return reports;
+    }
 
     QStringList temporaryEntries() const
     {
