@@ -38,7 +38,8 @@ def sites(path):
     for n, line in enumerate(lines):
         if SKIP.search(line) or '"' in line and line.count('"') % 2:
             continue
-        code = re.sub(r'"(\\.|[^"\\])*"', '""', line)  # never mutate inside a string
+        # Never mutate inside a string; blanked to the same length so columns still match.
+        code = re.sub(r'"(\\.|[^"\\])*"', lambda m: '"' + "x" * (len(m.group(0)) - 2) + '"', line)
         for kind, pat, rep in RULES:
             for m in pat.finditer(code):
                 out.append({"file": path, "line": n + 1, "kind": kind, "col": m.start(),
@@ -47,7 +48,7 @@ def sites(path):
         if m and not re.match(r"\s*(return|delete|throw|else|case|using|typedef)\b", code) \
                 and "=" not in code.split("(")[0] and code.count("(") == code.count(")"):
             out.append({"file": path, "line": n + 1, "kind": "call", "col": len(m.group(1)),
-                        "before": m.group(2), "after": ";"})
+                        "before": line[m.start(2):m.end(2)], "after": ";"})
     return out
 
 
