@@ -313,5 +313,15 @@
         <extracomment>Copyright line, after the copyright holder</extracomment>
         <translation>Tutti i diritti riservati.</translation>
     </message>
+    <message id="Reconnecting_attempt">
+        <source>Reconnecting (attempt %@)…</source>
+        <extracomment>State line and overlay while the program connects a fallen tunnel again; %@ is the attempt number</extracomment>
+        <translation>Riconnessione (tentativo %@)…</translation>
+    </message>
+    <message id="vpn_credentials_refused">
+        <source>The VPN server refused the credentials. Check your account, then connect again.</source>
+        <extracomment>Alert text when the VPN server refuses the credentials (no further attempt is made)</extracomment>
+        <translation>Il server VPN ha rifiutato le credenziali. Controlla il tuo account, poi connettiti di nuovo.</translation>
+    </message>
 </context>
 </TS>
