@@ -36,9 +36,8 @@ private slots:
         int connects = 0;
         int checks = 0;
         bool up = true;
-        TunnelKeeper keeper({.connect = [&] { ++connects; },
-                             .tunnelUp = [&] { return ++checks, up; },
-                             .changed = [] {}});
+        TunnelKeeper keeper(
+            {.connect = [&] { ++connects; }, .tunnelUp = [&] { return ++checks, up; }, .changed = [] {}});
         keeper.userConnected();
         keeper.stateChanged(VpnStateConnected);
         // A burst of route changes: one check once they settle, and a live tunnel is left alone.
