@@ -358,5 +358,15 @@
         <extracomment>Home screen line while the kill switch blocks traffic</extracomment>
         <translation>Le trafic hors du VPN est bloqué</translation>
     </message>
+    <message id="Reconnecting_attempt">
+        <source>Reconnecting (attempt %@)…</source>
+        <extracomment>State line and overlay while the program connects a fallen tunnel again; %@ is the attempt number</extracomment>
+        <translation>Reconnexion (tentative %@)…</translation>
+    </message>
+    <message id="vpn_credentials_refused">
+        <source>The VPN server refused the credentials. Check your account, then connect again.</source>
+        <extracomment>Alert text when the VPN server refuses the credentials (no further attempt is made)</extracomment>
+        <translation>Le serveur VPN a refusé les identifiants. Vérifiez votre compte, puis reconnectez-vous.</translation>
+    </message>
 </context>
 </TS>

@@ -358,5 +358,15 @@
         <extracomment>Home screen line while the kill switch blocks traffic</extracomment>
         <translation>Il traffico fuori dalla VPN è bloccato</translation>
     </message>
+    <message id="Reconnecting_attempt">
+        <source>Reconnecting (attempt %@)…</source>
+        <extracomment>State line and overlay while the program connects a fallen tunnel again; %@ is the attempt number</extracomment>
+        <translation>Riconnessione (tentativo %@)…</translation>
+    </message>
+    <message id="vpn_credentials_refused">
+        <source>The VPN server refused the credentials. Check your account, then connect again.</source>
+        <extracomment>Alert text when the VPN server refuses the credentials (no further attempt is made)</extracomment>
+        <translation>Il server VPN ha rifiutato le credenziali. Controlla il tuo account, poi connettiti di nuovo.</translation>
+    </message>
 </context>
 </TS>

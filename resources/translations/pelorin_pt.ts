@@ -358,5 +358,15 @@
         <extracomment>Home screen line while the kill switch blocks traffic</extracomment>
         <translation>O tráfego fora da VPN está bloqueado</translation>
     </message>
+    <message id="Reconnecting_attempt">
+        <source>Reconnecting (attempt %@)…</source>
+        <extracomment>State line and overlay while the program connects a fallen tunnel again; %@ is the attempt number</extracomment>
+        <translation>A restabelecer a ligação (tentativa %@)…</translation>
+    </message>
+    <message id="vpn_credentials_refused">
+        <source>The VPN server refused the credentials. Check your account, then connect again.</source>
+        <extracomment>Alert text when the VPN server refuses the credentials (no further attempt is made)</extracomment>
+        <translation>O servidor VPN recusou as credenciais. Verifique a sua conta e volte a ligar.</translation>
+    </message>
 </context>
 </TS>

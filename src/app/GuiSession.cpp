@@ -2,8 +2,12 @@
 
 #include "SignalWatcher.h"
 #include "foundation/AppStorageManager.h"
+#include "foundation/EventBus.h"
+#include "foundation/EventNames.h"
 #include "foundation/Log.h"
 #include "foundation/MainQueue.h"
+#include "platform/Platform.h"
+#include "platform/SystemEvents.h"
 #include "shell/AppDelegate.h"
 #include "shell/DefaultShellEngine.h"
 #include "shell/NQApplication.h"
@@ -48,6 +52,8 @@ struct GuiSession::Parts {
     NQApplication application;
     AppDelegate delegate;
     SignalWatcher watcher;
+    // Made when a tunnel is first wanted: the sleep watch loads Qt D-Bus.
+    std::unique_ptr<SystemEvents> systemEvents;
 };
 
 GuiSession::GuiSession(const QStringList &arguments) : GuiSession(arguments, Options()) {}
@@ -63,27 +69,53 @@ GuiSession::GuiSession(const QStringList &arguments, Options options) : d(std::m
         d->application.terminate();
     });
 
-    // A tunnel client that sudo refused, or that vanished without a word: say why and what to
-    // do, and stop, so the panel does not stay "connecting" or "connected".
+    // A tunnel client that sudo refused: say why and what to do, and stop, so the panel does
+    // not stay "connecting". One that vanished without a word: the tunnel the user wants is
+    // down, and the connection panel brings it back.
     NQVPNManager::sharedManager().setOnClientEnded([this](const TunnelClientEnd &end) {
         MainQueue::async([this, end] {
             const int state = AppStorageManager::sharedManager().getVPNStatus();
             if (state != VpnStateConnecting && state != VpnStateConnected)
                 return;
+            if (end.kind == TunnelClientEnd::Kind::EndedUnreported) {
+                NQLog::line(QStringLiteral("|GuiApp| ") + end.message());
+                NQVPNManager::sharedManager().tunnelLost();
+                return;
+            }
             NQVPNManager::sharedManager().stopVPNConnection();
             AlertRequest request;
-            request.title = end.kind == TunnelClientEnd::Kind::PrivilegeRefused
-                                ? QStringLiteral("The tunnel could not be started")
-                                : QStringLiteral("The tunnel has ended");
+            request.title = QStringLiteral("The tunnel could not be started");
             request.message = end.message();
             request.buttons = {{QStringLiteral("Ok"), AlertPresenter::kDefaultButtonTag}};
             d->alerts.runModal(request, [](long) {});
         });
     });
+
+    EventBus::defaultCenter().addObserver(this, Events::NT_TUNNEL_WANTED, [this](const Event &) {
+        if (d->systemEvents)
+            return;
+        d->systemEvents = Platform::instance().createSystemEvents();
+        d->systemEvents->start(
+            [](SystemEvents::Kind kind) {
+                switch (kind) {
+                case SystemEvents::Kind::Sleeping:
+                    EventBus::defaultCenter().post(Events::NT_SYSTEM_SLEEP);
+                    break;
+                case SystemEvents::Kind::Resumed:
+                    EventBus::defaultCenter().post(Events::NT_SYSTEM_WAKE);
+                    break;
+                case SystemEvents::Kind::NetworkChanged:
+                    EventBus::defaultCenter().post(Events::NT_NETWORK_CHANGED);
+                    break;
+                }
+            },
+            [](const QString &text) { NQLog::line(QStringLiteral("|SystemEvents| ") + text); });
+    });
 }
 
 GuiSession::~GuiSession()
 {
+    EventBus::defaultCenter().removeObserver(this);
     NQVPNManager::sharedManager().setOnClientEnded(nullptr);
 }
 

@@ -72,6 +72,12 @@ public:
     bool storeVpnDataCompressionEnabled(bool value); // returns true
     bool adsBlockerEnabled() const;
     void storeAdsBlockerEnabled(bool value);
+    // "Connect automatically" once the home screen has its catalogue ("AUTO_CONNECT"), and the
+    // cluster of the last tunnel that came up, by name ("LAST_CLUSTER"; null before one did).
+    bool appAutoconnectEnabled() const;
+    void storeAppAutoconnectEnabled(bool value);
+    QString lastConnectedCluster() const;
+    void storeLastConnectedCluster(const QString &countryName);
 
     // Tunnel state (values of the tunnel controller). Stored like setValueDeferred(): it changes
     // on the way to every connection, where a durable write would delay the tunnel's start,

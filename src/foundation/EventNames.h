@@ -14,6 +14,12 @@ inline constexpr auto NT_CLUSTERS_SELECT = "NT_CLUSTERS_SELECT";
 inline constexpr auto NT_TOGGLE_CONTEXT = "NT_TOGGLE_CONTEXT"; // reserved
 inline constexpr auto NT_HIDE_CONTEXT = "NT_HIDE_CONTEXT";
 inline constexpr auto NT_REFRESH_CONNECT = "NT_REFRESH_CONNECT";
+// What the machine did under a tunnel the user wants: about to sleep, awake again, the default
+// route or network changed. NT_TUNNEL_WANTED: the user asked for a tunnel (start watching).
+inline constexpr auto NT_SYSTEM_SLEEP = "NT_SYSTEM_SLEEP";
+inline constexpr auto NT_SYSTEM_WAKE = "NT_SYSTEM_WAKE";
+inline constexpr auto NT_NETWORK_CHANGED = "NT_NETWORK_CHANGED";
+inline constexpr auto NT_TUNNEL_WANTED = "NT_TUNNEL_WANTED";
 inline constexpr auto LANGUAGE_SELECTED = "LANGUAGE_SELECTED";
 inline constexpr auto APP_RESTART = "APP_RESTART";
 inline constexpr auto NT_REQUEST_APP_RESTART = "NT_REQUEST_APP_RESTART"; // reserved

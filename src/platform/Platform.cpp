@@ -1,5 +1,7 @@
 #include "platform/Platform.h"
 
+#include "platform/SystemEvents.h"
+
 #include <mutex>
 
 namespace {
@@ -53,4 +55,16 @@ bool Platform::showNotification(const QString &, const QString &, quint32 *, QSt
     if (error)
         *error = QStringLiteral("desktop notifications are not available on this platform");
     return false;
+}
+
+namespace {
+class NoSystemEvents : public SystemEvents {
+public:
+    void start(Callback, LogLine) override {}
+};
+} // namespace
+
+std::unique_ptr<SystemEvents> Platform::createSystemEvents()
+{
+    return std::make_unique<NoSystemEvents>();
 }

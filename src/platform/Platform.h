@@ -8,6 +8,7 @@
 #include <optional>
 
 class QProcess;
+class SystemEvents;
 
 // Everything that differs between macOS and Linux is reached through this one interface.
 // Code outside src/platform never tests the operating system itself.
@@ -83,6 +84,9 @@ public:
     // Makes `process`, when started, run with no controlling terminal (a session of its own),
     // so a privilege command it runs can never ask for a password there: it fails at once.
     virtual void runWithoutTerminal(QProcess &process);
+
+    // A watcher of sleep, wake and network changes; the default watches nothing.
+    virtual std::unique_ptr<SystemEvents> createSystemEvents();
 
     // Program and arguments that install a downloaded update package with administrator
     // rights; the exit status tells success.

@@ -15,6 +15,8 @@
 #include <QProcess>
 #include <QTextStream>
 
+#include <algorithm>
+
 namespace {
 QString stateName(int state)
 {
@@ -236,28 +238,39 @@ void HeadlessRunner::Impl::home()
     homeOpened = true;
     alerts.retries = 0;
     err << "Ready." << Qt::endl;
-    if (options.mode == Mode::Idle) {
+    // Without a cluster to connect to, "Connect automatically" picks the last one.
+    const AppStorageManager &storage = AppStorageManager::sharedManager();
+    const bool automatic = options.mode == Mode::Idle && storage.appAutoconnectEnabled();
+    if (options.mode == Mode::Idle && !automatic) {
         jobDone = true;
         return;
     }
+    const QString last = automatic ? storage.lastConnectedCluster() : QString();
+    if (automatic)
+        err << "Connecting automatically (setting \"Connect automatically\")" << Qt::endl;
     NQVPNManager::sharedManager().getCountries(
-        guarded([this](const QList<NQVPNCountry> &countries, const NQErrorOpt &error) {
+        guarded([this, last](const QList<NQVPNCountry> &countries, const NQErrorOpt &error) {
             if (countries.isEmpty()) {
                 fail(kExitBackendUnreachable,
                      QStringLiteral("Cannot load the server list") +
                          (error ? QStringLiteral(": ") + error->localizedDescription() : QString()));
                 return;
             }
+            const auto first = [&](auto &&match) {
+                const auto it = std::ranges::find_if(countries, match);
+                return it == countries.end() ? nullptr : &*it;
+            };
             const NQVPNCountry *chosen = nullptr;
-            for (const NQVPNCountry &c : countries) {
-                const bool match = options.mode == Mode::Script
-                                       ? c.isDefault
-                                       : (c.countryName.compare(options.target, Qt::CaseInsensitive) == 0 ||
-                                          c.countryIso.compare(options.target, Qt::CaseInsensitive) == 0);
-                if (match && !chosen)
-                    chosen = &c;
-            }
-            if (!chosen && options.mode == Mode::Script)
+            if (options.mode == Mode::Connect)
+                chosen = first([this](const NQVPNCountry &c) {
+                    return c.countryName.compare(options.target, Qt::CaseInsensitive) == 0 ||
+                           c.countryIso.compare(options.target, Qt::CaseInsensitive) == 0;
+                });
+            else if (!last.isEmpty())
+                chosen = first([&last](const NQVPNCountry &c) { return c.countryName == last; });
+            if (!chosen && options.mode != Mode::Connect)
+                chosen = first([](const NQVPNCountry &c) { return c.isDefault; });
+            if (!chosen && options.mode != Mode::Connect)
                 chosen = &countries.first(); // no cluster marked default: the first one
             if (!chosen) {
                 fail(kExitUsage, QStringLiteral("No cluster named '%1' (see --list)").arg(options.target));

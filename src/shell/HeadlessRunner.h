@@ -17,7 +17,8 @@ class QTextStream;
 //   Connect  connect to one cluster (name or ISO code) and stay until told to quit
 //   Script   connect to the default cluster, run the traffic check, disconnect; success only
 //            when all of that happened
-//   Idle     start up and stay
+//   Idle     start up and stay; with "Connect automatically" on, connect to the last
+//            connected cluster (else the default one) and stay
 //
 // Commands on standard input: "status", "disconnect" (end the tunnel, stay), "quit".
 class HeadlessRunner {

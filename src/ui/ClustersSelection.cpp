@@ -1,4 +1,5 @@
 // The server list's selection and favourites rules.
+#include "foundation/AppStorageManager.h"
 #include "foundation/Log.h"
 #include "ui/ClustersVC.h"
 
@@ -13,6 +14,13 @@ ClusterRecord firstNamed(const QList<ClusterRecord> &records, const QString &cou
 }
 
 } // namespace
+
+ClusterRecord ClustersVC::autoconnectChoice() const
+{
+    const AppStorageManager &storage = m_services.storage;
+    const QString last = storage.appAutoconnectEnabled() ? storage.lastConnectedCluster() : QString();
+    return last.isEmpty() ? ClusterRecord() : firstNamed(m_all.tableData, last);
+}
 
 void ClustersVC::refreshFavouritesFromSource(ClustersTableSource &source)
 {
@@ -40,6 +48,9 @@ void ClustersVC::refreshSelectedClusterInAllTable()
             m_all.selectRow(m_all.rowOfRecord(match));
         if (const ClusterRecord match = firstNamed(m_favourites.tableData, name))
             m_favourites.selectRow(m_favourites.rowOfRecord(match));
+    } else if (const ClusterRecord last = autoconnectChoice()) {
+        // About to connect by itself: to the cluster of the last tunnel, shown as chosen.
+        choice = last;
     } else if (m_selectedTab == Favourites) {
         if (!m_favourites.tableData.isEmpty())
             choice = m_favourites.tableData.first();

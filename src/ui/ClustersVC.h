@@ -47,6 +47,8 @@ public:
 
     void refreshFavouritesFromSource(ClustersTableSource &source);
     void refreshSelectedClusterInAllTable();
+    // With "Connect automatically" on, the cluster of the last tunnel when the list has it.
+    ClusterRecord autoconnectChoice() const;
     void refreshClustersSelectionMarkers();
     void deselectAll();
     void storeClustersItems(const QList<ClusterRecord> &items);

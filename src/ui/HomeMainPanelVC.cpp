@@ -5,6 +5,7 @@
 #include "foundation/EventNames.h"
 #include "foundation/Log.h"
 #include "foundation/MainQueue.h"
+#include "shell/AlertPresenter.h"
 #include "ui/HomeMainPanelDelegate.h"
 #include "ui/UiText.h"
 #include "ui/VpnEngine.h"
@@ -12,11 +13,29 @@
 
 #include <QPointer>
 
+#include <algorithm>
+#include <utility>
+
 namespace {
 const OsLog kLog("HomeMainPanelVC");
 }
 
-HomeMainPanelVC::HomeMainPanelVC(const UiServices &services, QObject *parent) : QObject(parent), m_services(services) {}
+HomeMainPanelVC::HomeMainPanelVC(const UiServices &services, QObject *parent)
+    : QObject(parent), m_services(services),
+      m_keeper({.connect = [this] { installVpnConfiguration(); },
+                .tunnelUp =
+                    [this] {
+                        const int state = m_services.storage.getVPNStatus();
+                        return state == VpnStateConnecting || state == VpnStateConnected;
+                    },
+                .changed =
+                    [this] {
+                        if (m_keeper.reconnecting())
+                            setReconnecting();
+                    },
+                .wanted = [] { EventBus::defaultCenter().post(Events::NT_TUNNEL_WANTED); }})
+{
+}
 
 HomeMainPanelVC::~HomeMainPanelVC()
 {
@@ -96,6 +115,9 @@ void HomeMainPanelVC::notificationsSubscribe()
     });
     bus.addObserver(this, Events::NT_HIDE_CONTEXT, [this](const Event &) { hideContextMenu(); });
     bus.addObserver(this, Events::NT_REFRESH_CONNECT, [this](const Event &) { refreshConnectButton(); });
+    bus.addObserver(this, Events::NT_SYSTEM_SLEEP, [this](const Event &) { m_keeper.sleeping(); });
+    bus.addObserver(this, Events::NT_SYSTEM_WAKE, [this](const Event &) { m_keeper.resumed(); });
+    bus.addObserver(this, Events::NT_NETWORK_CHANGED, [this](const Event &) { m_keeper.networkChanged(); });
 }
 
 void HomeMainPanelVC::initVPN()
@@ -129,7 +151,40 @@ void HomeMainPanelVC::initVPN()
                 d.virtualLocationFlag = unknown;
             });
         }
+        if (storage.appAutoconnectEnabled() && !std::exchange(self->m_autoconnectTried, true))
+            // After the server list has announced its choice (also on the main queue).
+            self->onMain([](HomeMainPanelVC &vc) { vc.connectAutomatically(); });
     });
+}
+
+void HomeMainPanelVC::connectAutomatically()
+{
+    VpnEngine &vpn = m_services.vpn;
+    // A stored 2 or 3 without a state callback is left from an earlier run (a crash).
+    const int state = m_services.storage.getVPNStatus();
+    if (m_isConnecting ||
+        (vpn.hasConnectionStateCallback() && (state == VpnStateConnected || state == VpnStateConnecting)))
+        return;
+    if (!vpn.currentCountry()) {
+        // No server list on screen to choose: the last cluster, else the default one.
+        const QList<NQVPNCountry> countries = vpn.availableCountries();
+        const QString last = m_services.storage.lastConnectedCluster();
+        const auto named = [&](auto &&match) {
+            const auto it = std::ranges::find_if(countries, match);
+            return it == countries.end() ? std::optional<NQVPNCountry>() : std::optional<NQVPNCountry>(*it);
+        };
+        std::optional<NQVPNCountry> choice = named([&](const NQVPNCountry &c) { return c.countryName == last; });
+        if (!choice)
+            choice = named([](const NQVPNCountry &c) { return c.isDefault; });
+        if (!choice && !countries.isEmpty())
+            choice = countries.first();
+        if (!choice)
+            return;
+        vpn.setCurrentCountry(choice);
+    }
+    NQLog::line(QStringLiteral("|HomeMainPanelVC| connect automatically to %1").arg(vpn.currentCountry()->countryName));
+    m_keeper.userConnected();
+    installVpnConfiguration();
 }
 
 bool HomeMainPanelVC::isVPNConnected() const
@@ -142,10 +197,13 @@ void HomeMainPanelVC::clickConnect()
     NQLog::line(QStringLiteral("|HomeMainPanelVC| clickConnect"));
     hideContextMenu();
     if (!isVPNConnected() && !m_isConnecting) {
+        m_keeper.userConnected();
         installVpnConfiguration();
         return;
     }
-    // Connected, connecting or disconnecting: the same button cancels or disconnects.
+    // Connected, connecting, reconnecting or disconnecting: the same button cancels or
+    // disconnects, and the keeper stops before the stop reports anything.
+    m_keeper.stopped();
     m_isConnecting = false;
     m_services.vpn.stopVPNConnection();
 }
@@ -172,7 +230,11 @@ void HomeMainPanelVC::installVpnConfiguration()
         if (!self)
             return;
         if (error) {
-            self->installingVpnFailed();
+            // While reconnecting the network may still be down: the keeper tries again later.
+            if (self->m_keeper.reconnecting())
+                self->m_keeper.attemptFailed();
+            else
+                self->installingVpnFailed();
             return;
         }
         VpnEngine &engine = self->m_services.vpn;
@@ -199,6 +261,8 @@ void HomeMainPanelVC::installingVpnFailed()
 
 void HomeMainPanelVC::onConnectionStateChange(int state)
 {
+    if (m_keeper.stateChanged(state))
+        showCredentialsRefused();
     switch (state) {
     case VpnStateConnected:
         setConnected();
@@ -210,9 +274,23 @@ void HomeMainPanelVC::onConnectionStateChange(int state)
         setDisconnecting();
         break;
     default:
-        setDisconnected();
+        if (m_keeper.reconnecting())
+            setReconnecting();
+        else
+            setDisconnected();
         break;
     }
+}
+
+void HomeMainPanelVC::showCredentialsRefused()
+{
+    onMain([](HomeMainPanelVC &vc) {
+        AlertRequest request;
+        request.title = UiText::forKey(QStringLiteral("Error"));
+        request.message = UiText::forKey(QStringLiteral("vpn_credentials_refused"));
+        request.buttons = {{UiText::forKey(QStringLiteral("Ok")), kAlertFirstButton}};
+        vc.m_services.alerts.runModal(request, [](long) {});
+    });
 }
 
 void HomeMainPanelVC::clickClose()

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ui/MainPanelDisplay.h"
+#include "ui/TunnelKeeper.h"
 #include "ui/UiServices.h"
 
 #include <QObject>
@@ -34,6 +35,7 @@ public:
     quint64 sessionDurationSeconds() const { return m_sessionDurationSeconds; }
     int locationGetTry() const { return m_locationGetTry; }
     int runningTimerCount() const;
+    const TunnelKeeper &keeper() const { return m_keeper; }
 
     // "HH:MM:SS"; the hour field widens past 99.
     static QString sessionTimeText(quint64 seconds);
@@ -48,6 +50,8 @@ public:
     void setConnecting();
     void setDisconnecting();
     void setDisconnected();
+    // The tunnel fell and the keeper is bringing it back: like connecting, with the attempt.
+    void setReconnecting();
 
     void clickConnect();
     void clickClose();
@@ -78,6 +82,8 @@ signals:
 
 private:
     void notificationsSubscribe();
+    void connectAutomatically();
+    void showCredentialsRefused();
     void onMain(std::function<void(HomeMainPanelVC &)> work);
     void showTrafficBlocked(bool blocked);
     void change(const std::function<void(MainPanelDisplay &)> &edit);
@@ -89,6 +95,8 @@ private:
     MainPanelDisplay m_display;
     bool m_isConnecting = false;
     bool m_notificationsSubscribed = false;
+    bool m_autoconnectTried = false;
+    TunnelKeeper m_keeper;
     quint64 m_sessionDurationSeconds = 0;
     int m_locationGetTry = 0;
     // Every timer ever started keeps running until stopped; only the last one is remembered,

@@ -36,12 +36,15 @@ void HomeMainPanelVC::setConnecting()
     onMain([](HomeMainPanelVC &vc) {
         vc.m_isConnecting = true;
         const std::optional<NQVPNCountry> country = vc.m_services.vpn.currentCountry();
-        QString text = UiText::forKey(QStringLiteral("ConnectingToTheSecureServerIn"));
-        text.replace(QLatin1String("%@"), country ? country->countryName : QString());
+        const bool again = vc.m_keeper.reconnecting();
+        QString text = UiText::forKey(again ? QStringLiteral("Reconnecting_attempt")
+                                            : QStringLiteral("ConnectingToTheSecureServerIn"));
+        text.replace(QLatin1String("%@"),
+                     again ? QString::number(vc.m_keeper.attempt()) : (country ? country->countryName : QString()));
         vc.change([&](MainPanelDisplay &d) {
             vc.setButtonTitle(d, QStringLiteral("Cancel"));
             d.buttonImage = QStringLiteral("button_normal3");
-            d.labelState = UiText::forKey(QString(QLatin1String("")));
+            d.labelState = again ? text : UiText::forKey(QString(QLatin1String("")));
             d.loadingOverlayLabel = text;
         });
         vc.showLoadingOverlay();
@@ -49,6 +52,14 @@ void HomeMainPanelVC::setConnecting()
         vc.refreshConnectButton();
         vc.stopAllLocationLabels();
     });
+}
+
+void HomeMainPanelVC::setReconnecting()
+{
+    NQLog::line(QStringLiteral("|HomeMainPanelVC| setReconnecting"));
+    stopTimer();
+    resetVirtualLocation();
+    setConnecting();
 }
 
 void HomeMainPanelVC::setConnected()

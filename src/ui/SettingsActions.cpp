@@ -17,7 +17,12 @@ void SettingsVC::clickCompression(bool on)
 
 void SettingsVC::clickAutoconnect(bool on)
 {
+    // Stored at once: this switch takes no part in Apply.
+    NQLog::line(
+        QStringLiteral("|SettingsVC| clickAutoconnect: %1").arg(on ? QLatin1String("on") : QLatin1String("off")));
     switchAutoconnect.on = on;
+    if (switchAutoconnect.present)
+        m_services.storage.storeAppAutoconnectEnabled(on);
     refreshButtonApply();
 }
 

@@ -72,6 +72,8 @@ void SettingsVC::loadFromUserDefaults()
     load(switchCompression, m_currentCompression, storage.vpnDataCompressionEnabled());
     load(switchStartup, m_currentStartup, storage.appAutorunEnabled());
     load(switchExitOnClose, m_currentExitOnClose, storage.appExitOnClose());
+    if (switchAutoconnect.present)
+        switchAutoconnect.on = storage.appAutoconnectEnabled();
     load(switchAutoupdate, m_currentAutoupdate, storage.autoupdate());
     switchKillSwitch.on = m_services.vpn.killSwitchEnabled();
     m_languageTitle = UiText::appLanguageName();

@@ -74,10 +74,15 @@ public:
 
     // --- Tunnel process
     // Prepares the profile and starts the client through sudo; the outcome arrives as states.
+    // Each time its tunnel comes up, `countryName` is stored as the last connected cluster.
     void startVPNConnectionWithConfigContent(const QString &content, const QString &countryName);
     // Empties the temporary directory, 5, signals the recorded client, clears currentCountry,
     // then disconnectAllVPNConnections (which ends in 1).
     void stopVPNConnection();
+    // The current client ended unreported (see setOnClientEnded) and the tunnel is to be
+    // connected again: its run no longer counts and the state is 1. The profile files and
+    // currentCountry stay for the next start.
+    void tunnelLost();
     // Kills every client by name through sudo; blocks until pkill exits, at most
     // kKillByNameTimeoutMs (then logs and goes on); always ends in 1.
     void disconnectAllVPNConnections();

@@ -36,6 +36,7 @@ struct LaunchRecord {
     bool finalMarkerSeen = false; // the output has reported the end (state 1)
     QString earlyOutput;          // what came before the client spoke (sudo's words)
     bool blockLeft = false;       // the client's table may be in place
+    QString countryName;          // the cluster, remembered once its tunnel is up
 };
 
 void handleOutput(const std::weak_ptr<TunnelStateReporter> &weakReporter, const std::weak_ptr<TrafficBlock> &weakBlock,
@@ -72,8 +73,12 @@ void handleOutput(const std::weak_ptr<TunnelStateReporter> &weakReporter, const 
         break;
     }
     // A client of an earlier launch no longer speaks for the tunnel.
-    if (const auto reporter = weakReporter.lock(); reporter && reporter->isCurrent(record.launch))
-        reporter->report(*chunk->state);
+    const auto reporter = weakReporter.lock();
+    if (!reporter || !reporter->isCurrent(record.launch))
+        return;
+    if (*chunk->state == VpnStateConnected)
+        AppStorageManager::sharedManager().storeLastConnectedCluster(record.countryName);
+    reporter->report(*chunk->state);
 }
 } // namespace
 
@@ -108,6 +113,7 @@ void NQVPNManager::startVPNConnectionWithConfigContent(const QString &content, c
 
     auto record = std::make_shared<LaunchRecord>();
     record->launch = m_reporter->nextLaunch();
+    record->countryName = countryName;
     m_reporter->report(VpnStateConnecting);
     const bool killSwitch = killSwitchEnabled();
     if (killSwitch)
@@ -156,6 +162,13 @@ void NQVPNManager::startVPNConnectionWithConfigContent(const QString &content, c
     }
     log(QStringLiteral("OpenVPN process started with sudo."));
     m_files.writePidFile(launch.pid);
+}
+
+void NQVPNManager::tunnelLost()
+{
+    log(QStringLiteral("Tunnel lost: the client is gone."));
+    m_reporter->nextLaunch();
+    m_reporter->report(VpnStateDisconnected);
 }
 
 void NQVPNManager::stopVPNConnection()

@@ -129,6 +129,17 @@ public:
         NQVPNManager::setSharedManagerForTesting(std::make_unique<NQVPNManager>());
     }
 
+    // The program ends (as after a crash: nothing is stopped first) and starts again with the
+    // same settings, no events subscribed and an engine without a client. (The settings store
+    // stays: the extension bridge, made once per process, holds on to it.)
+    void restart(const QStringList &arguments = {})
+    {
+        m_session.reset();
+        EventBus::defaultCenter().reset();
+        NQVPNManager::setSharedManagerForTesting(std::make_unique<NQVPNManager>());
+        launch(arguments);
+    }
+
     ~Journey()
     {
         if (QTest::currentTestFailed())

@@ -28,6 +28,8 @@ private slots:
     void interruptedBeforeConnected();
     void programOptions();
     void listAsksForTheCatalogueOnly();
+    void idleConnectsAutomatically_data();
+    void idleConnectsAutomatically();
 
 private:
     // Runs the console client until it ends; its exit code (-1: it did not end).
@@ -274,6 +276,46 @@ void TestHeadless::listAsksForTheCatalogueOnly()
     QCOMPARE(process.exitCode(), int(HeadlessRunner::kExitBackendUnreachable));
     QVERIFY(process.readAllStandardOutput().isEmpty());
     QVERIFY(process.readAllStandardError().contains("Cannot load the server list"));
+}
+
+// Without a cluster named, "Connect automatically" connects to the last cluster (by name),
+// else to the default one; switched off, the console only starts up.
+void TestHeadless::idleConnectsAutomatically_data()
+{
+    QTest::addColumn<bool>("on");
+    QTest::addColumn<QString>("last");
+    QTest::addColumn<QString>("connectedTo");
+    QTest::newRow("off") << false << "Canada"
+                         << "";
+    QTest::newRow("last cluster") << true << "Canada"
+                                  << "Canada";
+    QTest::newRow("last cluster gone") << true << "Atlantis"
+                                       << "United States";
+}
+
+void TestHeadless::idleConnectsAutomatically()
+{
+    QFETCH(bool, on);
+    QFETCH(QString, last);
+    QFETCH(QString, connectedTo);
+    m_env->storage().storeAppAutoconnectEnabled(on);
+    m_env->storage().storeLastConnectedCluster(last);
+    const int code = run({}, [&](HeadlessRunner &runner) {
+        // Quit whatever happened, so a failure ends the run at once (checked below).
+        [[maybe_unused]] const bool seen = QTest::qWaitFor(
+            [&] {
+                m_clock->advance(kClockStepMs);
+                return m_err.contains(QStringLiteral("Ready.")) &&
+                       (connectedTo.isEmpty() || m_out.contains(QStringLiteral("Connected to")));
+            },
+            kWaitMs);
+        m_clock->advance(kClockStepMs * 5);
+        runner.command(QStringLiteral("quit"));
+    });
+    QCOMPARE(code, 0);
+    QCOMPARE(m_err.contains(QStringLiteral("Connecting")), on);
+    if (on)
+        QVERIFY2(m_out.contains(QStringLiteral("Connected to ") + connectedTo + QLatin1Char('\n')), qPrintable(m_out));
 }
 
 QTEST_GUILESS_MAIN(TestHeadless)

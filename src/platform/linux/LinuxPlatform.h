@@ -60,6 +60,8 @@ public:
     void releaseFreeMemory() override;
     std::optional<PackageIdentity> packageIdentity(const QString &packagePath) override;
     void runWithoutTerminal(QProcess &process) override;
+    // The route socket and logind (see LinuxSystemEvents).
+    std::unique_ptr<SystemEvents> createSystemEvents() override;
 
     QStringList installerCommand(const QString &packagePath) override;
     QString updatePackageName() override;

@@ -2,6 +2,8 @@
 // removed through one reader), and notifications through the freedesktop notification service.
 #include "platform/linux/LinuxPlatform.h"
 
+#include "platform/linux/LinuxSystemEvents.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -94,4 +96,9 @@ bool LinuxPlatform::showNotification(const QString &title, const QString &body, 
         return false;
     }
     return show(title, body, id, error);
+}
+
+std::unique_ptr<SystemEvents> LinuxPlatform::createSystemEvents()
+{
+    return std::make_unique<LinuxSystemEvents>(helperPath(QStringLiteral("pelorin-sleepwatch")));
 }

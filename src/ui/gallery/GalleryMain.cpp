@@ -218,6 +218,12 @@ int main(int argc, char **argv)
     shoot(home, QStringLiteral("update-found"));
     EventBus::defaultCenter().post(Events::NT_HIDE_UPDATE);
 
+    // The tunnel went away by itself: the panel connects it again, counting the attempts.
+    storage.storeVPNStatus(VpnStateDisconnected);
+    vpn.callback(VpnStateDisconnected);
+    settle();
+    shoot(home, QStringLiteral("reconnecting"));
+
     EventBus::defaultCenter().post(Events::SHOW_SETTINGS);
     settle();
     home.settings().clickCompression(true);
