@@ -46,6 +46,7 @@ void HomeMainPanelVC::setConnecting()
             d.buttonImage = QStringLiteral("button_normal3");
             d.labelState = again ? text : UiText::forKey(QString(QLatin1String("")));
             d.loadingOverlayLabel = text;
+            d.connectedView = false;
         });
         vc.showLoadingOverlay();
         vc.startMapAnimation();
@@ -72,6 +73,7 @@ void HomeMainPanelVC::setConnected()
             vc.setButtonTitle(d, QStringLiteral("Disconnect"));
             d.buttonImage = QStringLiteral("button_normal3");
             d.labelState = connectedTimeText(0);
+            d.connectedView = true;
         });
         vc.refreshVirtualLocation();
         vc.stopMapAnimation();
@@ -89,6 +91,7 @@ void HomeMainPanelVC::setDisconnecting()
             vc.setButtonTitle(d, QStringLiteral("Cancel"));
             d.labelState = UiText::forKey(QStringLiteral("Disconnecting"));
             d.loadingOverlayLabel = d.labelState;
+            d.connectedView = false;
         });
         vc.showLoadingOverlay();
         vc.refreshConnectButton();
@@ -105,6 +108,7 @@ void HomeMainPanelVC::setDisconnected()
             d.buttonImage = QStringLiteral("button_normal");
             d.labelState = QString(QLatin1String(""));
             d.loadingOverlayLabel = QString(QLatin1String(""));
+            d.connectedView = false;
         });
         vc.hideLoadingOverlay();
         vc.resetVirtualLocation();

@@ -28,6 +28,9 @@ struct MainPanelDisplay {
 
     bool loadingOverlayVisible = false;
     QString loadingOverlayLabel;
+    // The connected view leaves the overlay as it was; the window does not draw it over a
+    // live session, where "Connecting..." would be false.
+    bool connectedView = false;
 
     QString mapImage; // still image name
     bool mapAnimating = false;

@@ -50,6 +50,8 @@ private slots:
             QCOMPARE(j.storedState(), int(VpnStateConnected));
             QVERIFY(j.clientRunning());
             QCOMPARE(Journey::text(kVirtual), QStringLiteral("United States"));
+            // "Connecting to the secure server..." is not left over the live session.
+            QVERIFY2(!Journey::find(QStringLiteral("Progress")), qPrintable(Journey::text(QStringLiteral("Progress"))));
             QVERIFY2(Journey::text(kState).endsWith(QStringLiteral("00:00:00")), qPrintable(Journey::text(kState)));
             j.clock().advance(2000);
             QVERIFY2(Journey::text(kState).endsWith(QStringLiteral("00:00:02")), qPrintable(Journey::text(kState)));

@@ -54,6 +54,7 @@ MainPanelWidget::MainPanelWidget(HomeMainPanelVC &panel, ContextMenuView &menu, 
     root->addWidget(m_map, 1);
     m_overlay = new FitLabel(m_map, 9.5);
     m_overlay->setAlignment(Qt::AlignCenter);
+    m_overlay->setAccessibleName(QStringLiteral("Progress"));
     m_overlay->setStyleSheet(QStringLiteral("background: rgba(15,27,45,210); border-radius: 12px; color: #e6edf5;"));
 
     m_connect = new ImageButton(this);
@@ -126,7 +127,7 @@ void MainPanelWidget::render()
     m_virtualLocation->setText(d.labelVirtualLocation);
     m_virtualIp->setText(d.labelVirtualIpAddress);
     setFlag(m_virtualFlag, d.virtualLocationFlag);
-    m_overlay->setVisible(d.loadingOverlayVisible && !d.loadingOverlayLabel.isEmpty());
+    m_overlay->setVisible(d.loadingOverlayVisible && !d.loadingOverlayLabel.isEmpty() && !d.connectedView);
     m_overlay->setText(d.loadingOverlayLabel);
     m_map->setAnimating(d.mapAnimating);
     m_map->setMarker(d.shownMarker);
