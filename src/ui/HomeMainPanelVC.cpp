@@ -33,7 +33,12 @@ HomeMainPanelVC::HomeMainPanelVC(const UiServices &services, QObject *parent)
                         if (m_keeper.reconnecting())
                             setReconnecting();
                     },
-                .wanted = [] { EventBus::defaultCenter().post(Events::NT_TUNNEL_WANTED); }})
+                .wanted =
+                    [this] {
+                        // Until the user stops, a block outlives a lost client.
+                        m_services.vpn.setHoldBlockBetweenRuns(true);
+                        EventBus::defaultCenter().post(Events::NT_TUNNEL_WANTED);
+                    }})
 {
 }
 
@@ -261,8 +266,10 @@ void HomeMainPanelVC::installingVpnFailed()
 
 void HomeMainPanelVC::onConnectionStateChange(int state)
 {
-    if (m_keeper.stateChanged(state))
+    if (m_keeper.stateChanged(state)) {
+        m_services.vpn.setHoldBlockBetweenRuns(false);
         showCredentialsRefused();
+    }
     switch (state) {
     case VpnStateConnected:
         setConnected();

@@ -46,4 +46,6 @@ public:
     virtual void setKillSwitchEnabled(bool on) = 0;
     virtual bool trafficBlocked() const = 0;
     virtual void setOnTrafficBlockedChange(BlockedCallback callback) = 0;
+    // While a tunnel is wanted, a block left by a client that ended stays for the next one.
+    virtual void setHoldBlockBetweenRuns(bool hold) = 0;
 };

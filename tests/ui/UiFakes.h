@@ -48,6 +48,7 @@ public:
     void stopVPNConnection() override
     {
         ++stops;
+        holdBlock = false; // as the engine: a stop lets go of the hold
         report(5);
         current.reset();
         report(1);
@@ -74,6 +75,8 @@ public:
     void setKillSwitchEnabled(bool on) override { killSwitch = on; }
     bool trafficBlocked() const override { return blocked; }
     void setOnTrafficBlockedChange(BlockedCallback cb) override { blockedCallback = std::move(cb); }
+    void setHoldBlockBetweenRuns(bool hold) override { holdBlock = hold; }
+    bool holdBlock = false;
 };
 
 class FakeLocation : public LocationLookup {

@@ -92,3 +92,8 @@ void ManagerVpnEngine::setOnTrafficBlockedChange(BlockedCallback callback)
 {
     m_manager.setOnTrafficBlockedChange(std::move(callback));
 }
+
+void ManagerVpnEngine::setHoldBlockBetweenRuns(bool hold)
+{
+    m_manager.setHoldBlockBetweenRuns(hold);
+}

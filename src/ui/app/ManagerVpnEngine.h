@@ -27,6 +27,7 @@ public:
     void setKillSwitchEnabled(bool on) override;
     bool trafficBlocked() const override;
     void setOnTrafficBlockedChange(BlockedCallback callback) override;
+    void setHoldBlockBetweenRuns(bool hold) override;
 
 private:
     NQVPNManager &m_manager;

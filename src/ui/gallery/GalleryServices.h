@@ -41,6 +41,7 @@ struct GalleryVpn : VpnEngine {
     void setKillSwitchEnabled(bool on) override { killSwitch = on; }
     bool trafficBlocked() const override { return blocked; }
     void setOnTrafficBlockedChange(BlockedCallback cb) override { blockedCallback = std::move(cb); }
+    void setHoldBlockBetweenRuns(bool) override {}
 };
 
 struct GalleryLocation : LocationLookup {
