@@ -175,11 +175,19 @@ private slots:
         QCOMPARE(log.lines().last(), "Request probe. failed = '" + o.result.error->debugDescription() + "'");
     }
 
-    void bodyDescriptionOfNonUtf8IsNull()
+    void bodyDescriptionsAndParseErrors()
     {
         QCOMPARE(BackendRequest::bodyDescription("\xff\xfe", true), "(null)");
         QCOMPARE(BackendRequest::bodyDescription("", true), "");
         QCOMPARE(BackendRequest::bodyDescription("ok", false), "(null)");
+        // A parse error says why; a document that parsed to nothing gets the general reason.
+        const NQError parsedToNothing = BackendRequest::jsonParseError(QJsonParseError{});
+        QCOMPARE(parsedToNothing.code(), 3840);
+        QCOMPARE(parsedToNothing.localizedDescription(),
+                 "The data couldn’t be read because it isn’t in the correct format.");
+        const auto underlying =
+            BackendRequest::resultForBody("<html>", "x").error->userInfo().value("NSUnderlyingError");
+        QCOMPARE(underlying.value<NQError>().localizedDescription(), "illegal value");
     }
 };
 

@@ -147,11 +147,25 @@ private slots:
         QVERIFY(!backend.fault("no-slash", "close"));
         QVERIFY(!backend.fault("/x", "delay", "soon"));
 
-        QProcess bad;
-        bad.start(DevBackendProcess::executable(), {"--fault", "/x:explode"});
-        QVERIFY(bad.waitForFinished(10000));
-        QCOMPARE(bad.exitCode(), 2);
-        QVERIFY(bad.readAllStandardError().contains("unknown kind 'explode'"));
+        // Bad arguments stop it at once, saying why.
+        for (const auto &[arguments, why] : {std::pair(QStringList{"--fault", "/x:explode"}, "unknown kind 'explode'"),
+                                             std::pair(QStringList{"--port", "65536"}, "bad value for --port")}) {
+            QProcess bad;
+            bad.start(DevBackendProcess::executable(), arguments);
+            QVERIFY(bad.waitForFinished(5000));
+            QCOMPARE(bad.exitCode(), 2);
+            QVERIFY(bad.readAllStandardError().contains(why));
+        }
+    }
+
+    // An account that cannot be saved is not handed out.
+    void unsavedAccountIsRefused()
+    {
+        QTemporaryDir data;
+        DevBackendProcess backend;
+        QVERIFY(backend.start({}, data.path()));
+        QVERIFY(QDir().mkpath(data.filePath("accounts.json"))); // a folder where the file goes
+        QCOMPARE(backend.call("GET", "/api1/vpnapi/create/20014//DEV-A" + kVpnQuery).first, 500);
     }
 };
 

@@ -113,8 +113,9 @@ private slots:
         const QString parse = "Parse response failed.";
         QTest::newRow("no countryName") << "missing-keys" << QJsonValue("countryName")
                                         << QStringList{"127.0.0.1", "FR", QString(), QString()};
-        QTest::newRow("no ip") << "missing-keys" << QJsonValue("ip") << QStringList{{}, {}, {}, parse};
-        QTest::newRow("null country") << "nulls" << QJsonValue("country") << QStringList{"127.0.0.1", {}, {}, parse};
+        QTest::newRow("no ip") << "missing-keys" << QJsonValue("ip") << QStringList{{}, "FR", "France", parse};
+        QTest::newRow("null country") << "nulls" << QJsonValue("country")
+                                      << QStringList{"127.0.0.1", {}, "France", parse};
         QTest::newRow("array") << "wrong-shape" << QJsonValue() << QStringList{{}, {}, {}, parse};
         QTest::newRow("not json") << "non-json" << QJsonValue()
                                   << QStringList{{}, {}, {}, "Deserialize response failed."};
