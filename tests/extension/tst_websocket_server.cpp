@@ -1,6 +1,8 @@
 #include "RawClient.h"
 #include "ServerRecorder.h"
 
+#include "extension/AsyncSocket.h"
+#include "extension/SocketLoop.h"
 #include "support/LogCapture.h"
 
 #include <QTcpServer>
@@ -38,6 +40,16 @@ private slots:
         QCOMPARE(log.lines().size(), 1);
         QVERIFY(log.lines()[0].startsWith("CVWebSockerServer failed to initialize: "));
         QVERIFY(log.lines()[0].contains("Error in bind() function"));
+        // The refused start left nothing listening: the same socket listens once the port is free.
+        const auto delegate = std::make_shared<AsyncSocketDelegate>(); // held weakly
+        auto socket = std::make_shared<AsyncSocket>(delegate, &SocketLoop::shared());
+        QVERIFY(!socket->acceptOnPort(holder.serverPort(), &error));
+        QCOMPARE(error->localizedDescription(), "Error in bind() function");
+        QCOMPARE(socket->localPort(), 0);
+        const quint16 port = holder.serverPort();
+        holder.close();
+        QVERIFY(socket->acceptOnPort(port, nullptr));
+        socket->disconnect();
     }
 
     // The exact answer to a good request; a bad one, or one split across writes, is refused
