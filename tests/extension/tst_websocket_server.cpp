@@ -40,8 +40,13 @@ private slots:
         QCOMPARE(log.lines().size(), 1);
         QVERIFY(log.lines()[0].startsWith("CVWebSockerServer failed to initialize: "));
         QVERIFY(log.lines()[0].contains("Error in bind() function"));
-        // The refused start left nothing listening: the same socket listens once the port is free.
-        const auto delegate = std::make_shared<AsyncSocketDelegate>(); // held weakly
+        // The refused start left nothing listening: the same socket listens once the port is free,
+        // and its end is reported once.
+        struct Closes : AsyncSocketDelegate {
+            std::atomic<int> count{0};
+            void socketDidDisconnect(const AsyncSocketPtr &, const NQErrorOpt &) override { ++count; }
+        };
+        const auto delegate = std::make_shared<Closes>(); // held weakly
         auto socket = std::make_shared<AsyncSocket>(delegate, &SocketLoop::shared());
         QVERIFY(!socket->acceptOnPort(holder.serverPort(), &error));
         QCOMPARE(error->localizedDescription(), "Error in bind() function");
@@ -50,6 +55,9 @@ private slots:
         holder.close();
         QVERIFY(socket->acceptOnPort(port, nullptr));
         socket->disconnect();
+        socket->disconnect();
+        SocketLoop::shared().call([] {}); // behind both
+        QCOMPARE(delegate->count.load(), 1);
     }
 
     // The exact answer to a good request; a bad one, or one split across writes, is refused
