@@ -15,7 +15,7 @@ class BackendFixture {
 public:
     explicit BackendFixture(const QString &hostUrl)
     {
-        QFile plist(m_dir.filePath(QStringLiteral("CommonConfig.plist")));
+        QFile plist(m_dir.filePath("CommonConfig.plist"));
         plist.open(QIODevice::WriteOnly);
         plist.write("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
                     "<key>Host URL</key><string>" +
@@ -23,12 +23,12 @@ public:
         plist.close();
         LinuxPlatform::Overrides overrides;
         overrides.resourcesDirectory = m_dir.path();
-        overrides.applicationSupportDirectory = m_dir.filePath(QStringLiteral("support"));
-        overrides.temporaryDirectory = m_dir.filePath(QStringLiteral("tmp"));
+        overrides.applicationSupportDirectory = m_dir.filePath("support");
+        overrides.temporaryDirectory = m_dir.filePath("tmp");
         Platform::setInstance(std::make_unique<LinuxPlatform>(overrides));
-        auto secrets = std::make_shared<FileSecretBackend>(m_dir.filePath(QStringLiteral("secrets.json")));
+        auto secrets = std::make_shared<FileSecretBackend>(m_dir.filePath("secrets.json"));
         AppStorageManager::setSharedManagerForTesting(std::make_unique<AppStorageManager>(
-            m_dir.filePath(QStringLiteral("settings.conf")), KeychainStore(KeychainStore::defaultService(), secrets)));
+            m_dir.filePath("settings.conf"), KeychainStore(KeychainStore::defaultService(), secrets)));
     }
     ~BackendFixture()
     {
@@ -36,8 +36,6 @@ public:
         Platform::setInstance(nullptr);
         NQConfig::setHttpTimeoutForTesting(60);
     }
-    BackendFixture(const BackendFixture &) = delete;
-    BackendFixture &operator=(const BackendFixture &) = delete;
 
     AppStorageManager &storage() { return AppStorageManager::sharedManager(); }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "MaskedFrame.h"
+
 #include <QHostAddress>
 #include <QTcpSocket>
 #include <QtTest>
@@ -11,9 +13,9 @@ public:
     QTcpSocket socket;
     QByteArray received;
 
-    bool connectTo(quint16 port)
+    bool connectTo(quint16 port, const QHostAddress &host = QHostAddress::LocalHost)
     {
-        socket.connectToHost(QHostAddress::LocalHost, port);
+        socket.connectToHost(host, port);
         return socket.waitForConnected(5000);
     }
     void write(const QByteArray &bytes)
@@ -21,10 +23,11 @@ public:
         socket.write(bytes);
         socket.flush();
     }
-    // Connects, sends the standard handshake and waits for the 101 response.
-    bool handshake(quint16 port) { return connectTo(port) && upgrade(); }
-    bool upgrade()
+    // Connects (unless already connected), sends the standard handshake and waits for the 101.
+    bool handshake(quint16 port)
     {
+        if (socket.state() != QAbstractSocket::ConnectedState && !connectTo(port))
+            return false;
         write("GET /Quellon/ HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
               "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
         if (!waitFor([&] { return received.contains("\r\n\r\n"); }))
@@ -55,29 +58,5 @@ public:
         const QByteArray head = received.left(n);
         received.remove(0, n);
         return head;
-    }
-
-    // A masked client frame.
-    static QByteArray frame(unsigned char b0, const QByteArray &payload, const QByteArray &key = "\x37\xfa\x21\x3d")
-    {
-        QByteArray out;
-        out.append(static_cast<char>(b0));
-        const auto n = static_cast<quint64>(payload.size());
-        if (n < 126) {
-            out.append(static_cast<char>(0x80 | n));
-        } else if (n < 65536) {
-            out.append(static_cast<char>(0x80 | 126)).append(static_cast<char>(n >> 8)).append(static_cast<char>(n));
-        } else {
-            out.append(static_cast<char>(0x80 | 127));
-            for (int i = 7; i >= 0; --i)
-                out.append(static_cast<char>(n >> (8 * i)));
-        }
-        out.append(key);
-        const qsizetype start = out.size();
-        out.append(payload);
-        char *p = out.data() + start;
-        for (qsizetype i = 0; i < payload.size(); ++i)
-            p[i] = static_cast<char>(p[i] ^ key[i % 4]);
-        return out;
     }
 };

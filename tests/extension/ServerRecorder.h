@@ -17,43 +17,33 @@ public:
     QList<QByteArray> errorData;
     int failedConnectionMessages = -1; // messages from the failing connection before its error
     bool offMainThread = false;
-    std::function<void(const QByteArray &, const WebSocketConnection &)> onMessage;
+    std::function<void(const QByteArray &)> onMessage;
 
     void webSocketServerDidAcceptConnection(CVWebSocketServer *, const WebSocketConnection &) override
     {
-        check();
-        ++accepted;
+        check(), ++accepted;
     }
     void webSocketServerDidReceiveData(CVWebSocketServer *, const QByteArray &data,
                                        const WebSocketConnection &c) override
     {
-        check();
-        messages << data;
-        messageConnections << c;
+        check(), messages << data, messageConnections << c;
         if (onMessage)
-            onMessage(data, c);
+            onMessage(data);
     }
     void webSocketServerClientDisconnected(CVWebSocketServer *, const WebSocketConnection &) override
     {
-        check();
-        ++disconnected;
+        check(), ++disconnected;
     }
     void webSocketServerCouldNotParseRawData(CVWebSocketServer *, const QByteArray &raw, const WebSocketConnection &c,
                                              const NQError &error) override
     {
         check();
         failedConnectionMessages = static_cast<int>(messageConnections.count(c));
-        if (error.domain() == QLatin1String("com.corvane.webSocketServer") && error.code() == 1)
-            errors << error.localizedDescription();
-        else
-            errors << QStringLiteral("unexpected error ") + error.debugDescription();
+        const bool ours = error.domain() == QLatin1String(CVWebSocketServer::kErrorDomain) && error.code() == 1;
+        errors << (ours ? error.localizedDescription() : "unexpected error " + error.debugDescription());
         errorData << raw;
     }
 
 private:
-    void check()
-    {
-        if (!MainQueue::isMainThread())
-            offMainThread = true;
-    }
+    void check() { offMainThread = offMainThread || !MainQueue::isMainThread(); }
 };

@@ -1,34 +1,35 @@
-"""Independent WebSocket client for the bridge's server: connects to /Quellon/, sends text,
-expects the server's echo, pings, and closes. Prints one line per step reached."""
+"""Independent WebSocket client for the bridge's server: connects to /Quellon/, expects an echo
+of a short and a long text, pings, floods numbered messages while reading the echoes, closes."""
 import asyncio
 import sys
 
 import websockets
 
 
-async def main(port: int) -> int:
-    uri = f"ws://127.0.0.1:{port}/Quellon/"
-    async with websockets.connect(uri, close_timeout=2, compression=None, max_size=None) as ws:
-        print("OPEN", flush=True)
-        await ws.send("hello from python")
-        reply = await asyncio.wait_for(ws.recv(), 10)
-        assert reply == "echo:hello from python", reply
-        print("ECHO_OK", flush=True)
-        big = "é" * 40000  # 80 000 bytes: a 64-bit length on both sides
-        await ws.send(big)
-        reply = await asyncio.wait_for(ws.recv(), 10)
-        assert reply == "echo:" + big, len(reply)
-        print("BIG_OK", flush=True)
-        pong = await ws.ping(b"abc")
-        await asyncio.wait_for(pong, 10)
-        print("PING_OK", flush=True)
+async def main(port: int, count: int) -> int:
+    async with websockets.connect(f"ws://127.0.0.1:{port}/Quellon/", close_timeout=2, compression=None,
+                                  max_size=None) as ws:
+        for text in ("hello from python", "é" * 40000):  # 80 000 bytes: a 64-bit length both ways
+            await ws.send(text)
+            reply = await asyncio.wait_for(ws.recv(), 10)
+            assert reply == "echo:" + text, reply[:40]
+        await asyncio.wait_for(await ws.ping(b"abc"), 10)
+
+        async def replies() -> None:
+            for _ in range(count):
+                await ws.recv()
+
+        reader = asyncio.create_task(replies())
+        for i in range(count):
+            await ws.send(f"n{i}")
+        await asyncio.wait_for(reader, 60)
         try:
             await ws.close()
-        except Exception as error:  # the server's close reply carries no status code of its own
-            print("CLOSE_NOTE", type(error).__name__, flush=True)
-    print("CLOSED", flush=True)
+        except Exception:  # the server's close reply carries no status code of its own
+            pass
+    print("DONE", flush=True)
     return 0
 
 
 if __name__ == "__main__":
-    sys.exit(asyncio.run(main(int(sys.argv[1]))))
+    sys.exit(asyncio.run(main(int(sys.argv[1]), int(sys.argv[2]))))
