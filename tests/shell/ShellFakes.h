@@ -4,12 +4,15 @@
 // settings store and the keychain at a temporary folder.
 
 #include "foundation/AppStorageManager.h"
+#include "foundation/BundleExtended.h"
+#include "foundation/EventBus.h"
 #include "foundation/FileSecretBackend.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "shell/AlertPresenter.h"
 #include "shell/ShellEngine.h"
 #include "shell/UrlOpener.h"
 #include "shell/WindowHost.h"
+#include "support/ClockGuard.h"
 
 #include <QStringList>
 #include <QTemporaryDir>
@@ -153,4 +156,30 @@ public:
 
 private:
     LinuxPlatform::Overrides m_overrides;
+};
+
+// One test's whole world: the sandbox, the fakes writing to one journal, a clean event bus,
+// version 2.1.0 (45) and the main queue on a test clock.
+struct ShellWorld {
+    explicit ShellWorld(const LinuxPlatform::Overrides &overrides = {}) : sandbox(overrides)
+    {
+        EventBus::defaultCenter().reset();
+        BundleExtended::setInfoDictionaryForTesting(
+            QVariantMap{{BundleExtended::kShortVersionKey, QStringLiteral("2.1.0")},
+                        {BundleExtended::kVersionKey, QStringLiteral("45")},
+                        {BundleExtended::kNameKey, QStringLiteral("PelorinVPN")}});
+    }
+    ~ShellWorld()
+    {
+        EventBus::defaultCenter().reset();
+        BundleExtended::setInfoDictionaryForTesting(std::nullopt);
+    }
+    ShellSandbox sandbox;
+    Journal journal;
+    FakeEngine engine{journal};
+    FakeWindow window{journal};
+    FakeAlerts alerts;
+    FakeUrlOpener urls;
+    ClockGuard clock;
+    AppStorageManager &store() { return sandbox.store(); }
 };

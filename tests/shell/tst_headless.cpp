@@ -36,6 +36,12 @@ private:
     int run(HeadlessRunner::Options options, const std::function<void(HeadlessRunner &)> &whileRunning = {});
     void useClient(const QByteArray &behaviour);
     QProcessEnvironment programEnvironment() const;
+    // Runs the real program to its end.
+    struct Ran {
+        int code;
+        QByteArray out, err;
+    };
+    Ran runProgram(const QStringList &arguments, const QProcessEnvironment &env) const;
 
     DevBackendProcess m_backend;
     std::unique_ptr<VpnTestEnvironment> m_env;
@@ -218,49 +224,45 @@ QProcessEnvironment TestHeadless::programEnvironment() const
     return env;
 }
 
+TestHeadless::Ran TestHeadless::runProgram(const QStringList &arguments, const QProcessEnvironment &env) const
+{
+    QProcess process;
+    process.setProcessEnvironment(env);
+    process.start(qEnvironmentVariable("PELORIN_BINARY_DIR") + QStringLiteral("/bin/pelorin-vpn"), arguments);
+    process.waitForFinished(kWaitMs);
+    return {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
+}
+
 void TestHeadless::programOptions()
 {
-    const QString program = qEnvironmentVariable("PELORIN_BINARY_DIR") + QStringLiteral("/bin/pelorin-vpn");
-    const auto runProgram = [&](const QStringList &arguments, const QProcessEnvironment &env) {
-        QProcess process;
-        process.setProcessEnvironment(env);
-        process.start(program, arguments);
-        process.waitForFinished(kWaitMs);
-        return std::make_tuple(process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError());
-    };
     QProcessEnvironment env = programEnvironment();
     // An unknown option is refused the same way with a display as without one.
     for (const QString &display : {QString(), QStringLiteral(":99")}) {
         env.insert(QStringLiteral("DISPLAY"), display);
-        const auto [code, out, err] = runProgram({QStringLiteral("--colour")}, env);
-        QCOMPARE(code, int(HeadlessRunner::kExitUsage));
-        QVERIFY(out.isEmpty());
-        QVERIFY(err.contains("Unknown option 'colour'"));
+        const Ran ran = runProgram({QStringLiteral("--colour")}, env);
+        QCOMPARE(ran.code, int(HeadlessRunner::kExitUsage));
+        QVERIFY(ran.out.isEmpty());
+        QVERIFY(ran.err.contains("Unknown option 'colour'"));
     }
     env = programEnvironment();
-    const auto [versionCode, version, versionErr] = runProgram({QStringLiteral("--version")}, env);
-    QCOMPARE(versionCode, 0);
-    QCOMPARE(version.trimmed(), QStringLiteral("PelorinVPN %1").arg(AppUpdateManager::ownVersion()).toUtf8());
-    const auto [helpCode, help, helpErr] = runProgram({QStringLiteral("--help")}, env);
-    QCOMPARE(helpCode, 0);
+    const Ran version = runProgram({QStringLiteral("--version")}, env);
+    QCOMPARE(version.code, 0);
+    QCOMPARE(version.out.trimmed(), QStringLiteral("PelorinVPN %1").arg(AppUpdateManager::ownVersion()).toUtf8());
+    const Ran help = runProgram({QStringLiteral("--help")}, env);
+    QCOMPARE(help.code, 0);
     for (const char *needed : {"disconnect", "CLEAR_USERDEFAULTS", "CLEAR_VPN", "Exit codes", "6  interrupted"})
-        QVERIFY2(help.contains(needed), needed);
-    const auto [scriptCode, scriptOut, scriptErr] = runProgram({QStringLiteral("--script")}, env);
-    QCOMPARE(scriptCode, int(HeadlessRunner::kExitUsage));
-    QVERIFY(scriptErr.contains("--on-connected"));
+        QVERIFY2(help.out.contains(needed), needed);
+    const Ran script = runProgram({QStringLiteral("--script")}, env);
+    QCOMPARE(script.code, int(HeadlessRunner::kExitUsage));
+    QVERIFY(script.err.contains("--on-connected"));
 }
 
 void TestHeadless::listAsksForTheCatalogueOnly()
 {
-    const QString program = qEnvironmentVariable("PELORIN_BINARY_DIR") + QStringLiteral("/bin/pelorin-vpn");
     m_backend.clearRequests();
-    QProcess process;
-    process.setProcessEnvironment(programEnvironment());
-    process.start(program, {QStringLiteral("--headless"), QStringLiteral("--list")});
-    QVERIFY(process.waitForFinished(kWaitMs));
-    QCOMPARE(process.exitCode(), 0);
-    const QByteArray out = process.readAllStandardOutput();
-    QVERIFY2(out.contains("\t(default)\n"), out.constData());
+    const Ran list = runProgram({QStringLiteral("--headless"), QStringLiteral("--list")}, programEnvironment());
+    QCOMPARE(list.code, 0);
+    QVERIFY2(list.out.contains("\t(default)\n"), list.out.constData());
     QStringList paths;
     for (const QJsonValue &request : m_backend.requests())
         paths << request.toObject().value(QStringLiteral("path")).toString();
@@ -271,11 +273,10 @@ void TestHeadless::listAsksForTheCatalogueOnly()
     m_env->writeFile(QStringLiteral("resources/CommonConfig.plist"),
                      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
                      "<key>Host URL</key><string>http://127.0.0.1:9</string></dict></plist>\n");
-    process.start(program, {QStringLiteral("--list")});
-    QVERIFY(process.waitForFinished(kWaitMs));
-    QCOMPARE(process.exitCode(), int(HeadlessRunner::kExitBackendUnreachable));
-    QVERIFY(process.readAllStandardOutput().isEmpty());
-    QVERIFY(process.readAllStandardError().contains("Cannot load the server list"));
+    const Ran unreachable = runProgram({QStringLiteral("--list")}, programEnvironment());
+    QCOMPARE(unreachable.code, int(HeadlessRunner::kExitBackendUnreachable));
+    QVERIFY(unreachable.out.isEmpty());
+    QVERIFY(unreachable.err.contains("Cannot load the server list"));
 }
 
 // Without a cluster named, "Connect automatically" connects to the last cluster (by name),

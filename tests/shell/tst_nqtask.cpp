@@ -9,7 +9,6 @@
 #include <QDBusConnection>
 #include <QDir>
 #include <QElapsedTimer>
-#include <QFile>
 #include <QProcess>
 #include <QScopeGuard>
 #include <QSignalSpy>
@@ -47,11 +46,9 @@ private slots:
         QVERIFY(log.osTexts().isEmpty());
 
         QCOMPARE(NQTask::run(QStringLiteral("true")), QString());
-        QVERIFY(log.osTexts().contains(QStringLiteral("Run External Task FAILED with error: 'Empty output data.'.")));
-        log.clear();
         QCOMPARE(NQTask::run(QStringLiteral("printf '\\377\\376'")), QString());
-        QCOMPARE(log.osTexts(), QStringList{QStringLiteral(
-                                    "Run External Task FAILED with error: 'Can't serialize task output data.'.")});
+        for (const char *error : {"Empty output data.", "Can't serialize task output data."})
+            QVERIFY(log.osTexts().contains(QStringLiteral("Run External Task FAILED with error: '%1'.").arg(error)));
         // A failing command still answers what it printed: the status is not looked at.
         QCOMPARE(NQTask::run(QStringLiteral("echo partial; exit 3")), QStringLiteral("partial\n"));
     }
@@ -60,14 +57,14 @@ private slots:
     {
         QElapsedTimer timer;
         timer.start();
-        QCOMPARE(NQTask::run(QStringLiteral("echo early; exec >&-; sleep 20")), QStringLiteral("early\n"));
+        // Both output streams closed, so nothing (ctest included) waits for the sleeper.
+        QCOMPARE(NQTask::run(QStringLiteral("echo early; exec >&- 2>&-; sleep 20")), QStringLiteral("early\n"));
         QVERIFY2(timer.elapsed() < 10000, "run waited for the command's exit");
     }
 
     void loginItemRoundTripUsesTheApplicationName()
     {
         ShellSandbox sandbox;
-        LogCapture log;
         QVERIFY(!NQAppKit::appIsInLoginItems()); // the autostart folder does not exist yet
         QCOMPARE(NQTask::getLoginItems(), QString());
         NQAppKit::setLaunchAtLogin(true);
@@ -76,9 +73,8 @@ private slots:
         QFile file(entry);
         QVERIFY(file.open(QIODevice::ReadOnly));
         const QString text = QString::fromUtf8(file.readAll());
-        QVERIFY(text.contains(QStringLiteral("Name=PelorinVPN\n")));
-        QVERIFY(text.contains(QStringLiteral("Hidden=false")));
-        QVERIFY(text.contains(QStringLiteral("--login-item")));
+        for (const char *needed : {"Name=PelorinVPN\n", "Hidden=false", "--login-item"})
+            QVERIFY2(text.contains(QLatin1String(needed)), needed);
         NQAppKit::setLaunchAtLogin(false);
         QVERIFY(!QFile::exists(entry));
         QVERIFY(!NQAppKit::appIsInLoginItems());
@@ -123,12 +119,9 @@ private slots:
 
         LoginItemsListController controller;
         QVERIFY(!controller.willLaunchAtLogin(program)); // same name, other program
-        LogCapture log;
         controller.setLaunchAtLogin(true, link);
         QVERIFY(controller.willLaunchAtLogin(program)); // links resolved on both sides
-        QVERIFY(log.lines().contains(
-            QStringLiteral("-[LoginItemsListController setLaunchAtLogin:forURL:]: 1 for itemUrl: '%1'.").arg(link)));
-        controller.setLaunchAtLogin(true, program); // already there: no second entry
+        controller.setLaunchAtLogin(true, program);     // already there: no second entry
         QCOMPARE(Platform::instance().loginItems().size(), 2);
 
         controller.setLaunchAtLogin(false, program);
@@ -184,7 +177,6 @@ private slots:
                                           QDBusConnection::ExportAllSlots));
         QVERIFY(connection.registerService(QStringLiteral("org.freedesktop.Notifications")));
 
-        LogCapture log;
         bool shown = false;
         QString descriptor;
         NQSystemNotification::ShowSystemNotificationWithMessage(
@@ -193,8 +185,6 @@ private slots:
         QVERIFY(shown);
         QCOMPARE(descriptor, QStringLiteral("notification 42"));
         QCOMPARE(service.received, QStringList{QStringLiteral("PelorinVPN|Title|Sweden\nConnected")});
-        QVERIFY(log.lines().contains(QStringLiteral(
-            "|NQSystemNotification| display notification \"Connected\" with title \"Title\" subtitle \"Sweden\"")));
     }
 };
 

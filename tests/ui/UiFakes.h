@@ -205,3 +205,10 @@ inline NQVPNCountry country(const QString &name, const QString &iso, const QStri
     c.serverAddress = QStringLiteral("10.0.0.%1").arg(id);
     return c;
 }
+
+// A European cluster named `name` (its code: the name's first two letters).
+inline NQVPNCountry eu(const char *name, qint64 id = 1, bool isDefault = false)
+{
+    const QString n = QString::fromLatin1(name);
+    return country(n, n.left(2).toUpper(), QStringLiteral("Europe"), id, isDefault);
+}

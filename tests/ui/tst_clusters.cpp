@@ -17,9 +17,9 @@ QStringList names(const QList<ClusterRecord> &records)
     return out;
 }
 
-NQVPNCountry favourite(const QString &name, const QString &iso)
+NQVPNCountry favourite(const char *name)
 {
-    NQVPNCountry c = country(name, iso, QStringLiteral("Europe"));
+    NQVPNCountry c = eu(name);
     c.clusterFavourited = true;
     return c;
 }
@@ -83,10 +83,8 @@ private slots:
 
     void favouriteMissingFromTheCatalogueStaysInTheFavouritesTabOnly()
     {
-        storeFavourites({favourite(QStringLiteral("Atlantis"), QStringLiteral("AT")),
-                         favourite(QStringLiteral("Germany"), QStringLiteral("DE"))});
-        m_fx->vpn.countries = {country(QStringLiteral("France"), QStringLiteral("FR"), QStringLiteral("Europe")),
-                               country(QStringLiteral("Germany"), QStringLiteral("DE"), QStringLiteral("Europe"))};
+        storeFavourites({favourite("Atlantis"), favourite("Germany")});
+        m_fx->vpn.countries = {eu("France"), eu("Germany")};
         m_vc->viewDidLoad();
         QCOMPARE(names(m_vc->tableSourceFavourites().tableData), (QStringList{"Atlantis", "Germany"}));
         QCOMPARE(names(m_vc->tableSourceAllLocations().tableData), (QStringList{"France", "Germany"}));
@@ -95,19 +93,16 @@ private slots:
         QVERIFY(!m_vc->loadingOverlayVisible());
 
         // A later catalogue carries the marks over by name as well.
-        EventBus::defaultCenter().post(
-            Events::NOTIFICATION_CLUSTERS_LOADED,
-            catalogue({country(QStringLiteral("Germany"), QStringLiteral("DE"), QStringLiteral("Europe"), 3),
-                       country(QStringLiteral("Spain"), QStringLiteral("ES"), QStringLiteral("Europe"), 4)}));
+        EventBus::defaultCenter().post(Events::NOTIFICATION_CLUSTERS_LOADED,
+                                       catalogue({eu("Germany", 3), eu("Spain", 4)}));
         QCOMPARE(favouriteFlags(), (QList<bool>{true, false}));
         QCOMPARE(names(m_vc->tableSourceFavourites().tableData), (QStringList{"Atlantis", "Germany"}));
     }
 
     void duplicateNamesMarkOnlyTheFirst()
     {
-        storeFavourites({favourite(QStringLiteral("Germany"), QStringLiteral("DE"))});
-        m_fx->vpn.countries = {country(QStringLiteral("Germany"), QStringLiteral("DE"), QStringLiteral("Europe"), 1),
-                               country(QStringLiteral("Germany"), QStringLiteral("DE"), QStringLiteral("Europe"), 2)};
+        storeFavourites({favourite("Germany")});
+        m_fx->vpn.countries = {eu("Germany", 1), eu("Germany", 2)};
         m_vc->viewDidLoad();
         QCOMPARE(favouriteFlags(), (QList<bool>{true, false}));
     }
@@ -127,10 +122,7 @@ private slots:
     {
         m_vc->viewDidLoad();
         auto &bus = EventBus::defaultCenter();
-        bus.post(Events::NOTIFICATION_CLUSTERS_LOADED,
-                 catalogue({country(QStringLiteral("A"), QStringLiteral("AT"), QStringLiteral("Europe"), 1),
-                            country(QStringLiteral("B"), QStringLiteral("BE"), QStringLiteral("Europe"), 2, true),
-                            country(QStringLiteral("C"), QStringLiteral("CH"), QStringLiteral("Europe"), 3)}));
+        bus.post(Events::NOTIFICATION_CLUSTERS_LOADED, catalogue({eu("A", 1), eu("B", 2, true), eu("C", 3)}));
         QCOMPARE(m_vc->selectedCountry()->countryName, QStringLiteral("B"));
         QVERIFY(m_announced.contains(QStringLiteral("B")));
         QCOMPARE(selectedFlags(), (QList<bool>{false, true, false}));
@@ -138,9 +130,7 @@ private slots:
 
         // The choice survives a new catalogue by name, even without a default.
         m_vc->clickRow(2);
-        bus.post(Events::NOTIFICATION_CLUSTERS_LOADED,
-                 catalogue({country(QStringLiteral("C"), QStringLiteral("CH"), QStringLiteral("Europe"), 3),
-                            country(QStringLiteral("D"), QStringLiteral("DK"), QStringLiteral("Europe"), 4)}));
+        bus.post(Events::NOTIFICATION_CLUSTERS_LOADED, catalogue({eu("C", 3), eu("D", 4)}));
         QCOMPARE(m_vc->selectedCountry()->countryName, QStringLiteral("C"));
         QCOMPARE(m_vc->tableSourceAllLocations().selectedRow(), 0);
 
@@ -148,9 +138,7 @@ private slots:
         fresh.viewDidLoad();
         m_announced.clear();
         bus.removeObserver(m_vc.get());
-        bus.post(Events::NOTIFICATION_CLUSTERS_LOADED,
-                 catalogue({country(QStringLiteral("E"), QStringLiteral("EE"), QStringLiteral("Europe"), 5),
-                            country(QStringLiteral("F"), QStringLiteral("FI"), QStringLiteral("Europe"), 6)}));
+        bus.post(Events::NOTIFICATION_CLUSTERS_LOADED, catalogue({eu("E", 5), eu("F", 6)}));
         QCOMPARE(fresh.selectedCountry()->countryName, QStringLiteral("E"));
 
         ClustersVC empty(m_fx->services);
@@ -164,8 +152,7 @@ private slots:
 
     void clickBelowTheLastRowKeepsAndReannouncesTheChoice()
     {
-        m_fx->vpn.countries = {country(QStringLiteral("A"), QStringLiteral("AT"), QStringLiteral("Europe"), 1),
-                               country(QStringLiteral("B"), QStringLiteral("BE"), QStringLiteral("Europe"), 2)};
+        m_fx->vpn.countries = {eu("A", 1), eu("B", 2)};
         m_vc->viewDidLoad();
         m_vc->clickRow(1);
         QCOMPARE(m_announced, QStringList{"B"});
@@ -175,13 +162,15 @@ private slots:
         QVERIFY(m_announced.size() >= 2);
         QVERIFY(m_announced.count(QStringLiteral("B")) == m_announced.size());
         QCOMPARE(selectedFlags(), (QList<bool>{false, true}));
+        // Shown again: the choice is announced again.
+        m_announced.clear();
+        m_vc->viewDidAppear();
+        QCOMPARE(m_announced, QStringList{"B"});
     }
 
     void markersFollowTheChosenName()
     {
-        m_fx->vpn.countries = {country(QStringLiteral("A"), QStringLiteral("AT"), QStringLiteral("Europe"), 1),
-                               country(QStringLiteral("B"), QStringLiteral("BE"), QStringLiteral("Europe"), 2),
-                               country(QStringLiteral("B"), QStringLiteral("BE"), QStringLiteral("Europe"), 3)};
+        m_fx->vpn.countries = {eu("A", 1), eu("B", 2), eu("B", 3)};
         m_vc->viewDidLoad();
         m_vc->clickRow(2);
         QCOMPARE(selectedFlags(), (QList<bool>{false, true, true}));
@@ -194,8 +183,7 @@ private slots:
 
     void favouritesFollowTheStarAndUnfavouritingOnTheTabClearsTheChoice()
     {
-        m_fx->vpn.countries = {country(QStringLiteral("A"), QStringLiteral("AT"), QStringLiteral("Europe"), 1),
-                               country(QStringLiteral("B"), QStringLiteral("BE"), QStringLiteral("Europe"), 2)};
+        m_fx->vpn.countries = {eu("A", 1), eu("B", 2)};
         m_vc->viewDidLoad();
         m_vc->clickFavourite(1, true);
         m_vc->clickFavourite(0, true);

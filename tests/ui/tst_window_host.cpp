@@ -3,6 +3,7 @@
 #include "UiFakes.h"
 #include "support/ClockGuard.h"
 
+#include "app/SingleInstance.h"
 #include "foundation/EventBus.h"
 #include "foundation/EventNames.h"
 #include "foundation/LocalString.h"
@@ -22,6 +23,7 @@
 #include <QLabel>
 #include <QMenu>
 #include <QPushButton>
+#include <QSystemTrayIcon>
 #include <QThread>
 #include <QtTest>
 
@@ -128,6 +130,7 @@ private slots:
         m_clock->advance(0);
         QVERIFY(!before);
         QVERIFY(host.statusMenu());
+        QVERIFY(!host.statusItem()->icon().isNull());
         QCOMPARE(menuTitles(host.statusMenu()), expected);
         QVERIFY(host.mainWindow());
         QVERIFY(host.mainWindow()->windowFlags().testFlag(Qt::FramelessWindowHint));
@@ -185,6 +188,37 @@ private slots:
         QCOMPARE(texts, (QStringList{QStringLiteral("Title"), QStringLiteral("Message")}));
         view.findChild<QPushButton *>()->click();
         QVERIFY(view.isHidden());
+    }
+
+    // A later launch reaches the running instance, which shows its window. Nobody listening, or
+    // what a dead instance left on the socket's path, is no running instance.
+    void secondLaunchAsksTheRunningInstanceToShow()
+    {
+        QTemporaryDir dir;
+        SingleInstance later(dir.path());
+        QVERIFY(!later.askRunningInstanceToShow());
+        QFile stale(later.socketPath());
+        QVERIFY(stale.open(QIODevice::WriteOnly));
+        stale.close();
+        QVERIFY(!later.askRunningInstanceToShow());
+
+        QThread thread; // the running instance answers while the later one waits
+        auto *running = new SingleInstance(dir.path());
+        running->moveToThread(&thread);
+        connect(&thread, &QThread::finished, running, &QObject::deleteLater);
+        std::atomic<int> shown = 0;
+        connect(
+            running, &SingleInstance::showRequested, running, [&shown] { ++shown; }, Qt::DirectConnection);
+        thread.start();
+        bool listening = false;
+        QMetaObject::invokeMethod(
+            running, [&] { listening = running->listen(); }, Qt::BlockingQueuedConnection);
+        QVERIFY(listening);
+        const bool answered = later.askRunningInstanceToShow();
+        thread.quit();
+        thread.wait();
+        QVERIFY(answered);
+        QCOMPARE(shown.load(), 1);
     }
 
 private:
