@@ -78,9 +78,11 @@ private slots:
         QCOMPARE(m_fx->vpn.pendingConfigs.first().first, qint64(7));
         QCOMPARE(button(display()), text("Cancel") + QStringLiteral("|button_normal3|"));
         QVERIFY(display().loadingOverlayVisible && display().mapAnimating);
+        QVERIFY(m_fx->vpn.holdBlock); // a wanted tunnel keeps a block between client runs
 
         m_panel->clickConnect();
         QCOMPARE(m_fx->vpn.stops, 1);
+        QVERIFY(!m_fx->vpn.holdBlock);
         QCOMPARE(m_fx->vpn.pendingConfigs.size(), 1);
         QVERIFY(!m_panel->isConnecting());
         // The late profile answer still starts what the user asked for first.
