@@ -4,9 +4,8 @@
 #include "foundation/AppStorageManager.h"
 #include "foundation/Log.h"
 #include "platform/Platform.h"
+#include "vpn/BoundedCommand.h"
 #include "vpn/TrafficBlock.h"
-
-#include <QProcess>
 
 namespace {
 void log(const QString &text)
@@ -67,27 +66,21 @@ bool NQVPNManager::clearKillSwitch()
 bool NQVPNManager::runClearKillSwitch(int timeoutMs)
 {
     Platform &platform = Platform::instance();
-    QProcess process;
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.setStandardInputFile(QProcess::nullDevice());
-    // Without a terminal sudo cannot ask for a password: a missing rule fails at once.
-    platform.runWithoutTerminal(process);
-    process.start(platform.sudoPath(),
-                  {platform.helperPath(QLatin1String(kClientName)), QLatin1String(kClearKillSwitchFlag)});
-    if (!process.waitForStarted()) {
-        log(QStringLiteral("Cannot lift the traffic block: %1").arg(process.errorString()));
+    const BoundedCommand run = BoundedCommand::run(
+        platform.sudoPath(), {platform.helperPath(QLatin1String(kClientName)), QLatin1String(kClearKillSwitchFlag)},
+        timeoutMs);
+    switch (run.outcome) {
+    case BoundedCommand::Outcome::NotStarted:
+        log(QStringLiteral("Cannot lift the traffic block: %1").arg(run.detail));
         return false;
-    }
-    if (!process.waitForFinished(timeoutMs)) {
+    case BoundedCommand::Outcome::TimedOut:
         log(QStringLiteral("Cannot lift the traffic block: no answer within %1 ms").arg(timeoutMs));
-        process.kill();
-        process.waitForFinished(timeoutMs);
         return false;
-    }
-    const QString output = QString::fromUtf8(process.readAll()).trimmed();
-    if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0) {
-        log(QStringLiteral("Cannot lift the traffic block: %1").arg(output));
+    case BoundedCommand::Outcome::Failed:
+        log(QStringLiteral("Cannot lift the traffic block: %1").arg(run.detail.trimmed()));
         return false;
+    case BoundedCommand::Outcome::Succeeded:
+        break;
     }
     log(QStringLiteral("Traffic outside the tunnel is no longer blocked"));
     return true;

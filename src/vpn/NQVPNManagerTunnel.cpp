@@ -1,6 +1,8 @@
 // NQVPNManager: the tunnel client process, its output and the stop sequence.
 #include "vpn/NQVPNManager.h"
 
+#include "vpn/BoundedCommand.h"
+
 #include "foundation/AppStorageManager.h"
 #include "foundation/Log.h"
 #include "platform/Platform.h"
@@ -10,7 +12,6 @@
 #include "vpn/TunnelStateReporter.h"
 
 #include <QFileInfo>
-#include <QProcess>
 
 #include <csignal>
 #include <cstdint>
@@ -196,27 +197,24 @@ void NQVPNManager::disconnectAllVPNConnections()
 {
     const QString command =
         QStringLiteral("%1 pkill %2").arg(shellQuoted(Platform::instance().sudoPath()), QLatin1String(kClientName));
-    QProcess process;
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.setStandardInputFile(QProcess::nullDevice());
-    // Without a terminal sudo cannot ask for a password: a missing rule fails at once.
-    Platform::instance().runWithoutTerminal(process);
-    process.start(QStringLiteral("/bin/bash"), {QStringLiteral("-c"), command});
     // The caller blocks (the window's thread), so the wait has a bound; then the stop goes on.
-    if (!process.waitForStarted()) {
-        log(QStringLiteral("Error while executing sudo command: %1").arg(process.errorString()));
-    } else if (!process.waitForFinished(m_killByNameTimeoutMs)) {
+    const BoundedCommand run =
+        BoundedCommand::run(QStringLiteral("/bin/bash"), {QStringLiteral("-c"), command}, m_killByNameTimeoutMs);
+    switch (run.outcome) {
+    case BoundedCommand::Outcome::NotStarted:
+        log(QStringLiteral("Error while executing sudo command: %1").arg(run.detail));
+        break;
+    case BoundedCommand::Outcome::TimedOut:
         log(QStringLiteral("Error while executing sudo command: %1 did not finish within %2 ms")
                 .arg(command)
                 .arg(m_killByNameTimeoutMs));
-        process.kill();
-        process.waitForFinished(m_killByNameTimeoutMs);
-    } else {
-        const QString output = QString::fromUtf8(process.readAll());
-        if (process.exitStatus() != QProcess::NormalExit || process.exitCode() != 0)
-            log(QStringLiteral("Failed to disconnect OpenVPN connections. Error: %1").arg(output));
-        else
-            log(QStringLiteral("All OpenVPN connections have been disconnected successfully."));
+        break;
+    case BoundedCommand::Outcome::Failed:
+        log(QStringLiteral("Failed to disconnect OpenVPN connections. Error: %1").arg(run.detail));
+        break;
+    case BoundedCommand::Outcome::Succeeded:
+        log(QStringLiteral("All OpenVPN connections have been disconnected successfully."));
+        break;
     }
     m_reporter->report(VpnStateDisconnected);
 }
