@@ -2,6 +2,7 @@
 """Plants small faults in product sources, one at a time, and runs the tests against each.
 
   scripts/mutants.py --build build/dev --tests 'REGEX' [--count N] [--seed S] FILE...
+  scripts/mutants.py --build build/old --tests 'REGEX' --retry after.json --json before.json
   scripts/mutants.py --compare before.json after.json
 
 A fault is one of: a flipped comparison (== !=, < >=, <= >, > <=, >= <), && <-> ||, a dropped
@@ -9,6 +10,10 @@ negation, return true <-> false, a dropped call statement, +1 <-> -1. The same f
 count always give the same faults, so a run before and after a change to the tests compares
 like with like. For each fault the test executables matching REGEX (ctest -R) are rebuilt and
 run; a fault is caught when ctest fails. Sources are always restored, also on Ctrl-C.
+
+--retry runs only the faults another run missed: after rewriting tests, run the new suite
+first, then the old suite (tests checked out from before) on what the new one missed; --compare
+then shows any fault the old suite caught that the new one lets through.
 """
 import argparse, glob, json, os, random, re, subprocess, sys, time
 
@@ -78,10 +83,16 @@ def test_targets(build, regex):
 
 
 def run(args):
-    files = sorted({f for pat in args.files for f in glob.glob(pat)})
-    allsites = [s for f in files for s in sites(f)]
-    rng = random.Random(args.seed)
-    chosen = sorted(rng.sample(allsites, min(args.count, len(allsites))), key=key)
+    if args.retry:
+        chosen = [{k: v for k, v in r.items() if k != "outcome"} for r in json.load(open(args.retry))
+                  if r["outcome"] == "missed"]
+        files = sorted({s["file"] for s in chosen})
+        allsites = chosen
+    else:
+        files = sorted({f for pat in args.files for f in glob.glob(pat)})
+        allsites = [s for f in files for s in sites(f)]
+        rng = random.Random(args.seed)
+        chosen = sorted(rng.sample(allsites, min(args.count, len(allsites))), key=key)
     targets = test_targets(args.build, args.tests)
     if not targets:
         sys.exit(f"no test matches {args.tests!r} in {args.build}")
@@ -139,12 +150,13 @@ if __name__ == "__main__":
     p.add_argument("--jobs", type=int, default=2)
     p.add_argument("--timeout", type=int, default=120)
     p.add_argument("--json")
+    p.add_argument("--retry", metavar="JSON", help="run only the faults that run missed")
     p.add_argument("--compare", nargs=2, metavar=("BEFORE", "AFTER"))
     p.add_argument("files", nargs="*")
     a = p.parse_args()
     if a.compare:
         compare(*a.compare)
-    elif not (a.build and a.tests and a.files):
+    elif not (a.build and a.tests and (a.files or a.retry)):
         p.error("--build, --tests and source files are needed")
     else:
         run(a)
