@@ -1,23 +1,17 @@
 #pragma once
 
-#include <QByteArray>
-#include <QString>
+#include <QDir>
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <unistd.h>
 #include <vector>
 
-// Runs the current test program again inside a private session bus with a fresh unlocked
-// GNOME keyring (tests/support/run-with-keyring.sh), so keychain tests talk to a real Secret
-// Service and never to the developer's own keyring.
-//
-//   int main(int argc, char **argv) { KeyringSession::enter(argc, argv); ... }
-//
-// Inside the session PELORIN_KEYRING_SESSION=1 is set; when the tools are missing the program
-// continues outside, and the test should skip (see isActive()).
+// Called first in main(): runs the test program again inside a private session bus, so keychain
+// tests talk to a GNOME keyring of their own (started with KeyringPrompts), never the developer's.
+// Inside, PELORIN_KEYRING_SESSION=1; without dbus-run-session the program goes on outside and
+// the test should skip (see isActive()).
 namespace KeyringSession {
 
 inline bool isActive()
@@ -27,21 +21,16 @@ inline bool isActive()
 
 inline void enter(int argc, char **argv)
 {
-    if (isActive() || qEnvironmentVariableIsSet("PELORIN_KEYRING_SESSION"))
+    if (qEnvironmentVariableIsSet("PELORIN_KEYRING_SESSION"))
         return;
-    const QByteArray script = qgetenv("PELORIN_SOURCE_DIR") + "/tests/support/run-with-keyring.sh";
-    if (qgetenv("PELORIN_SOURCE_DIR").isEmpty() || access(script.constData(), X_OK) != 0) {
-        std::fprintf(stderr, "KeyringSession: %s not found; keyring tests will be skipped\n", script.constData());
-        qputenv("PELORIN_KEYRING_SESSION", "unavailable");
-        return;
-    }
     qputenv("PELORIN_KEYRING_SESSION", "1");
-    // The suite keeps secrets in files by default; inside the private keyring we want the real thing.
+    // The suite keeps secrets in files by default; inside the private bus we want the real thing.
     qunsetenv("PELORIN_SECRET_STORE");
-    std::vector<char *> args{const_cast<char *>("dbus-run-session"), const_cast<char *>("--"),
-                             const_cast<char *>(script.constData())};
-    for (int i = 0; i < argc; ++i)
-        args.push_back(argv[i]);
+    // Every run starts without keyrings (they live in the test's private home).
+    if (const QString data = qEnvironmentVariable("XDG_DATA_HOME"); !data.isEmpty())
+        QDir(data + QStringLiteral("/keyrings")).removeRecursively();
+    std::vector<char *> args{const_cast<char *>("dbus-run-session"), const_cast<char *>("--")};
+    args.insert(args.end(), argv, argv + argc);
     args.push_back(nullptr);
     execvp("dbus-run-session", args.data());
     // Only reached when dbus-run-session is not installed.
