@@ -1,7 +1,12 @@
+// The keychain store over its backends: the add-or-update rules and errors over a fake, the file
+// store, a run's device identifier, and the keyring helper's messages and process (fake helpers
+// are small shell scripts).
 #include "foundation/AppConfig.h"
 #include "foundation/AppStorageManager.h"
 #include "foundation/FileSecretBackend.h"
 #include "foundation/KeychainStore.h"
+#include "foundation/KeyringMessage.h"
+#include "foundation/KeyringProcessBackend.h"
 #include "foundation/SecretQueue.h"
 #include "support/LogCapture.h"
 
@@ -11,50 +16,43 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+using namespace KeyringMessage;
+using namespace std::chrono_literals;
+
 namespace {
+const QString kService = QStringLiteral("com.pelorin.vpn.mac");
+const std::string kBinarySecret("p\0ss\xff\xfe w\xc3\xb6rd", 13);
+const Request kRequest{Operation::Update, "com.pelorin.vpn.mac", "us\xc3\xa9r", kBinarySecret};
+const Answer kAnswer{SecretBackend::InteractionNotAllowed, "The keyring is locked.", kBinarySecret};
+
 // Secrets in memory: records the calls and answers chosen statuses.
 class FakeSecrets : public SecretBackend {
 public:
     QMap<QString, QByteArray> items; // "service/account" -> data
     QStringList calls;
-    std::optional<int> findStatus, writeStatus, removeStatus;
+    QMap<QString, int> failing; // call -> the status it answers
     QString failureMessage;
 
     int writes() const { return int(calls.count(QStringLiteral("add")) + calls.count(QStringLiteral("update"))); }
 
-    Result find(const QString &service, const QString &account) override
-    {
-        calls << QStringLiteral("find");
-        if (findStatus)
-            return answer(*findStatus);
-        const auto it = items.constFind(service + QLatin1Char('/') + account);
-        return it == items.cend() ? answer(ItemNotFound) : Result{Success, *it, {}};
-    }
-    Result update(const QString &service, const QString &account, const QByteArray &data) override
-    {
-        calls << QStringLiteral("update");
-        return store(service, account, data);
-    }
-    Result add(const QString &service, const QString &account, const QByteArray &data) override
-    {
-        calls << QStringLiteral("add");
-        return store(service, account, data);
-    }
-    Result remove(const QString &service, const QString &account) override
-    {
-        calls << QStringLiteral("remove");
-        if (removeStatus)
-            return answer(*removeStatus);
-        return items.remove(service + QLatin1Char('/') + account) ? Result() : answer(ItemNotFound);
-    }
+    Result find(const QString &s, const QString &a) override { return call("find", s, a); }
+    Result update(const QString &s, const QString &a, const QByteArray &d) override { return call("update", s, a, d); }
+    Result add(const QString &s, const QString &a, const QByteArray &d) override { return call("add", s, a, d); }
+    Result remove(const QString &s, const QString &a) override { return call("remove", s, a); }
     QString name() const override { return QStringLiteral("fake"); }
 
 private:
-    Result store(const QString &service, const QString &account, const QByteArray &data)
+    Result call(const QString &operation, const QString &service, const QString &account, const QByteArray &data = {})
     {
-        if (writeStatus)
-            return answer(*writeStatus);
-        items.insert(service + QLatin1Char('/') + account, data);
+        calls << operation;
+        const QString key = service + QLatin1Char('/') + account;
+        if (failing.contains(operation))
+            return answer(failing.value(operation));
+        if (operation == QLatin1String("find"))
+            return items.contains(key) ? Result{Success, items.value(key), {}} : answer(ItemNotFound);
+        if (operation == QLatin1String("remove"))
+            return items.remove(key) ? Result() : answer(ItemNotFound);
+        items.insert(key, data);
         return {};
     }
     Result answer(int status) const { return {status, {}, status == ItemNotFound ? QString() : failureMessage}; }
@@ -63,10 +61,22 @@ private:
 void expectError(const NQErrorOpt &error, int code, const QString &message)
 {
     QVERIFY(error);
-    QCOMPARE(error->domain(), QStringLiteral("com.pelorin.vpn.mac"));
+    QCOMPARE(error->domain(), kService);
     QCOMPARE(error->code(), code);
     QCOMPARE(error->localizedDescription(), message);
 }
+
+// An executable shell script in `dir`; its path.
+QString writeHelper(const QTemporaryDir &dir, const QByteArray &body)
+{
+    QFile script(dir.filePath(QStringLiteral("pelorin-keyring")));
+    if (!script.open(QIODevice::WriteOnly) || script.write("#!/bin/sh\n" + body + "\n") < 0)
+        return {};
+    script.close();
+    script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    return script.fileName();
+}
+
 } // namespace
 
 class TstKeychainStore : public QObject {
@@ -75,6 +85,19 @@ class TstKeychainStore : public QObject {
     std::shared_ptr<FakeSecrets> m_secrets;
 
 private slots:
+    void init()
+    {
+        m_secrets = std::make_shared<FakeSecrets>();
+        m_secrets->failureMessage = QStringLiteral("The keyring stayed locked.");
+        AppStorageManager::setSharedManagerForTesting(
+            std::make_unique<AppStorageManager>(m_dir.filePath("settings.conf"), KeychainStore(kService, m_secrets)));
+    }
+    void cleanup()
+    {
+        AppStorageManager::setSharedManagerForTesting(nullptr);
+        AppStorageManager::setSecretsNotKeptHandler({});
+    }
+
     // A found or locked item is updated, a missing one added; any other lookup failure is the
     // write's failure, with the store's own text where it gives one.
     void writePathFollowsTheLookupStatus_data()
@@ -97,27 +120,25 @@ private slots:
         QFETCH(int, writeStatus);
         QFETCH(QStringList, calls);
         QFETCH(QString, log);
-        auto fake = std::make_shared<FakeSecrets>();
-        fake->findStatus = findStatus;
+        m_secrets->failing.insert(QStringLiteral("find"), findStatus);
         if (writeStatus)
-            fake->writeStatus = writeStatus;
-        fake->failureMessage = findStatus == -25293 ? QString() : QStringLiteral("Cannot unlock the keyring.");
+            m_secrets->failing.insert(QStringLiteral("update"), writeStatus);
+        m_secrets->failureMessage = findStatus == -25293 ? QString() : QStringLiteral("Cannot unlock the keyring.");
         LogCapture capture;
         NQErrorOpt error;
-        QCOMPARE(KeychainStore(QStringLiteral("svc"), fake).setString("v", "k", &error), log.isEmpty());
-        QCOMPARE(fake->calls, calls);
+        QCOMPARE(KeychainStore(QStringLiteral("svc"), m_secrets).setString("v", "k", &error), log.isEmpty());
+        QCOMPARE(m_secrets->calls, calls);
         QCOMPARE(capture.lines(), log.isEmpty() ? QStringList() : QStringList{log});
         if (log.isEmpty())
-            QCOMPARE(fake->items.value(QStringLiteral("svc/k")), QByteArray("v"));
+            QCOMPARE(m_secrets->items.value(QStringLiteral("svc/k")), QByteArray("v"));
         else
             expectError(error, findStatus == -25293 ? -25293 : writeStatus, log.section("] ", 1));
     }
 
-    void refusedArgumentsNeverReachTheBackend()
+    void refusedArgumentsMissingItemsAndNil()
     {
-        auto fake = std::make_shared<FakeSecrets>();
-        KeychainStore store(QStringLiteral("svc"), fake);
-        KeychainStore nameless(QString(), fake);
+        KeychainStore store(QStringLiteral("svc"), m_secrets);
+        KeychainStore nameless(QString(), m_secrets);
         LogCapture log;
         NQErrorOpt error;
         QVERIFY(!store.setString(QStringLiteral("v"), QString(), &error));
@@ -132,31 +153,25 @@ private slots:
         QList<NQErrorOpt> errors;
         QVERIFY(nameless.stringsForKeys({QStringLiteral("k")}, &errors).value(0, QStringLiteral("?")).isNull());
         expectError(errors.value(0), -99999, QStringLiteral("Unexpected error has occurred."));
-        QVERIFY(fake->calls.isEmpty());
+        QVERIFY(m_secrets->calls.isEmpty());
         QCOMPARE(log.lines().size(), 6);
         QCOMPARE(log.lines().first(), QStringLiteral("error: [1] the key must not to be nil"));
 
-        fake->items.insert(QStringLiteral("svc/k"), QByteArray("\xff\xfe bad", 6));
+        m_secrets->items.insert(QStringLiteral("svc/k"), QByteArray("\xff\xfe bad", 6));
         QVERIFY(store.stringForKey(QStringLiteral("k"), &error).isNull());
         expectError(error, -67594, QStringLiteral("failed to convert data to string"));
-    }
 
-    void missingItemsAndNil()
-    {
-        auto fake = std::make_shared<FakeSecrets>();
-        KeychainStore store(QStringLiteral("svc"), fake);
-        NQErrorOpt error;
+        // Missing is no error; a null value removes; an empty string is a value, not nil.
         QVERIFY(store.stringForKey(QStringLiteral("username"), &error).isNull());
         QVERIFY(!error);
         QVERIFY(store.removeItemForKey(QStringLiteral("never"), &error));
         QVERIFY(store.setObject(QStringLiteral("bob"), QStringLiteral("username")));
         QCOMPARE(store.objectForKeyedSubscript(QStringLiteral("username")), QStringLiteral("bob"));
         QVERIFY(store.setObject(QString(), QStringLiteral("username"), &error));
-        QVERIFY(!error && fake->items.isEmpty());
-        // An empty string is a value, not nil.
+        QVERIFY(!error && !m_secrets->items.contains(QStringLiteral("svc/username")));
         QVERIFY(store.setString(QLatin1String(""), QStringLiteral("username")));
         QVERIFY(!store.stringForKey(QStringLiteral("username")).isNull());
-        fake->removeStatus = -25293;
+        m_secrets->failing.insert(QStringLiteral("remove"), -25293);
         QVERIFY(!store.removeItemForKey(QStringLiteral("username"), &error));
         QCOMPARE(error->code(), -25293);
     }
@@ -190,43 +205,9 @@ private slots:
         QVERIFY(open("svc").stringForKey(QStringLiteral("username")).isNull());
         QCOMPARE(log.osTexts(QStringLiteral("KeychainStore")).size(), 1);
         QFile aside(path + QStringLiteral(".corrupt"));
-        QVERIFY(aside.open(QIODevice::ReadOnly));
-        QCOMPARE(aside.readAll(), QByteArray("{\"items\": {\"svc\": trunc"));
+        QCOMPARE(aside.open(QIODevice::ReadOnly) ? aside.readAll() : QByteArray(), "{\"items\": {\"svc\": trunc");
         QVERIFY(open("svc").setString(QStringLiteral("v"), QStringLiteral("k")));
         QCOMPARE(open("svc").stringForKey(QStringLiteral("k")), QStringLiteral("v"));
-    }
-
-    void withoutASecretServiceTheFileStoreIsChosenWithAWarning()
-    {
-        // A bus address nobody listens on: the Secret Service cannot answer.
-        qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/pelorin-test-bus");
-        qunsetenv("PELORIN_SECRET_STORE");
-        QString reason;
-        QVERIFY(!SecretBackend::connectSecretService(&reason));
-        // The keyring helper itself was found and ran: the refusal is the bus's.
-        QVERIFY2(!reason.isEmpty() && !reason.contains(QLatin1String("pelorin-keyring")), qPrintable(reason));
-        LogCapture log;
-        SecretBackend::setSystemDefaultForTesting(nullptr);
-        const auto chosen = SecretBackend::systemDefault();
-        QCOMPARE(chosen->name(), QStringLiteral("file"));
-        QCOMPARE(SecretBackend::systemDefault(), chosen); // asked once per process
-        QCOMPARE(log.osTexts(QStringLiteral("KeychainStore")).size(), 1);
-        QVERIFY(log.osTexts(QStringLiteral("KeychainStore")).first().startsWith("No secret service answers"));
-        QCOMPARE(log.osRecords().first().level, OsLog::Level::Error);
-        SecretBackend::setSystemDefaultForTesting(nullptr);
-    }
-
-    void init()
-    {
-        m_secrets = std::make_shared<FakeSecrets>();
-        m_secrets->failureMessage = QStringLiteral("The keyring stayed locked.");
-        AppStorageManager::setSharedManagerForTesting(std::make_unique<AppStorageManager>(
-            m_dir.filePath("settings.conf"), KeychainStore(QStringLiteral("com.pelorin.vpn.mac"), m_secrets)));
-    }
-    void cleanup()
-    {
-        AppStorageManager::setSharedManagerForTesting(nullptr);
-        AppStorageManager::setSecretsNotKeptHandler({});
     }
 
     void madeOnceThenKept()
@@ -245,6 +226,14 @@ private slots:
         capture.clear();
         QCOMPARE(AppConfig::deviceUniqueID(), QStringLiteral("legacy-id-from-an-older-build"));
         QVERIFY(capture.lines().filter(QStringLiteral("|AppConfig|")).isEmpty());
+
+        // A write the keychain refuses stops keeping the run's secrets, and the user is told.
+        QStringList told;
+        AppStorageManager::setSecretsNotKeptHandler(
+            [&told](const NQError &why) { told << why.localizedDescription(); });
+        m_secrets->failing.insert(QStringLiteral("update"), SecretBackend::InteractionNotAllowed);
+        AppStorageManager::sharedManager().storeDeviceUUID(QStringLiteral("next"));
+        QTRY_COMPARE(told, QStringList{QStringLiteral("The keyring stayed locked.")});
     }
 
     // Locked and not unlocked, or no answer: "no such item" was never said, so nothing is made
@@ -262,7 +251,7 @@ private slots:
         QFETCH(int, status);
         QFETCH(bool, credentialsFirst);
         m_secrets->items.insert(QStringLiteral("com.pelorin.vpn.mac/deviceUUID"), "KEPT-ID");
-        m_secrets->findStatus = status;
+        m_secrets->failing.insert(QStringLiteral("find"), status);
         QStringList told;
         AppStorageManager::setSecretsNotKeptHandler(
             [&told](const NQError &why) { told << why.localizedDescription(); });
@@ -286,6 +275,113 @@ private slots:
         QCOMPARE(m_secrets->items.size(), 1);
         QCOMPARE(storage.secretsNotKept()->code(), status);
         QTRY_COMPARE(told, QStringList{QStringLiteral("The keyring stayed locked.")});
+    }
+
+    // The helper's messages: a cut one waits for more; an unknown, overlong or the other side's
+    // one is refused at once; a stream is read message by message up to a bad one.
+    void keyringMessages()
+    {
+        const std::string request = encode(kRequest).value();
+        const std::string answer = encode(kAnswer).value();
+        const std::optional<Answer> back = decodeAnswer(answer);
+        QVERIFY(back && back->status == kAnswer.status && back->message == kAnswer.message);
+        QCOMPARE(back->secret, kBinarySecret);
+
+        // What reading the front of `bytes` does; nothing is consumed unless a message is taken.
+        const auto read = [](std::string_view bytes, bool asRequest) {
+            const std::string_view before = bytes;
+            bool incomplete = false;
+            if (asRequest ? bool(takeRequest(bytes, &incomplete)) : bool(takeAnswer(bytes, &incomplete)))
+                return QStringLiteral("taken");
+            if (bytes.data() != before.data() || bytes.size() != before.size())
+                return QStringLiteral("consumed");
+            return incomplete ? QStringLiteral("wait") : QStringLiteral("refused");
+        };
+        for (size_t cut = 0; cut < request.size(); ++cut)
+            QCOMPARE(read(std::string_view(request).substr(0, cut), true), QStringLiteral("wait"));
+        for (const int unknown : {0, int(Operation::AddLabelled) + 1}) {
+            std::string changed = request;
+            changed[4] = char(unknown);
+            QCOMPARE(read(changed, true), QStringLiteral("refused"));
+        }
+        QCOMPARE(read(answer, true), QStringLiteral("refused"));
+        QCOMPARE(read(request, false), QStringLiteral("refused"));
+        // A length past the limit is refused before anything is allocated for it.
+        QCOMPARE(read(answer.substr(0, 8) + "\xff\xff\xff\xff" + std::string(16, 'a'), false),
+                 QStringLiteral("refused"));
+        Request tooBig = kRequest;
+        tooBig.secret = std::string(size_t(kMaxFieldBytes) + 1, 'x');
+        QVERIFY(!encode(tooBig));
+
+        // Only the labelled add carries its label.
+        Request labelled = kRequest;
+        labelled.operation = Operation::AddLabelled;
+        labelled.label = "VPN User Password";
+        const std::string stream = encode(labelled).value() + request + "PKQ1\x02garbage";
+        std::string_view rest = stream;
+        const std::optional<Request> first = takeRequest(rest);
+        QVERIFY(first && first->operation == Operation::AddLabelled && first->label == labelled.label);
+        const std::optional<Request> next = takeRequest(rest);
+        QVERIFY(next && next->operation == Operation::Update && next->label.empty());
+        QCOMPARE(next->service, kRequest.service);
+        QCOMPARE(next->account, kRequest.account);
+        QCOMPARE(next->secret, kBinarySecret);
+        QCOMPARE(read(rest, true), QStringLiteral("refused"));
+    }
+
+    // A helper that left for want of requests just as one came read none of them: it is
+    // started again and asked again, once.
+    void helperThatLeftIdleIsStartedAgain()
+    {
+        QTemporaryDir dir;
+        const QByteArray left = QFile::encodeName(dir.filePath(QStringLiteral("left")));
+        const QByteArray answer = "printf 'PKA1" + QByteArray("\\000").repeated(11) + "\\001v'"; // Success, "v"
+        KeyringProcessBackend backend(writeHelper(dir, "if [ -e '" + left + "' ]; then " + answer +
+                                                           "; cat > /dev/null; else touch '" + left + "'; exit " +
+                                                           QByteArray::number(kHelperIdleExitCode) + "; fi"));
+        const SecretBackend::Result result = backend.find(QStringLiteral("s"), QStringLiteral("a"));
+        QCOMPARE(result.status, int(SecretBackend::Success));
+        QCOMPARE(result.data, QByteArray("v"));
+        QCOMPARE(backend.helperStarts(), 2);
+    }
+
+    // A missing helper is NotAvailable; one that crashes, hangs or answers garbage is
+    // InternalComponent. Either way the message names the file.
+    void brokenHelpers_data()
+    {
+        QTest::addColumn<QByteArray>("body"); // null: no helper
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("says");
+        const int internal = SecretBackend::InternalComponent;
+        QTest::newRow("missing") << QByteArray() << int(SecretBackend::NotAvailable) << QStringLiteral("is missing");
+        QTest::newRow("garbage") << QByteArray("echo hello; cat > /dev/null") << internal
+                                 << QStringLiteral("could not be read");
+        QTest::newRow("half an answer, exit 3")
+            << QByteArray("printf 'PKA1\\000\\000\\000\\000\\000\\000\\000\\011loc'; exit 3") << internal
+            << QStringLiteral("could not be read (exit code 3)");
+        QTest::newRow("crash") << QByteArray("kill -SEGV $$") << internal << QStringLiteral("stopped unexpectedly");
+        QTest::newRow("hang") << QByteArray("exec sleep 30") << internal
+                              << QStringLiteral("did not answer within 0.3 s");
+    }
+    void brokenHelpers()
+    {
+        QFETCH(QByteArray, body);
+        QFETCH(int, status);
+        QFETCH(QString, says);
+        QTemporaryDir dir;
+        const QString path = body.isNull() ? dir.filePath(QStringLiteral("pelorin-keyring")) : writeHelper(dir, body);
+        KeyringProcessBackend backend(path, 300ms);
+        for (const SecretBackend::Result &result : backend.findAll(QStringLiteral("s"), {"a", "b"})) {
+            QCOMPARE(result.status, status);
+            QVERIFY2(result.message.contains(says) && result.message.contains(path), qPrintable(result.message));
+        }
+        if (body.isNull()) { // the product looks for it among the helpers, and says which file it missed
+            qputenv("PELORIN_HELPERS_DIR", QFile::encodeName(dir.path()));
+            QString reason;
+            QVERIFY(!SecretBackend::connectSecretService(&reason));
+            qunsetenv("PELORIN_HELPERS_DIR");
+            QVERIFY2(reason.contains(path), qPrintable(reason));
+        }
     }
 };
 

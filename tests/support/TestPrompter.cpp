@@ -1,13 +1,9 @@
-// pelorin-test-prompter: stands in for the desktop's keyring prompt in the keyring tests. It
-// registers gcr's mock system prompter on the session bus and prints its bus name on the first
-// line; gnome-keyring-daemon started with GNOME_KEYRING_TEST_PROMPTER=<that name> then sends its
-// password prompts (unlock, new keyring) here instead of to the screen.
-//
-// Commands, one per line on standard input:
+// pelorin-test-prompter: gcr's mock system prompter on the session bus, standing in for the
+// desktop's keyring prompt; prints its bus name on the first line (for the daemon's
+// GNOME_KEYRING_TEST_PROMPTER). Commands on standard input, one per line, until it closes:
 //   ok <password>   answer the next prompt with the password
 //   cancel          dismiss the next prompt
 //   pending         print 1 when an answer given above has not been used yet, else 0
-// It ends when its input closes.
 #define GCR_API_SUBJECT_TO_CHANGE
 #include <gcr/gcr-base.h>
 
