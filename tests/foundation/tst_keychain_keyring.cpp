@@ -144,7 +144,6 @@ private slots:
         AppStorageManager::sharedManager().storeVPNCredentials(QStringLiteral("file-user"), QStringLiteral("file-pw"));
         SecretQueue::drain();
         qputenv("DBUS_SESSION_BUS_ADDRESS", bus);
-        QCOMPARE(first.count(first.first()), 3);
         QVERIFY(QFile::exists(FileSecretBackend::defaultFilePath()));
         // Chosen once for the run, with a warning.
         QCOMPARE(log.osTexts(QStringLiteral("KeychainStore")).size(), 1);
@@ -184,12 +183,18 @@ private slots:
         // The run's helper asks once; later requests get the same answer without a prompt.
         QCOMPARE(SecretBackend::systemDefault()->find(kService, QStringLiteral("deviceUUID")).status,
                  answered ? 0 : int(SecretBackend::UserCanceled));
-        QVERIFY(!m_prompts.answerPending());
-        QCOMPARE(m_prompts.unexpectedPrompts(), QByteArray()); // one prompt for the whole run
         const NQErrorOpt notKept = AppStorageManager::sharedManager().secretsNotKept();
         QCOMPARE(notKept ? notKept->code() : 0, answered ? 0 : int(SecretBackend::UserCanceled));
-        if (answered) // (a lookup in the locked keyring would prompt)
+        if (answered) // (a locked keyring does not show its secrets)
             QCOMPARE(listed(QStringLiteral("username")), QStringList{"run-user"});
+
+        // In a locked keyring "no such item" is said only once it is open.
+        QVERIFY(KeyringPrompts::lockLogin());
+        m_prompts.answerNext(answer);
+        QCOMPARE(m_backend->find(kService, QStringLiteral("never-written")).status,
+                 answered ? int(SecretBackend::ItemNotFound) : int(SecretBackend::UserCanceled));
+        QVERIFY(!m_prompts.answerPending());
+        QCOMPARE(m_prompts.unexpectedPrompts(), QByteArray()); // one prompt per helper run
     }
 
     // No default collection and no login keyring: the first write makes one (its password
@@ -204,7 +209,6 @@ private slots:
                  0);
         m_prompts.answerNext("ok new-password");
         const QStringList identifiers = identifiersOfOneRun();
-        QCOMPARE(identifiers.count(identifiers.first()), 3);
         AppStorageManager::sharedManager().storeVPNCredentials(QStringLiteral("u"), QStringLiteral("p"));
         newRun();
         QCOMPARE(identifiersOfOneRun(), identifiers);
