@@ -68,14 +68,18 @@ const QByteArray kCommon = R"(<dict>
   <key>Host URL</key><string>http://common.example</string>
   <key>Support Url</key><string>https://common.example/support</string>
   <key>Localizations</key><array><string>en</string><string>de</string></array>
-  <key>Nested</key><dict><key>a</key><string>common-a</string><key>b</key><string>common-b</string></dict>
+  <key>Nested</key><dict><key>a</key><string>common-a</string><key>b</key><string>common-b</string>
+    <key>deeper</key><dict><key>p</key><string>common-p</string></dict></dict>
+  <key>Becomes text</key><dict><key>k</key><string>common-k</string></dict>
   <key>EULA Url</key><integer>5</integer>
 </dict>)";
 
 const QByteArray kRelease = R"(<dict>
   <key>Host URL</key><string>http://release.example</string>
   <key>Update Url Direct</key><string>http://release.example/pkg</string>
-  <key>Nested</key><dict><key>b</key><string>release-b</string></dict>
+  <key>Nested</key><dict><key>b</key><string>release-b</string>
+    <key>deeper</key><dict><key>q</key><string>release-q</string></dict></dict>
+  <key>Becomes text</key><string>text</string>
 </dict>)";
 } // namespace
 
@@ -246,23 +250,9 @@ private slots:
         QCOMPARE(timeInterval(29 * 86400.0 + 86399).days, 29);
     }
 
-    void mergeAndFilter()
+    // The first object of each value; 2.0 is the same number as 2, the text "1" a value of its own.
+    void filterKeepsTheFirstOfEachValue()
     {
-        const QVariantMap base{{"keep", 1},
-                               {"replace", 1},
-                               {"nested", QVariantMap{{"x", 1}, {"y", 1}, {"deeper", QVariantMap{{"p", 1}}}}},
-                               {"mapBecomesText", QVariantMap{{"k", 1}}}};
-        const QVariantMap extension{{"replace", 2},
-                                    {"nested", QVariantMap{{"y", 2}, {"deeper", QVariantMap{{"q", 2}}}}},
-                                    {"mapBecomesText", "text"}};
-        const QVariantMap expected{
-            {"keep", 1},
-            {"replace", 2},
-            {"nested", QVariantMap{{"x", 1}, {"y", 2}, {"deeper", QVariantMap{{"p", 1}, {"q", 2}}}}},
-            {"mapBecomesText", "text"}};
-        QCOMPARE(DictionaryMerge::dictionaryByExtending(base, extension), expected);
-        QCOMPARE(DictionaryMerge::dictionaryByExtendingWithDictionary(base, extension), expected);
-
         QVariantList objects;
         for (const QVariant &id : {QVariant(1), QVariant(2), QVariant(1), QVariant(), QVariant(), QVariant(2.0),
                                    QVariant(QStringLiteral("1"))})
@@ -270,7 +260,6 @@ private slots:
         QList<int> kept;
         for (const QVariant &o : ArrayFiltering::filterObjectsByKey(objects, QStringLiteral("id")))
             kept << o.toMap().value("n").toInt();
-        // First of each value; 2.0 is the same number as 2, the text "1" a value of its own.
         QCOMPARE(kept, (QList<int>{0, 1, 3, 6}));
     }
 
@@ -318,7 +307,10 @@ private slots:
         QCOMPARE(AppConfig::supportUrl(), QStringLiteral("https://common.example/support"));
         QCOMPARE(AppConfig::updateUrlDirect(), QStringLiteral("http://release.example/pkg"));
         QCOMPARE(AppConfig::appLocalizations(), (QStringList{"en", "de"}));
-        QCOMPARE(AppConfig::configs().value("Nested").toMap(), (QVariantMap{{"a", "common-a"}, {"b", "release-b"}}));
+        const QVariantMap deeper{{"p", "common-p"}, {"q", "release-q"}};
+        QCOMPARE(AppConfig::configs().value("Nested").toMap(),
+                 (QVariantMap{{"a", "common-a"}, {"b", "release-b"}, {"deeper", deeper}}));
+        QCOMPARE(AppConfig::configs().value("Becomes text"), QVariant("text"));
         QVERIFY(AppConfig::privacyPolicyUrl().isNull());
         QVERIFY(AppConfig::eulaUrl().isNull()); // not a string
         QFile::remove(release());
