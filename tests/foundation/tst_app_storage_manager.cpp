@@ -239,10 +239,11 @@ private slots:
         QVERIFY(!manager->objectForKey<LabelConfigModel>(QStringLiteral("labelconfig")));
         LabelConfigModel model;
         model.setLinkSupport(QStringLiteral("https://example.test/support"));
+        model.setLinkAfterInstall(QStringLiteral("https://example.test/thanks"));
+        model.setLinkAfterUninstall(QStringLiteral("https://example.test/bye"));
         NQErrorOpt error;
         QVERIFY(manager->setObject(model, QStringLiteral("labelconfig"), &error) && !error);
-        QCOMPARE(makeManager()->objectForKey<LabelConfigModel>(QStringLiteral("labelconfig"))->linkSupport(),
-                 model.linkSupport());
+        QVERIFY(makeManager()->objectForKey<LabelConfigModel>(QStringLiteral("labelconfig")) == model);
         QVERIFY(manager->setArray(QList<LabelConfigModel>{model, LabelConfigModel()}, QStringLiteral("models")));
         QCOMPARE(makeManager()->arrayForKey<LabelConfigModel>(QStringLiteral("models"), &error)->size(), 2);
         QVERIFY(!manager->objectForKey<LabelConfigModel>(QStringLiteral("models"), &error));
