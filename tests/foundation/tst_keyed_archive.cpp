@@ -12,21 +12,28 @@
 
 namespace {
 
-// A record with every kind of field, including nested records.
+// A record with every kind of field, including nested records. `extra` is also read back with
+// every number decoder.
 struct Server {
     QString name;
     std::int64_t countryId = 0;
+    std::int32_t port = 0;
     bool premium = false;
     double load = 0;
     QVariant extra;
     std::optional<LabelConfigModel> label;
     QList<LabelConfigModel> mirrors;
+    std::int32_t extraAs32 = 0;
+    std::int64_t extraAs64 = 0;
+    bool extraAsBool = false;
+    bool hasExtra = false;
 
     static QString archiveClassName() { return QStringLiteral("NQVPNServer"); }
     void encodeWithCoder(KeyedArchiver &coder) const
     {
         coder.encodeString(name, QStringLiteral("name"));
         coder.encodeInt64(countryId, QStringLiteral("countryId"));
+        coder.encodeInt32(port, QStringLiteral("port"));
         coder.encodeBool(premium, QStringLiteral("premium"));
         coder.encodeDouble(load, QStringLiteral("load"));
         coder.encodeObject(extra, QStringLiteral("extra"));
@@ -39,41 +46,27 @@ struct Server {
         Server s;
         s.name = coder.decodeStringForKey(QStringLiteral("name"));
         s.countryId = coder.decodeInt64ForKey(QStringLiteral("countryId"));
+        s.port = coder.decodeInt32ForKey(QStringLiteral("port"));
         s.premium = coder.decodeBoolForKey(QStringLiteral("premium"));
         s.load = coder.decodeDoubleForKey(QStringLiteral("load"));
         s.extra = coder.decodeObjectForKey(QStringLiteral("extra"));
         s.label = coder.decodeObjectOfClass<LabelConfigModel>(QStringLiteral("label"));
         s.mirrors =
             coder.decodeArrayOfClass<LabelConfigModel>(QStringLiteral("mirrors")).value_or(QList<LabelConfigModel>());
+        s.extraAs32 = coder.decodeInt32ForKey(QStringLiteral("extra"));
+        s.extraAs64 = coder.decodeInt64ForKey(QStringLiteral("extra"));
+        s.extraAsBool = coder.decodeBoolForKey(QStringLiteral("extra"));
+        s.hasExtra = coder.containsValueForKey(QStringLiteral("extra"));
         return s;
     }
 };
 
-// Reads whatever was written under "v" with every number decoder.
-struct Probe {
-    QVariant written;
-    std::int32_t i32 = 0;
-    std::int64_t i64 = 0;
-    bool flag = false;
-    bool present = false;
-
-    static QString archiveClassName() { return QStringLiteral("Probe"); }
-    void encodeWithCoder(KeyedArchiver &coder) const
-    {
-        if (written.typeId() == QMetaType::LongLong)
-            coder.encodeInt64(written.toLongLong(), QStringLiteral("v"));
-        else if (written.isValid())
-            coder.encodeObject(written, QStringLiteral("v"));
-    }
-    static std::optional<Probe> initWithCoder(const KeyedUnarchiver &coder)
-    {
-        return Probe{{},
-                     coder.decodeInt32ForKey(QStringLiteral("v")),
-                     coder.decodeInt64ForKey(QStringLiteral("v")),
-                     coder.decodeBoolForKey(QStringLiteral("v")),
-                     coder.containsValueForKey(QStringLiteral("v"))};
-    }
-};
+Server withExtra(const QVariant &extra)
+{
+    Server s;
+    s.extra = extra;
+    return s;
+}
 
 LabelConfigModel label(const QString &support)
 {
@@ -116,6 +109,7 @@ private slots:
                                 {QStringLiteral("since"), since}};
         const Server in{QStringLiteral("Zürich #1"),
                         41,
+                        1194,
                         true,
                         0.75,
                         extra,
@@ -127,6 +121,7 @@ private slots:
         QVERIFY(!error && out);
         QCOMPARE(out->name, in.name);
         QCOMPARE(out->countryId, 41);
+        QCOMPARE(out->port, 1194);
         QCOMPARE(out->premium, true);
         QCOMPARE(out->load, 0.75);
         QCOMPARE(out->extra.toMap(), extra);
@@ -156,12 +151,12 @@ private slots:
             {QVariant(), 0, 0, false},
         };
         for (const auto &[written, as64, as32, asBool] : cases) {
-            const auto out = KeyedArchive::unarchivedObject<Probe>(KeyedArchive::archivedData(Probe{written}));
+            const auto out = KeyedArchive::unarchivedObject<Server>(KeyedArchive::archivedData(withExtra(written)));
             QVERIFY(out);
-            QCOMPARE(out->present, written.isValid());
-            QCOMPARE(out->i64, as64);
-            QCOMPARE(out->i32, as32);
-            QCOMPARE(out->flag, asBool);
+            QCOMPARE(out->hasExtra, written.isValid());
+            QCOMPARE(out->extraAs64, as64);
+            QCOMPARE(out->extraAs32, as32);
+            QCOMPARE(out->extraAsBool, asBool);
         }
     }
 
@@ -182,8 +177,8 @@ private slots:
             << envelope(QCborValue(QCborTag(27), QCborArray{QStringLiteral("LabelConfigModel")}));
         QTest::newRow("string field holds a number")
             << envelope(record(QStringLiteral("LabelConfigModel"), {{QStringLiteral("linkSupport"), 5}}));
-        QTest::newRow("another class") << KeyedArchive::archivedData(Probe{});
-        QTest::newRow("array of another class") << KeyedArchive::archivedArray(QList<Probe>{Probe{}});
+        QTest::newRow("another class") << KeyedArchive::archivedData(Server{});
+        QTest::newRow("array of another class") << KeyedArchive::archivedArray(QList<Server>{Server{}});
     }
     void dataThatIsNotAnArchiveGivesNilAndAnError()
     {
@@ -201,7 +196,7 @@ private slots:
         QVERIFY(!KeyedArchive::unarchivedObject<Server>(KeyedArchive::archivedData(label("x")), &error));
         QVERIFY(error->userInfo().value("NSDebugDescription").toString().contains("LabelConfigModel"));
         // A nested record of the wrong class fails the whole archive, not just the field.
-        const QCborMap foreignLabel{{QStringLiteral("label"), record(QStringLiteral("Probe"), {})}};
+        const QCborMap foreignLabel{{QStringLiteral("label"), record(QStringLiteral("Other"), {})}};
         QVERIFY(!KeyedArchive::unarchivedObject<Server>(envelope(record("NQVPNServer", foreignLabel)), &error));
         QVERIFY(isCorrupt(error));
         const QByteArray array = KeyedArchive::archivedArray(QList<LabelConfigModel>{label("a"), label("b")});
@@ -211,8 +206,7 @@ private slots:
 
         for (const QVariant &extra : {QVariant(QVariantList{QStringLiteral("ok"), QVariant::fromValue(QPoint(1, 2))}),
                                       QVariant(QUrl(QStringLiteral("https://example.test")))}) {
-            QVERIFY(
-                KeyedArchive::archivedData(Server{QStringLiteral("n"), 0, false, 0, extra, {}, {}}, &error).isEmpty());
+            QVERIFY(KeyedArchive::archivedData(withExtra(extra), &error).isEmpty());
             QCOMPARE(error->code(), 4866);
         }
     }
@@ -220,9 +214,7 @@ private slots:
     void sizeAndNestingLimits()
     {
         // An archive of exactly the limit by tuning one data field, then one byte more.
-        auto sized = [](qsizetype payload) {
-            return KeyedArchive::archivedData(Server{{}, 0, false, 0, QByteArray(payload, 'x'), {}, {}});
-        };
+        auto sized = [](qsizetype payload) { return KeyedArchive::archivedData(withExtra(QByteArray(payload, 'x'))); };
         const qsizetype overhead = sized(100000).size() - 100000;
         const QByteArray atLimit = sized(KeyedArchive::kMaxArchiveBytes - overhead);
         QCOMPARE(atLimit.size(), KeyedArchive::kMaxArchiveBytes);

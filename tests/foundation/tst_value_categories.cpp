@@ -1,3 +1,4 @@
+#include "foundation/AppConfig.h"
 #include "foundation/ApplicationExtended.h"
 #include "foundation/ArrayFiltering.h"
 #include "foundation/BundleExtended.h"
@@ -5,14 +6,18 @@
 #include "foundation/DateUtils.h"
 #include "foundation/DictionaryMerge.h"
 #include "foundation/ErrorIdentity.h"
+#include "foundation/NQConfig.h"
 #include "foundation/NQDevice.h"
+#include "foundation/PropertyList.h"
 #include "foundation/StringAddition.h"
 #include "platform/linux/LinuxPlatform.h"
-#include "support/LogCapture.h"
 
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <plist/plist.h>
+
+#include <cstdlib>
 #include <ctime>
 
 using namespace DateUtils;
@@ -23,17 +28,83 @@ QDateTime utc(int y, int mo, int d, int h, int mi, int s, int ms = 0)
 {
     return QDateTime(QDate(y, mo, d), QTime(h, mi, s, ms), Qt::UTC);
 }
+
+// Each value as the function gave it, and as it should be.
+using Texts = QList<std::pair<QString, QString>>;
+void compareAll(const Texts &texts)
+{
+    for (const auto &[actual, expected] : texts)
+        QCOMPARE(actual, expected);
+}
+
+QByteArray xmlPlist(const QByteArray &body)
+{
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n" + body + "\n</plist>\n";
+}
+
+// The same property list in the binary format, written by libplist itself.
+QByteArray binaryPlist(const QByteArray &body)
+{
+    const QByteArray xml = xmlPlist(body);
+    plist_t root = nullptr;
+    plist_from_xml(xml.constData(), static_cast<uint32_t>(xml.size()), &root);
+    char *bin = nullptr;
+    uint32_t length = 0;
+    if (root)
+        plist_to_bin(root, &bin, &length);
+    plist_free(root);
+    const QByteArray out(bin, static_cast<qsizetype>(length));
+    std::free(bin);
+    return out;
+}
+
+bool writeFile(const QString &path, const QByteArray &bytes)
+{
+    QFile f(path);
+    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
+}
+
+const QByteArray kCommon = R"(<dict>
+  <key>Host URL</key><string>http://common.example</string>
+  <key>Support Url</key><string>https://common.example/support</string>
+  <key>Localizations</key><array><string>en</string><string>de</string></array>
+  <key>Nested</key><dict><key>a</key><string>common-a</string><key>b</key><string>common-b</string>
+    <key>deeper</key><dict><key>p</key><string>common-p</string></dict></dict>
+  <key>Becomes text</key><dict><key>k</key><string>common-k</string></dict>
+  <key>EULA Url</key><integer>5</integer>
+</dict>)";
+
+const QByteArray kRelease = R"(<dict>
+  <key>Host URL</key><string>http://release.example</string>
+  <key>Update Url Direct</key><string>http://release.example/pkg</string>
+  <key>Nested</key><dict><key>b</key><string>release-b</string>
+    <key>deeper</key><dict><key>q</key><string>release-q</string></dict></dict>
+  <key>Becomes text</key><string>text</string>
+</dict>)";
 } // namespace
 
+// Value categories and the configuration files read into them.
 // Runs in Central European time (UTC+1, +2 in summer), so that local and UTC texts differ.
 class TestValueCategories : public QObject {
     Q_OBJECT
+private:
+    QTemporaryDir m_dir;
+    QString common() const { return m_dir.filePath("CommonConfig.plist"); }
+    QString release() const { return m_dir.filePath("ReleaseConfig.plist"); }
+
 private slots:
     void initTestCase()
     {
         qputenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3");
         tzset();
         QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedStates));
+    }
+    void init()
+    {
+        QFile::remove(common());
+        QFile::remove(release());
+        Platform::setInstance(std::make_unique<LinuxPlatform>(LinuxPlatform::Overrides{
+            .applicationSupportDirectory = m_dir.filePath("support"), .resourcesDirectory = m_dir.path()}));
     }
     void cleanup()
     {
@@ -43,16 +114,17 @@ private slots:
 
     void digestsAndXor()
     {
-        QCOMPARE(sha1(QStringLiteral("\u00e9")), QStringLiteral("bf15be717ac1b080b4f1c456692825891ff5073d"));
-        QCOMPARE(sha256(QStringLiteral("abc")),
-                 QStringLiteral("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"));
-        // The WebSocket handshake answer for the sample key of the protocol's own documentation.
-        QCOMPARE(sha1base64(QStringLiteral("dGhlIHNhbXBsZSBub25jZQ==258EAFA5-E914-47DA-95CA-C5AB0DC85B11")),
-                 QStringLiteral("s3pPLMBiTxaQ9kYGzzhZRbK+xOo="));
-        QCOMPARE(DataExtended::hexStringWithSeparator(QByteArray("\x00\xab\xff", 3), QStringLiteral(" - ")),
-                 QStringLiteral("00 - ab - ff"));
+        // The second is the WebSocket handshake answer for the protocol's documented sample key.
+        compareAll({
+            {sha1(QStringLiteral("\u00e9")), "bf15be717ac1b080b4f1c456692825891ff5073d"},
+            {sha1base64(QStringLiteral("dGhlIHNhbXBsZSBub25jZQ==258EAFA5-E914-47DA-95CA-C5AB0DC85B11")),
+             "s3pPLMBiTxaQ9kYGzzhZRbK+xOo="},
+            {sha256(QStringLiteral("abc")), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
+            {DataExtended::hexStringWithSeparator(QByteArray("\x00\xab\xff", 3), QStringLiteral(" - ")),
+             "00 - ab - ff"},
+            {xor_(QStringLiteral("hello")), QString::fromLatin1("/\t\x07\x03\"")},
+        });
         QVERIFY(!DataExtended::hexString({}).isNull());
-        QCOMPARE(xor_(QStringLiteral("hello")), QString::fromLatin1("/\t\x07\x03\""));
         // Byte 34 meets key byte 0 again.
         const QString g = xor_(QString(35, QLatin1Char('G')));
         QCOMPARE(g.at(1).unicode(), 'G' ^ 'l');
@@ -63,8 +135,7 @@ private slots:
 
     void textChecks()
     {
-        const QStringList masks{"", "abc", "*bcd", "*bcde", "abcdef", "*bcdefg", "****efghij"};
-        for (const QString &m : masks)
+        for (const QString &m : QStringList{"", "abc", "*bcd", "*bcde", "abcdef", "*bcdefg", "****efghij"})
             QCOMPARE(masked(QStringLiteral("abcdefghij").left(m.size())), m);
         QCOMPARE(stringBetweenString(QStringLiteral("a[bb]c[d]"), "[", "]"), QStringLiteral("bb"));
         QCOMPARE(stringBetweenString2(QStringLiteral("a[b]c"), "[", "]"), QStringLiteral("b"));
@@ -77,20 +148,17 @@ private slots:
             QVERIFY2(stringCorrectEmailFormat(QLatin1String(good)), good);
         for (const char *bad : {"a@b.c", "@b.cd", "a@b.cd1", "a@bcd", ""})
             QVERIFY2(!stringCorrectEmailFormat(QLatin1String(bad)), bad);
-        for (const QString &strong : {QStringLiteral("Abcdef1!"), QStringLiteral("\u00c4\u00e4bCde1+")})
-            QVERIFY2(isPasswordStrong(strong), qPrintable(strong));
+        QVERIFY(isPasswordStrong(QStringLiteral("Abcdef1!")));
+        QVERIFY(isPasswordStrong(QString::fromUtf8("ÄäbCde1+")));
         // No symbol, too short, no upper, no lower, no digit, unlisted symbols, non-ASCII letters.
-        for (const QString &weak : {QStringLiteral("Abcdefg1"), QStringLiteral("Ab1!xyz"), QStringLiteral("abcdef1!_"),
-                                    QStringLiteral("ABCDEF1!"), QStringLiteral("Abcdefg!?"),
-                                    QStringLiteral("Abcdef1_~"), QStringLiteral("\u00c4\u00e4bcde1!")})
-            QVERIFY2(!isPasswordStrong(weak), qPrintable(weak));
+        for (const char *weak : {"Abcdefg1", "Ab1!xyz", "abcdef1!_", "ABCDEF1!", "Abcdefg!?", "Abcdef1_~", "Ääbcde1!"})
+            QVERIFY2(!isPasswordStrong(QString::fromUtf8(weak)), weak);
         const QString text = QStringLiteral("id=42; name=pelorin");
         const QString pattern = QStringLiteral(R"((\w+)=(\w+))");
         QCOMPARE(matchWithRegex(text, pattern), (QStringList{"id=42", "id", "42"}));
         QCOMPARE(matchWithRegex(text, pattern, 2), QStringLiteral("42"));
         QVERIFY(matchWithRegex(text, pattern, 3).isNull());
         QCOMPARE(firstMatchedGroupWithRegex(text, QStringLiteral(R"(name=(\w+))")), QStringLiteral("pelorin"));
-        QCOMPARE(firstMatchedResultWithRegex(text, QStringLiteral("name"))->capturedStart(0), 7);
         QCOMPARE(matchWithRegex(QStringLiteral("b"), QStringLiteral("(a)?b")).size(),
                  2); // unmatched group keeps its slot
         for (const QString &bad : {QStringLiteral("nomatch"), QStringLiteral("(")}) {
@@ -102,66 +170,59 @@ private slots:
     void durationsAndDeviceID()
     {
         QSet<QString> ids;
-        for (int i = 0; i < 200; ++i)
-            ids.insert(randomDeviceID());
-        QCOMPARE(ids.size(), 200);
         QSet<QChar> alphabet;
-        for (const QString &id : ids) {
+        for (int i = 0; i < 200; ++i) {
+            const QString id = randomDeviceID();
             QVERIFY2(QRegularExpression(QStringLiteral("^[0-9A-Z]{32}MAC2$")).match(id).hasMatch(), qPrintable(id));
+            ids.insert(id);
             for (const QChar c : id.left(32))
                 alphabet.insert(c);
         }
+        QCOMPARE(ids.size(), 200);
         QCOMPARE(alphabet.size(), 36); // every digit and capital is drawn
-        QCOMPARE(secondsToMMHHSS(59), QStringLiteral("0:00:59"));
-        QCOMPARE(secondsToMMHHSS(90061), QStringLiteral("25:01:01"));
-        // The hour keys are picked the other way round from the day keys.
+        // The hour keys are picked the other way round from the day keys; translated labels go
+        // in as they are, placeholders included.
         const auto key = [](const QString &k) { return k.section('_', -1); };
-        QCOMPARE(durationStringFromSeconds(0, key), QLatin1String(""));
-        QCOMPARE(durationStringFromSeconds(59, key), QStringLiteral("59 seconds"));
-        QCOMPARE(durationStringFromSeconds(3600, key), QStringLiteral("1 hours 0 minutes 0 seconds"));
-        QCOMPARE(durationStringFromSeconds(90061, key), QStringLiteral("1 day 25 hour 1 minutes 1 seconds"));
-        QCOMPARE(durationStringFromSeconds(2 * 86400 + 5, key), QStringLiteral("2 days 48 hour 0 minutes 5 seconds"));
-        // Translated labels go in as they are, placeholders included.
-        QCOMPARE(durationStringFromSeconds(61, [](const QString &) { return QStringLiteral("%1"); }),
-                 QStringLiteral("1 %1 1 %1"));
+        compareAll({
+            {secondsToMMHHSS(59), "0:00:59"},
+            {secondsToMMHHSS(90061), "25:01:01"},
+            {durationStringFromSeconds(0, key), ""},
+            {durationStringFromSeconds(59, key), "59 seconds"},
+            {durationStringFromSeconds(3600, key), "1 hours 0 minutes 0 seconds"},
+            {durationStringFromSeconds(90061, key), "1 day 25 hour 1 minutes 1 seconds"},
+            {durationStringFromSeconds(2 * 86400 + 5, key), "2 days 48 hour 0 minutes 5 seconds"},
+            {durationStringFromSeconds(61, [](const QString &) { return QStringLiteral("%1"); }), "1 %1 1 %1"},
+        });
     }
 
     void formatsAndParsing()
     {
-        const QDateTime winter = utc(2024, 1, 15, 12, 34, 56, 789).toLocalTime();
-        QCOMPARE(stringTesselDatetime(winter), QStringLiteral("2024-01-15 12:34:56.789 GMT"));
-        QCOMPARE(iso8061(utc(999, 2, 3, 4, 5, 6)), QStringLiteral("0999-02-03T04:05:06Z"));
-        const QDateTime expected = utc(2024, 1, 15, 12, 34, 56);
+        // 23:30 UTC is already the next day here; July is summer time.
+        const QDateTime local = utc(2024, 1, 15, 12, 4, 5);
+        const qint64 lateEvening = utc(2024, 1, 15, 23, 30, 0).toSecsSinceEpoch();
+        compareAll({
+            {stringTesselDatetime(utc(2024, 1, 15, 12, 34, 56, 789).toLocalTime()), "2024-01-15 12:34:56.789 GMT"},
+            {iso8061(utc(999, 2, 3, 4, 5, 6)), "0999-02-03T04:05:06Z"},
+            {asIdString(local), "2024-01-15_13-04-05"},
+            {timeString(utc(2024, 7, 1, 10, 0, 0)), "12:00:00"},
+            {localDateStringFromUTCTimestamp(lateEvening), "2024/01/16"},
+            {NSStringFromTimestamp(lateEvening), "16/01/24 00:30"},
+        });
         for (const char *good : {"2024-01-15T12:34:56Z", "2024-01-15T13:34:56+01:00", "2024-01-15T07:04:56-0530",
                                  "2024-01-15T14:34:56+02:00 (EET) (x)"})
-            QCOMPARE(dateFromIso8061String(QLatin1String(good)), expected);
+            QCOMPARE(dateFromIso8061String(QLatin1String(good)), utc(2024, 1, 15, 12, 34, 56));
         for (const char *bad :
              {"", "2024-01-15T12:34:56", "2024-01-15 12:34:56Z", "2024-02-30T00:00:00Z", "2024-01-15T24:00:00Z",
               "2024-01-15T12:34:56Z trailing", "2024-01-15T12:34:56+25:00", " (2024-01-15T12:34:56Z)"})
             QVERIFY2(!dateFromIso8061String(QLatin1String(bad)).isValid(), bad);
+        const QList<std::pair<int, QString>> days{{1, "Monday"}, {0, "Monday"}, {6, "Saturday"},
+                                                  {7, "Sunday"}, {8, "Monday"}, {-1, "Monday"}};
+        for (const auto &[number, day] : days)
+            QCOMPARE(nameOFDay(number), day);
 
-        const QDateTime local = utc(2024, 1, 15, 12, 4, 5);
-        QCOMPARE(asIdString(local), QStringLiteral("2024-01-15_13-04-05"));
-        QCOMPARE(timeFirstString(local), QStringLiteral("13:04:05 2024-01-15"));
-        QCOMPARE(timeStringId(local), QStringLiteral("13_04_05"));
-        QCOMPARE(timeString(utc(2024, 7, 1, 10, 0, 0)), QStringLiteral("12:00:00")); // summer time
-        // 23:30 UTC is already the next day here.
-        const qint64 lateEvening = utc(2024, 1, 15, 23, 30, 0).toSecsSinceEpoch();
-        QCOMPARE(localDateStringFromUTCTimestamp(lateEvening), QStringLiteral("2024/01/16"));
-        QCOMPARE(NSStringFromTimestamp(lateEvening), QStringLiteral("16/01/24 00:30"));
-        QCOMPARE(toString(utc(2024, 12, 31, 22, 59, 0)), QStringLiteral("31/12/24 23:59"));
-        const QStringList days{"Monday", "Monday", "Saturday", "Sunday", "Monday", "Monday"};
-        const QList<int> numbers{1, 0, 6, 7, 8, -1};
-        for (int i = 0; i < numbers.size(); ++i)
-            QCOMPARE(nameOFDay(numbers[i]), days[i]);
-    }
-
-    void todayAndSameDay()
-    {
         const QDateTime midnight = getCurrentDate();
-        const QDateTime now = QDateTime::currentDateTime();
         QCOMPARE(midnight.time(), QTime(0, 0));
-        QVERIFY(qAbs(midnight.addSecs(getCurrentSecondsOfDay()).secsTo(now)) <= 2);
+        QVERIFY(qAbs(midnight.addSecs(getCurrentSecondsOfDay()).secsTo(QDateTime::currentDateTime())) <= 2);
         QCOMPARE(QDateTime::fromSecsSinceEpoch(currentTimestampMidnight()), midnight);
         // Different UTC days, the same local day, and the reverse.
         QVERIFY(isSameDayAsDate(utc(2024, 1, 15, 23, 30, 0), utc(2024, 1, 16, 10, 0, 0)));
@@ -189,23 +250,9 @@ private slots:
         QCOMPARE(timeInterval(29 * 86400.0 + 86399).days, 29);
     }
 
-    void hexMergeAndFilter()
+    // The first object of each value; 2.0 is the same number as 2, the text "1" a value of its own.
+    void filterKeepsTheFirstOfEachValue()
     {
-        const QVariantMap base{{"keep", 1},
-                               {"replace", 1},
-                               {"nested", QVariantMap{{"x", 1}, {"y", 1}, {"deeper", QVariantMap{{"p", 1}}}}},
-                               {"mapBecomesText", QVariantMap{{"k", 1}}}};
-        const QVariantMap extension{{"replace", 2},
-                                    {"nested", QVariantMap{{"y", 2}, {"deeper", QVariantMap{{"q", 2}}}}},
-                                    {"mapBecomesText", "text"}};
-        const QVariantMap expected{
-            {"keep", 1},
-            {"replace", 2},
-            {"nested", QVariantMap{{"x", 1}, {"y", 2}, {"deeper", QVariantMap{{"p", 1}, {"q", 2}}}}},
-            {"mapBecomesText", "text"}};
-        QCOMPARE(DictionaryMerge::dictionaryByExtending(base, extension), expected);
-        QCOMPARE(DictionaryMerge::dictionaryByExtendingWithDictionary(base, extension), expected);
-
         QVariantList objects;
         for (const QVariant &id : {QVariant(1), QVariant(2), QVariant(1), QVariant(), QVariant(), QVariant(2.0),
                                    QVariant(QStringLiteral("1"))})
@@ -213,11 +260,10 @@ private slots:
         QList<int> kept;
         for (const QVariant &o : ArrayFiltering::filterObjectsByKey(objects, QStringLiteral("id")))
             kept << o.toMap().value("n").toInt();
-        // First of each value; 2.0 is the same number as 2, the text "1" a value of its own.
         QCOMPARE(kept, (QList<int>{0, 1, 3, 6}));
     }
 
-    void errors()
+    void errorsBundleAndDevice()
     {
         QVERIFY(ErrorIdentity::errorWithCode(7, QString()).userInfo().isEmpty());
         QCOMPARE(ErrorIdentity::errorWithCode(7, QLatin1String("")).userInfo(), (QVariantMap{{"kNQErrorMessage", ""}}));
@@ -225,24 +271,7 @@ private slots:
         QCOMPARE(missing.domain(), QStringLiteral("com.pelorin.vpn.mac.identity.error"));
         QCOMPARE(missing.code(), -32);
         QCOMPARE(missing.localizedDescription(), QStringLiteral("Missing key ('token')"));
-        QCOMPARE(
-            ErrorIdentity::localizedDescriptions(ErrorIdentity::errorWithCode(3)),
-            (QVariantMap{{NQError::kLocalizedDescriptionKey,
-                          QStringLiteral("The operation couldn\u2019t be completed. (com.pelorin.vpn error 3.)")}}));
-        const NQError full(QStringLiteral("d"), 1,
-                           {{NQError::kLocalizedDescriptionKey, "what"},
-                            {NQError::kLocalizedFailureReasonKey, "why"},
-                            {NQError::kLocalizedRecoverySuggestionKey, "retry"},
-                            {"other", "ignored"}});
-        QCOMPARE(ErrorIdentity::localizedDescriptions(full).size(), 3);
-        LogCapture capture;
-        ErrorIdentity::logObject(full);
-        QCOMPARE(capture.lines().size(), 1);
-        QVERIFY(capture.lines().first().contains(QStringLiteral("NSLocalizedRecoverySuggestion = \"retry\"")));
-    }
 
-    void bundleAndDevice()
-    {
         QCOMPARE(ApplicationExtended::appName(), QStringLiteral("PelorinVPN"));
         BundleExtended::setInfoDictionaryForTesting(
             QVariantMap{{BundleExtended::kShortVersionKey, "2.3.1"}, {BundleExtended::kVersionKey, "45"}});
@@ -262,6 +291,120 @@ private slots:
             std::make_unique<LinuxPlatform>(LinuxPlatform::Overrides{.dmiProductNameFile = dir.filePath("missing")}));
         QCOMPARE(NQDevice::modelIdentifierWithError(&error), std::nullopt);
         QVERIFY(error && !error->localizedDescription().isEmpty());
+    }
+
+    // Release extends common deeply, in either format, and both are read again on every call.
+    void releaseExtendsCommon()
+    {
+        QVERIFY(AppConfig::configs().isEmpty());
+        QVERIFY(writeFile(common(), binaryPlist(kCommon)));
+        QCOMPARE(AppConfig::hostUrl(), QStringLiteral("http://common.example"));
+        QVERIFY(writeFile(release(), binaryPlist(kRelease)));
+        QCOMPARE(AppConfig::hostUrl(), QStringLiteral("http://release.example"));
+        QVERIFY(writeFile(common(), xmlPlist(kCommon)));
+        QVERIFY(writeFile(release(), xmlPlist(kRelease)));
+        QCOMPARE(AppConfig::hostUrl(), QStringLiteral("http://release.example"));
+        QCOMPARE(AppConfig::supportUrl(), QStringLiteral("https://common.example/support"));
+        QCOMPARE(AppConfig::updateUrlDirect(), QStringLiteral("http://release.example/pkg"));
+        QCOMPARE(AppConfig::appLocalizations(), (QStringList{"en", "de"}));
+        const QVariantMap deeper{{"p", "common-p"}, {"q", "release-q"}};
+        QCOMPARE(AppConfig::configs().value("Nested").toMap(),
+                 (QVariantMap{{"a", "common-a"}, {"b", "release-b"}, {"deeper", deeper}}));
+        QCOMPARE(AppConfig::configs().value("Becomes text"), QVariant("text"));
+        QVERIFY(AppConfig::privacyPolicyUrl().isNull());
+        QVERIFY(AppConfig::eulaUrl().isNull()); // not a string
+        QFile::remove(release());
+        QCOMPARE(AppConfig::hostUrl(), QStringLiteral("http://common.example"));
+        QCOMPARE(AppConfig::appDataURL(), m_dir.filePath("support") + "/com.pelorin.vpn.mac");
+        QVERIFY(!QFileInfo::exists(m_dir.filePath("support"))); // named, not created
+    }
+
+    void brokenFilesAreAbsentKeys_data()
+    {
+        QTest::addColumn<QByteArray>("releaseBytes");
+        QTest::newRow("empty") << QByteArray("");
+        QTest::newRow("text") << QByteArray("Host URL = http://evil.example\n");
+        QTest::newRow("cut xml") << xmlPlist(kRelease).left(120);
+        QTest::newRow("cut binary") << binaryPlist(kRelease).left(40);
+        QTest::newRow("binary header, junk") << QByteArray("bplist00\xff\xff\xff\xff\xff\xff\xff\xff", 16);
+        QTest::newRow("array at top") << xmlPlist("<array><string>Host URL</string></array>");
+        QTest::newRow("oversized") << xmlPlist("<dict><key>Host URL</key><string>http://big.example</string></dict>")
+                                          .append(QByteArray(PropertyList::kMaxFileBytes, ' '));
+    }
+    void brokenFilesAreAbsentKeys()
+    {
+        QFETCH(QByteArray, releaseBytes);
+        QVERIFY(writeFile(common(), xmlPlist(kCommon)));
+        QVERIFY(writeFile(release(), releaseBytes));
+        QCOMPARE(AppConfig::hostUrl(), QStringLiteral("http://common.example"));
+        QVERIFY(AppConfig::updateUrlDirect().isNull());
+    }
+
+    void valueTypesSurviveBothFormats()
+    {
+        const QByteArray body = R"(<dict>
+  <key>negative</key><integer>-7</integer>
+  <key>big</key><integer>4294967296</integer>
+  <key>real</key><real>2.5</real>
+  <key>yes</key><true/>
+  <key>data</key><data>AAH/</data>
+  <key>date</key><date>2024-01-15T12:34:56Z</date>
+  <key>text</key><string>gr&#252;n &amp; blau</string>
+  <key>list</key><array><integer>1</integer><dict/></array>
+</dict>)";
+        const QVariantMap expected{
+            {"negative", qint64(-7)},
+            {"big", qint64(4294967296)},
+            {"real", 2.5},
+            {"yes", true},
+            {"data", QByteArray("\x00\x01\xff", 3)},
+            {"date", QDateTime(QDate(2024, 1, 15), QTime(12, 34, 56), Qt::UTC)},
+            {"text", QStringLiteral("gr\u00fcn & blau")},
+            {"list", QVariantList{qint64(1), QVariantMap()}},
+        };
+        QCOMPARE(PropertyList::dictionaryFromData(xmlPlist(body)), expected);
+        QCOMPARE(PropertyList::dictionaryFromData(binaryPlist(body)), expected);
+
+        // libplist's copying getters assert on a NUL in a string or key, which would end the program.
+        const QByteArray nul = QByteArray("<dict><key>text</key><string>a") + '\0' + "b</string></dict>";
+        QCOMPARE(PropertyList::dictionaryFromData(xmlPlist(nul)).value_or(QVariantMap()),
+                 (QVariantMap{{"text", QStringLiteral("a")}}));
+        QByteArray binary = binaryPlist("<dict><key>ab</key><string>x</string></dict>");
+        QVERIFY(binary.contains("\x52"
+                                "ab")); // ASCII text of two
+        binary.replace("\x52"
+                       "ab",
+                       QByteArray("\x61\0\0", 3)); // UTF-16 text of one: a NUL
+        QCOMPARE(PropertyList::dictionaryFromData(binary).value_or(QVariantMap()), (QVariantMap{{"", "x"}}));
+
+        // Nesting past the depth limit is cut off, not followed down.
+        QVariant deep = PropertyList::dictionaryFromData(
+                            xmlPlist("<dict><key>d</key>" + QByteArray("<array>").repeated(200) +
+                                     "<string>bottom</string>" + QByteArray("</array>").repeated(200) + "</dict>"))
+                            .value_or(QVariantMap())
+                            .value("d");
+        int levels = 0;
+        for (; deep.typeId() == QMetaType::QVariantList && !deep.toList().isEmpty(); ++levels)
+            deep = deep.toList().first();
+        QVERIFY(levels > 10 && levels < 200);
+    }
+
+    void versionAndCompiledInRecord()
+    {
+        const QList<std::pair<const char *, qint64>> versions{{"2.10", 2},  {"12beta", 12}, {"  7", 7},
+                                                              {"-4.2", -4}, {"beta", 0},    {"", 0}};
+        for (const auto &[text, number] : versions) {
+            BundleExtended::setInfoDictionaryForTesting(QVariantMap{{BundleExtended::kShortVersionKey, text}});
+            QCOMPARE(AppConfig::appVersionNumber(), number);
+        }
+        QCOMPARE(AppConfig::labelID(), QStringLiteral("20014"));
+
+        const NQConfig c = NQConfig::makeDefault();
+        QCOMPARE(c.appHttpDefaultTimeout, 60.0);
+        QVERIFY(c.identityServiceAPI.startsWith("http"));
+        QCOMPARE(c.identityServiceAPI, c.identityServiceHost);
+        QCOMPARE(NQConfig::unquotedBuildValue("\"http://h:1\""), QStringLiteral("http://h:1"));
+        QCOMPARE(NQConfig::unquotedBuildValue("x"), QLatin1String(""));
     }
 };
 
