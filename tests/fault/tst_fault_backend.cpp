@@ -1,16 +1,13 @@
 // Every request the client makes, against a real development backend told to misbehave: each
 // fault ends in exactly one completion that carries a message, and the settings file and the
 // stored credentials are byte for byte what they were.
+#include "backend/BackendFixture.h"
 #include "backend/BackofficeApiDesktop.h"
 #include "backend/DevBackendProcess.h"
 #include "backend/NQIdentityServer.h"
 #include "foundation/AppConfig.h"
-#include "foundation/AppStorageManager.h"
 #include "foundation/EventBus.h"
 #include "foundation/EventNames.h"
-#include "foundation/FileSecretBackend.h"
-#include "foundation/NQConfig.h"
-#include "platform/linux/LinuxPlatform.h"
 #include "shell/AppUpdateManager.h"
 #include "support/LogCapture.h"
 #include "vpn/NQVPNManager.h"
@@ -26,13 +23,15 @@ QString text(const NQErrorOpt &e)
     return e ? e->localizedDescription() : QString();
 }
 
-// One entry per request of the client: its path on the backend, and how to send it and hand
-// on what the caller learns (the error text; empty when it learns of no failure).
+// One entry per request of the client: its path on the backend, what the caller learns of an
+// answer it cannot read (and of one of the wrong shape, when that differs), and how to send it
+// and hand on what the caller learns (the error text; empty when it learns of no failure).
 using Report = std::function<void(const QString &)>;
 struct Request {
-    QString name, prefix;
+    QString name, prefix, unreadable, wrongShape;
     std::function<void(Report)> send;
 };
+const QString kNotJson = "Deserialize response body failed for request '%1'.";
 NQIdentityServer &server()
 {
     return NQIdentityServer::sharedManager();
@@ -40,38 +39,39 @@ NQIdentityServer &server()
 const QList<Request> &requests()
 {
     static const QList<Request> all{
-        {"label settings", "/api1/Configuration/labelsettings",
+        {"label settings", "/api1/Configuration/labelsettings", kNotJson.arg("labelsettings"), QString(),
          [](Report r) {
              server().labelsettingsForLabelID("20014", AppConfig::deviceUniqueID(), {}, 1, "en", "2.1.0",
                                               [r](auto &, auto &, auto &, const NQErrorOpt &e) { r(text(e)); });
          }},
-        {"extension link", "/api1/Configuration/extensiondownload",
+        {"extension link", "/api1/Configuration/extensiondownload", kNotJson.arg("BrowseConfiguration"),
+         "Deserialize key 'url' from response body failed for request 'BrowseConfiguration'.",
          [](Report r) {
              server().fetchBrowserExtensionConfigForLabelID(
                  "20014", "chrome", [r](bool, const QString &, const NQErrorOpt &e) { r(text(e)); });
          }},
-        {"install stats", "/Configuration/installstats",
+        {"install stats", "/Configuration/installstats", kNotJson.arg("install-event"), "not sent",
          [](Report r) {
              server().reportAnalyticsEventForLabelID(
                  "20014", "DEV", "MACHINE", "en", {}, "2.1.0", 0, true,
                  [r](bool sent, const NQErrorOpt &e) { r(e || sent ? text(e) : QStringLiteral("not sent")); });
          }},
-        {"registerVpn", "/api1/vpnapi/create",
+        {"registerVpn", "/api1/vpnapi/create", kNotJson.arg("registerVpn"), "Response unknown",
          [](Report r) { server().registerVpnApi([r](auto &, auto &, const QString &error) { r(error); }); }},
-        {"location", "/api1/helper/iptocountry",
+        {"location", "/api1/helper/iptocountry", "Deserialize response failed.", "Parse response failed.",
          [](Report r) {
              BackofficeApiDesktop::checkMyLocation([r](auto &, auto &, auto &, auto &error) { r(error); });
          }},
-        {"countries", "/api1/vpnapi/serverlist",
+        {"countries", "/api1/vpnapi/serverlist", kNotJson.arg("getCountries"), QString(),
          [](Report r) {
              NQVPNManager::sharedManager().getCountries([r](auto &, const NQErrorOpt &e) { r(text(e)); });
          }},
-        {"profile", "/api1/vpnapi/serverovpn",
+        {"profile", "/api1/vpnapi/serverovpn", kNotJson.arg("getCountryVPNConfig"), QString(),
          [](Report r) {
              NQVPNManager::sharedManager().getCountryVPNConfig(101, [r](auto &, auto &, auto &e) { r(text(e)); });
          }},
         // A failed check means "no update"; the reason is in the log.
-        {"update check", "/update/latest",
+        {"update check", "/update/latest", "no update", QString(),
          [](Report r) {
              AppUpdateManager::sharedManager().checkForUpdateWithCompletion(
                  [r](bool available) { r(available ? QStringLiteral("update") : QStringLiteral("no update")); });
@@ -84,12 +84,6 @@ QByteArray contentOf(const QString &path)
 {
     QFile file(path);
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-void writeFile(const QString &path, const QByteArray &content)
-{
-    QFile file(path);
-    if (file.open(QIODevice::WriteOnly))
-        file.write(content);
 }
 
 QString closedPortUrl()
@@ -110,37 +104,17 @@ class TestFaultBackend : public QObject {
     Q_OBJECT
 
     DevBackendProcess m_backend;
-    std::unique_ptr<QTemporaryDir> m_dir;
-    QString path(const QString &name) const { return m_dir->filePath(name); }
+    std::unique_ptr<BackendFixture> m_world;
+    QString path(const QString &name) const { return m_world->path(name); }
 
-    // Points the client at `host`, with settings and keychain files of this test's own.
+    // Points the client at `host`; the user has settings, the device identifier and an account.
     void makeWorld(const QString &host, const QString &packageUrl = {})
     {
-        m_dir = std::make_unique<QTemporaryDir>();
-        QDir().mkpath(path("res"));
-        const auto plist = [this](const QString &name, const QString &body) {
-            writeFile(path("res/" + name), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>" +
-                                               body.toUtf8() + "</dict></plist>\n");
-        };
-        plist("CommonConfig.plist", "<key>Host URL</key><string>" + host + "</string>");
-        plist("ReleaseConfig.plist", "<key>UpdateUrlLatestVersion</key><string>" + host +
-                                         "/update/latest</string><key>Update Url Direct</key><string>" +
-                                         (packageUrl.isEmpty() ? host + "/update/PelorinVPN.deb" : packageUrl) +
-                                         "</string>");
-        writeFile(path("installer.sh"), "#!/bin/sh\necho \"$@\" >> \"$(dirname \"$0\")/installed\"\n");
+        m_world = std::make_unique<BackendFixture>(host, packageUrl);
+        BackendFixture::write(path("installer.sh"), "#!/bin/sh\necho \"$@\" >> \"$(dirname \"$0\")/installed\"\n");
         QFile::setPermissions(path("installer.sh"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        Platform::setInstance(
-            std::make_unique<LinuxPlatform>(LinuxPlatform::Overrides{.temporaryDirectory = path("tmp"),
-                                                                     .applicationSupportDirectory = path("support"),
-                                                                     .downloadsDirectory = path("Downloads"),
-                                                                     .resourcesDirectory = path("res"),
-                                                                     .installer = path("installer.sh")}));
-        AppStorageManager::setSharedManagerForTesting(std::make_unique<AppStorageManager>(
-            path("settings.conf"),
-            KeychainStore(KeychainStore::defaultService(), std::make_shared<FileSecretBackend>(path("secrets.json")))));
         NQVPNManager::setSharedManagerForTesting(std::make_unique<NQVPNManager>());
         AppUpdateManager::setSharedManagerForTesting(nullptr);
-        // What the user has: settings, the device identifier and an account.
         AppStorageManager &store = AppStorageManager::sharedManager();
         (void)AppConfig::deviceUniqueID();
         store.storeVPNCredentials("kept-user", "kept-pass");
@@ -159,11 +133,9 @@ private slots:
     }
     void cleanup()
     {
-        NQConfig::setHttpTimeoutForTesting(60);
         AppUpdateManager::setSharedManagerForTesting(nullptr);
         NQVPNManager::setSharedManagerForTesting(nullptr);
-        AppStorageManager::setSharedManagerForTesting(nullptr);
-        Platform::setInstance(nullptr);
+        m_world.reset();
         EventBus::defaultCenter().reset();
     }
 
@@ -172,20 +144,22 @@ private slots:
         QTest::addColumn<int>("request");
         QTest::addColumn<QString>("kind");
         QTest::addColumn<QJsonValue>("value");
-        QTest::addColumn<QString>("message"); // exact, or empty: any non-empty text
+        QTest::addColumn<QString>("message");
         const QString truncated = QStringLiteral("{\"success\": 1, \"username\": \"pv-new\", \"passw");
         for (int i = 0; i < requests().size(); ++i) {
-            const QString name = requests()[i].name;
+            const Request &r = requests()[i];
+            const QString name = r.name;
             const bool update = name == "update check";
             const QString refused = update ? "no update" : "Could not connect to the server.";
             const QString late = update ? "no update" : "The request timed out.";
-            const QString unreadable = update ? "no update" : QString();
+            const QString unreadable = r.unreadable;
             QTest::addRow("%s: down", qPrintable(name)) << i << "down" << QJsonValue() << refused;
             QTest::addRow("%s: slow", qPrintable(name)) << i << "delay" << QJsonValue(3000) << late;
             QTest::addRow("%s: 500 page", qPrintable(name)) << i << "status" << QJsonValue(500) << unreadable;
             QTest::addRow("%s: html", qPrintable(name)) << i << "non-json" << QJsonValue() << unreadable;
             QTest::addRow("%s: truncated", qPrintable(name)) << i << "body" << QJsonValue(truncated) << unreadable;
-            QTest::addRow("%s: wrong shape", qPrintable(name)) << i << "wrong-shape" << QJsonValue() << unreadable;
+            QTest::addRow("%s: wrong shape", qPrintable(name))
+                << i << "wrong-shape" << QJsonValue() << (r.wrongShape.isEmpty() ? unreadable : r.wrongShape);
         }
     }
     void everyRequestUnderEveryFault()
@@ -206,10 +180,7 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(!got->isEmpty(), 10000);
         QTest::qWait(100); // a second completion would arrive now
         QCOMPARE(got->size(), 1);
-        if (message.isEmpty())
-            QVERIFY2(!got->first().isEmpty(), "the failure reached the caller without a message");
-        else
-            QCOMPARE(got->first(), message);
+        QCOMPARE(got->first(), message);
         if (r.name == "update check") // the reason is logged
             QVERIFY(!log.lines().filter(QRegularExpression("^Error: |^.AppUpdateManager. Latest Version")).isEmpty());
         QCOMPARE(snapshot(), before);
@@ -243,7 +214,7 @@ private slots:
         if (!kind.isEmpty())
             QVERIFY(m_backend.fault("/update/PelorinVPN.deb", kind, value));
         QDir().mkpath(path("Downloads"));
-        writeFile(path("Downloads/PelorinVPN.deb"), "the package installed last time");
+        BackendFixture::write(path("Downloads/PelorinVPN.deb"), "the package installed last time");
         int ready = 0;
         EventBus::defaultCenter().addObserver(this, QLatin1String(Events::NOTIFICATION_APP_READY),
                                               [&ready](const Event &) { ++ready; });
