@@ -1,6 +1,6 @@
 // The backend client against a real pelorin-devbackend: the request machinery, the identity
-// service's calls, reachability and the location check.
-#include "BackendFixture.h"
+// service's calls, reachability, the location check, and every request of the client under
+// every misbehaviour of the backend.
 #include "DevBackendProcess.h"
 #include "backend/BackendAnswers.h"
 #include "backend/BackendRequest.h"
@@ -9,8 +9,15 @@
 #include "backend/NetworkUtils.h"
 #include "backend/URLSessionError.h"
 #include "foundation/AppConfig.h"
+#include "foundation/AppStorageManager.h"
+#include "foundation/EventBus.h"
+#include "foundation/FileSecretBackend.h"
 #include "foundation/MainQueue.h"
+#include "foundation/NQConfig.h"
+#include "platform/linux/LinuxPlatform.h"
+#include "shell/AppUpdateManager.h"
 #include "support/LogCapture.h"
+#include "vpn/NQVPNManager.h"
 
 #include <QTcpServer>
 #include <QThread>
@@ -59,16 +66,114 @@ QString closedPortUrl()
     return QStringLiteral("http://127.0.0.1:%1").arg(probe.serverPort());
 }
 
+QString text(const NQErrorOpt &e)
+{
+    return e ? e->localizedDescription() : QString();
+}
+
+// One entry per request of the client: its path on the backend, what the caller learns of an
+// answer it cannot read (and of one of the wrong shape, when that differs), and how to send it
+// and hand on what the caller learns (the error text; empty when it learns of no failure).
+using Report = std::function<void(const QString &)>;
+struct Request {
+    QString name, prefix, unreadable, wrongShape;
+    std::function<void(Report)> send;
+};
+NQIdentityServer &server()
+{
+    return NQIdentityServer::sharedManager();
+}
+const QList<Request> &requests()
+{
+    static const QList<Request> all{
+        {"label settings", "/api1/Configuration/labelsettings", kNotJson.arg("labelsettings"), QString(),
+         [](Report r) {
+             server().labelsettingsForLabelID("20014", AppConfig::deviceUniqueID(), {}, 1, "en", "2.1.0",
+                                              [r](auto &, auto &, auto &, const NQErrorOpt &e) { r(text(e)); });
+         }},
+        {"extension link", "/api1/Configuration/extensiondownload", kNotJson.arg("BrowseConfiguration"),
+         "Deserialize key 'url' from response body failed for request 'BrowseConfiguration'.",
+         [](Report r) {
+             server().fetchBrowserExtensionConfigForLabelID(
+                 "20014", "chrome", [r](bool, const QString &, const NQErrorOpt &e) { r(text(e)); });
+         }},
+        {"install stats", "/Configuration/installstats", kNotJson.arg("install-event"), "not sent",
+         [](Report r) {
+             server().reportAnalyticsEventForLabelID(
+                 "20014", "DEV", "MACHINE", "en", {}, "2.1.0", 0, true,
+                 [r](bool sent, const NQErrorOpt &e) { r(e || sent ? text(e) : QStringLiteral("not sent")); });
+         }},
+        {"registerVpn", "/api1/vpnapi/create", kNotJson.arg("registerVpn"), "Response unknown",
+         [](Report r) { server().registerVpnApi([r](auto &, auto &, const QString &error) { r(error); }); }},
+        {"location", "/api1/helper/iptocountry", "Deserialize response failed.", "Parse response failed.",
+         [](Report r) {
+             BackofficeApiDesktop::checkMyLocation([r](auto &, auto &, auto &, auto &error) { r(error); });
+         }},
+        {"countries", "/api1/vpnapi/serverlist", kNotJson.arg("getCountries"), QString(),
+         [](Report r) {
+             NQVPNManager::sharedManager().getCountries([r](auto &, const NQErrorOpt &e) { r(text(e)); });
+         }},
+        {"profile", "/api1/vpnapi/serverovpn", kNotJson.arg("getCountryVPNConfig"), QString(),
+         [](Report r) {
+             NQVPNManager::sharedManager().getCountryVPNConfig(101, [r](auto &, auto &, auto &e) { r(text(e)); });
+         }},
+        // A failed check means "no update"; the reason is in the log.
+        {"update check", "/update/latest", "no update", QString(),
+         [](Report r) {
+             AppUpdateManager::sharedManager().checkForUpdateWithCompletion(
+                 [r](bool available) { r(available ? QStringLiteral("update") : QStringLiteral("no update")); });
+         }},
+    };
+    return all;
+}
+
+QByteArray contentOf(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void writeFile(const QString &path, const QByteArray &content)
+{
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly))
+        file.write(content);
+}
+
 } // namespace
 
 class TestBackend : public QObject {
     Q_OBJECT
 
     DevBackendProcess m_backend;
-    std::unique_ptr<BackendFixture> m_fixture;
+    std::unique_ptr<QTemporaryDir> m_dir;
     int calls = 0;
-    NQIdentityServer &server() { return NQIdentityServer::sharedManager(); }
-    AppStorageManager &storage() { return m_fixture->storage(); }
+    AppStorageManager &storage() { return AppStorageManager::sharedManager(); }
+    QString path(const QString &name) const { return m_dir->filePath(name); }
+    QByteArray snapshot() const { return contentOf(path("settings.conf")) + '\0' + contentOf(path("secrets.json")); }
+
+    // Points the client at `host`, with settings and keychain files of this test's own.
+    void makeWorld(const QString &host)
+    {
+        cleanup();
+        m_dir = std::make_unique<QTemporaryDir>();
+        QDir().mkpath(path("res"));
+        const auto plist = [this](const QString &name, const QString &body) {
+            writeFile(path("res/" + name), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>" +
+                                               body.toUtf8() + "</dict></plist>\n");
+        };
+        plist("CommonConfig.plist", "<key>Host URL</key><string>" + host + "</string>");
+        plist("ReleaseConfig.plist", "<key>UpdateUrlLatestVersion</key><string>" + host + "/update/latest</string>");
+        Platform::setInstance(
+            std::make_unique<LinuxPlatform>(LinuxPlatform::Overrides{.temporaryDirectory = path("tmp"),
+                                                                     .applicationSupportDirectory = path("support"),
+                                                                     .resourcesDirectory = path("res")}));
+        AppStorageManager::setSharedManagerForTesting(std::make_unique<AppStorageManager>(
+            path("settings.conf"),
+            KeychainStore(KeychainStore::defaultService(), std::make_shared<FileSecretBackend>(path("secrets.json")))));
+        NQVPNManager::setSharedManagerForTesting(std::make_unique<NQVPNManager>());
+        NetworkUtils::setRequestAddressForTesting(host);
+    }
     bool waitForCall(int n)
     {
         return QTest::qWaitFor([&] { return calls == n; }, 10000);
@@ -114,15 +219,19 @@ private slots:
     void initTestCase() { QVERIFY(m_backend.start({"--country", "127.0.0.1=FR:France"})); }
     void init()
     {
-        m_fixture = std::make_unique<BackendFixture>(m_backend.baseUrl());
-        NetworkUtils::setRequestAddressForTesting(m_backend.baseUrl());
+        makeWorld(m_backend.baseUrl());
         m_backend.reset();
         calls = 0;
     }
     void cleanup()
     {
         NetworkUtils::setRequestAddressForTesting({});
-        m_fixture.reset();
+        NQConfig::setHttpTimeoutForTesting(60);
+        AppUpdateManager::setSharedManagerForTesting(nullptr);
+        NQVPNManager::setSharedManagerForTesting(nullptr);
+        AppStorageManager::setSharedManagerForTesting(nullptr);
+        Platform::setInstance(nullptr);
+        EventBus::defaultCenter().reset();
     }
 
     // Any status is an answer (an error page is a body that does not parse); only a failure
@@ -230,21 +339,6 @@ private slots:
         QCOMPARE(o.result.error->code(), -1);
         QVERIFY(m_backend.requests().isEmpty());
         QCOMPARE(log.lines().last(), "Request probe. failed = '" + o.result.error->debugDescription() + "'");
-    }
-
-    void bodyDescriptionsAndParseErrors()
-    {
-        QCOMPARE(BackendRequest::bodyDescription("\xff\xfe", true), "(null)");
-        QCOMPARE(BackendRequest::bodyDescription("", true), "");
-        QCOMPARE(BackendRequest::bodyDescription("ok", false), "(null)");
-        // A parse error says why; a document that parsed to nothing gets the general reason.
-        const NQError parsedToNothing = BackendRequest::jsonParseError(QJsonParseError{});
-        QCOMPARE(parsedToNothing.code(), 3840);
-        QCOMPARE(parsedToNothing.localizedDescription(),
-                 "The data couldn’t be read because it isn’t in the correct format.");
-        const auto underlying =
-            BackendRequest::resultForBody("<html>", "x").error->userInfo().value("NSUnderlyingError");
-        QCOMPARE(underlying.value<NQError>().localizedDescription(), "illegal value");
     }
 
     // The links as sent, null where the backend sent null. Neither key nor mark goes out.
@@ -494,9 +588,6 @@ private slots:
         QTest::newRow("no ip") << "missing-keys" << QJsonValue("ip") << QStringList{{}, "FR", "France", parse};
         QTest::newRow("null country") << "nulls" << QJsonValue("country")
                                       << QStringList{"127.0.0.1", {}, "France", parse};
-        QTest::newRow("array") << "wrong-shape" << QJsonValue() << QStringList{{}, {}, {}, parse};
-        QTest::newRow("not json") << "non-json" << QJsonValue()
-                                  << QStringList{{}, {}, {}, "Deserialize response failed."};
         QTest::newRow("closed") << "close" << QJsonValue()
                                 << QStringList{{}, {}, {}, "The network connection was lost."};
     }
@@ -513,6 +604,61 @@ private slots:
         for (int i = 0; i < 4; ++i)
             QCOMPARE(got->second[i].isNull(), answer[i].isNull());
         QVERIFY(!BackofficeApiDesktop::isRequestInFlight()); // cleared on failure too
+    }
+    // Each fault ends in exactly one completion that carries the request's own message, and
+    // the settings file and the stored credentials are byte for byte what they were.
+    void everyRequestUnderEveryFault_data()
+    {
+        QTest::addColumn<int>("request");
+        QTest::addColumn<QString>("kind");
+        QTest::addColumn<QJsonValue>("value");
+        QTest::addColumn<QString>("message");
+        const QString truncated = QStringLiteral("{\"success\": 1, \"username\": \"pv-new\", \"passw");
+        for (int i = 0; i < requests().size(); ++i) {
+            const Request &r = requests()[i];
+            const QString name = r.name;
+            const bool update = name == "update check";
+            const QString refused = update ? "no update" : "Could not connect to the server.";
+            const QString late = update ? "no update" : "The request timed out.";
+            const QString unreadable = r.unreadable;
+            QTest::addRow("%s: down", qPrintable(name)) << i << "down" << QJsonValue() << refused;
+            QTest::addRow("%s: slow", qPrintable(name)) << i << "delay" << QJsonValue(3000) << late;
+            QTest::addRow("%s: 500 page", qPrintable(name)) << i << "status" << QJsonValue(500) << unreadable;
+            QTest::addRow("%s: html", qPrintable(name)) << i << "non-json" << QJsonValue() << unreadable;
+            QTest::addRow("%s: truncated", qPrintable(name)) << i << "body" << QJsonValue(truncated) << unreadable;
+            QTest::addRow("%s: wrong shape", qPrintable(name))
+                << i << "wrong-shape" << QJsonValue() << (r.wrongShape.isEmpty() ? unreadable : r.wrongShape);
+        }
+    }
+    void everyRequestUnderEveryFault()
+    {
+        QFETCH(int, request);
+        QFETCH(QString, kind);
+        QFETCH(QJsonValue, value);
+        QFETCH(QString, message);
+        const Request &r = requests()[request];
+        if (kind == "down")
+            makeWorld(closedPortUrl());
+        else
+            QVERIFY(m_backend.fault(r.prefix, kind, value));
+        NQConfig::setHttpTimeoutForTesting(0.4);
+        (void)AppConfig::deviceUniqueID();
+        storage().storeVPNCredentials("kept-user", "kept-pass");
+        storage().storeAppLanguageCode("de");
+        storage().storeVPNStatus(1);
+        storage().flush();
+        const QByteArray before = snapshot();
+        LogCapture log;
+        auto got = std::make_shared<QStringList>();
+        r.send([got](const QString &text) { *got << text; });
+        QTRY_VERIFY_WITH_TIMEOUT(!got->isEmpty(), 10000);
+        QCoreApplication::processEvents(); // a second completion would have been queued by now
+        QCOMPARE(got->size(), 1);
+        QCOMPARE(got->first(), message);
+        if (r.name == "update check") // the reason is logged
+            QVERIFY(!log.lines().filter(QRegularExpression("^Error: |^.AppUpdateManager. Latest Version")).isEmpty());
+        QCOMPARE(snapshot(), before);
+        QCOMPARE(AppStorageManager::sharedManager().getVpnCredentials().password, QStringLiteral("kept-pass"));
     }
 };
 
