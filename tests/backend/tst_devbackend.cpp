@@ -1,6 +1,5 @@
 #include "DevBackendProcess.h"
 
-#include <QSet>
 #include <QtTest>
 
 namespace {
@@ -90,19 +89,12 @@ private slots:
         const auto list = backend.call("GET", "/api1/vpnapi/serverlist/20014/KEY/DEV/2.1.0" + kVpnQuery);
         QCOMPARE(list.first, 200);
         const QJsonArray clusters = QJsonDocument::fromJson(list.second).array();
-        QSet<QString> continents;
         int defaults = 0;
         for (const QJsonValue &c : clusters) {
-            continents.insert(c["continent"].toString());
             defaults += c["isDefault"].toBool() ? 1 : 0;
             QCOMPARE(c["serverAddress"].toString(), "10.9.8.7");
-            QVERIFY(c["id"].toInteger() != 0);
-            QCOMPARE(c["countryIso"].toString().size(), 2);
         }
         QVERIFY(clusters.size() >= 10);
-        QVERIFY(continents.size() >= 5);
-        QVERIFY((QSet<QString>{"North America", "South America", "Europe", "Africa", "Australia", "Asia"})
-                    .contains(continents));
         QCOMPARE(defaults, 1);
 
         const QString profilePath = "/api1/vpnapi/serverovpn/20014/KEY/DEV/2.1.0/%1" + kVpnQuery;
