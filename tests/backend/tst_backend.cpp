@@ -313,7 +313,7 @@ private slots:
     }
 
     // A body goes out compact and is described on the endpoint line; a value without a JSON
-    // form stops the request before anything is sent.
+    // form, at any depth, stops the request before anything is sent.
     void postBodies()
     {
         BackendRequest::Options s = probe(m_backend.baseUrl() + "/Configuration/installstats");
@@ -331,14 +331,16 @@ private slots:
                  "Request probe. endpointUrl = '" + s.url + "'. parameters = '{\n    a = \"x y\";\n    b = 2;\n}'");
 
         m_backend.clearRequests();
-        s.jsonBody = QVariantMap{{"mac", QString()}};
-        log.clear();
-        const Outcome o = run(s);
-        QCOMPARE(o.calls, 1);
-        QCOMPARE(o.result.error->localizedDescription(), "Cannot serialze request body for request 'probe'.");
-        QCOMPARE(o.result.error->code(), -1);
-        QVERIFY(m_backend.requests().isEmpty());
-        QCOMPARE(log.lines().last(), "Request probe. failed = '" + o.result.error->debugDescription() + "'");
+        for (const QVariant &bad : {QVariant(QString()), QVariant(QVariantList{1, QString()})}) {
+            s.jsonBody = QVariantMap{{"mac", bad}};
+            log.clear();
+            const Outcome o = run(s);
+            QCOMPARE(o.calls, 1);
+            QCOMPARE(o.result.error->localizedDescription(), "Cannot serialze request body for request 'probe'.");
+            QCOMPARE(o.result.error->code(), -1);
+            QVERIFY(m_backend.requests().isEmpty());
+            QCOMPARE(log.lines().last(), "Request probe. failed = '" + o.result.error->debugDescription() + "'");
+        }
     }
 
     // The links as sent, null where the backend sent null. Neither key nor mark goes out.

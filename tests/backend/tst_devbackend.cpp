@@ -84,8 +84,8 @@ private slots:
         QTemporaryDir pki;
         const QByteArray ca = "-----BEGIN CERTIFICATE-----\nTESTCA\n-----END CERTIFICATE-----\n";
         DevBackendProcess backend;
-        QVERIFY(
-            backend.start({"--vpn-remote", "10.9.8.7", "--vpn-port", "1201", "--ca", writeFile(pki, "ca.crt", ca)}));
+        QVERIFY(backend.start({"--vpn-remote", "10.9.8.7", "--vpn-port", "1201", "--vpn-proto", "tcp-client", "--ca",
+                               writeFile(pki, "ca.crt", ca)}));
         const auto list = backend.call("GET", "/api1/vpnapi/serverlist/20014/KEY/DEV/2.1.0" + kVpnQuery);
         QCOMPARE(list.first, 200);
         const QJsonArray clusters = QJsonDocument::fromJson(list.second).array();
@@ -103,7 +103,7 @@ private slots:
         QCOMPARE(answer["serverAddress"].toString(), "10.9.8.7");
         QCOMPARE(answer["serverPort"].toInt(), 1201);
         QCOMPARE(ovpn.count("auth-user-pass"), 1);
-        for (const char *line : {"\nremote 10.9.8.7 1201\n", "\nclient\n", "\ndev tun\n", "\nproto udp\n"})
+        for (const char *line : {"\nremote 10.9.8.7 1201\n", "\nclient\n", "\ndev tun\n", "\nproto tcp-client\n"})
             QVERIFY2(ovpn.contains(line), line);
         QVERIFY(ovpn.contains("<ca>\n" + ca + "</ca>"));
         QVERIFY(!ovpn.contains("{{"));
@@ -146,12 +146,15 @@ private slots:
         QVERIFY(!backend.fault("no-slash", "close"));
         QVERIFY(!backend.fault("/x", "delay", "soon"));
 
-        // Bad arguments stop it at once, saying why.
-        for (const auto &[arguments, why] : {std::pair(QStringList{"--fault", "/x:explode"}, "unknown kind 'explode'"),
-                                             std::pair(QStringList{"--port", "65536"}, "bad value for --port")}) {
-            const auto [code, error] = run(arguments);
-            QCOMPARE(code, 2);
-            QVERIFY(error.contains(why));
+        // Bad arguments or files stop it at once, saying why.
+        const std::tuple<QStringList, int, const char *> refused[] = {
+            {{"--fault", "/x:explode"}, 2, "unknown kind 'explode'"},
+            {{"--port", "65536"}, 2, "bad value for --port"},
+            {{"--ca", "/nonexistent/ca.crt"}, 1, "cannot read /nonexistent/ca.crt"}};
+        for (const auto &[arguments, code, why] : refused) {
+            const auto [status, error] = run(arguments);
+            QCOMPARE(status, code);
+            QVERIFY2(error.contains(why), error.constData());
         }
     }
 };
