@@ -1,6 +1,5 @@
 #include "DevBackendProcess.h"
 
-#include <QSet>
 #include <QtTest>
 
 namespace {
@@ -20,13 +19,13 @@ QString writeFile(const QTemporaryDir &dir, const QString &name, const QByteArra
     return file.fileName();
 }
 
-// The exit code of a command-mode run.
-int run(const QStringList &arguments)
+// Runs the program to its end: exit code (-1 for a crash) and standard error.
+std::pair<int, QByteArray> run(const QStringList &arguments)
 {
     QProcess process;
     process.start(DevBackendProcess::executable(), arguments);
     process.waitForFinished(10000);
-    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1, process.readAllStandardError()};
 }
 
 } // namespace
@@ -35,7 +34,9 @@ int run(const QStringList &arguments)
 class TestDevBackend : public QObject {
     Q_OBJECT
 private slots:
-    void accountsSurviveARestartAndVerify()
+    // One account per device, kept across a restart, private to its owner, checked the same
+    // way over HTTP and in command mode; an account that cannot be saved is not handed out.
+    void accounts()
     {
         QTemporaryDir data;
         QJsonObject first;
@@ -68,33 +69,32 @@ private slots:
         const std::pair<QString, int> credentials[] = {
             {user + "\n" + pass + "\n", 0}, {user + "\r\n" + pass, 0}, {user + "\nwrong\n", 1}, {"\n\n", 1}};
         for (const auto &[text, code] : credentials)
-            QCOMPARE(run({"--verify-via-file", accounts, writeFile(data, "auth", text.toUtf8())}), code);
-        QCOMPARE(run({"--verify-via-file", data.filePath("none.json"), writeFile(data, "auth", "a\nb\n")}), 2);
+            QCOMPARE(run({"--verify-via-file", accounts, writeFile(data, "auth", text.toUtf8())}).first, code);
+        QCOMPARE(run({"--verify-via-file", data.filePath("none.json"), writeFile(data, "auth", "a\nb\n")}).first, 2);
+
+        QVERIFY(QFile::remove(accounts));
+        QVERIFY(QDir().mkpath(accounts)); // a folder where the file goes
+        QCOMPARE(restarted.call("GET", "/api1/vpnapi/create/20014//DEV-C" + kVpnQuery).first, 500);
     }
 
-    void catalogueAndProfiles()
+    // The catalogue and profiles point at the configured server; malformed or unknown requests
+    // are refused with their status.
+    void catalogueProfilesAndRefusals()
     {
         QTemporaryDir pki;
         const QByteArray ca = "-----BEGIN CERTIFICATE-----\nTESTCA\n-----END CERTIFICATE-----\n";
         DevBackendProcess backend;
-        QVERIFY(
-            backend.start({"--vpn-remote", "10.9.8.7", "--vpn-port", "1201", "--ca", writeFile(pki, "ca.crt", ca)}));
+        QVERIFY(backend.start({"--vpn-remote", "10.9.8.7", "--vpn-port", "1201", "--vpn-proto", "tcp-client", "--ca",
+                               writeFile(pki, "ca.crt", ca)}));
         const auto list = backend.call("GET", "/api1/vpnapi/serverlist/20014/KEY/DEV/2.1.0" + kVpnQuery);
         QCOMPARE(list.first, 200);
         const QJsonArray clusters = QJsonDocument::fromJson(list.second).array();
-        QSet<QString> continents;
         int defaults = 0;
         for (const QJsonValue &c : clusters) {
-            continents.insert(c["continent"].toString());
             defaults += c["isDefault"].toBool() ? 1 : 0;
             QCOMPARE(c["serverAddress"].toString(), "10.9.8.7");
-            QVERIFY(c["id"].toInteger() != 0);
-            QCOMPARE(c["countryIso"].toString().size(), 2);
         }
         QVERIFY(clusters.size() >= 10);
-        QVERIFY(continents.size() >= 5);
-        QVERIFY((QSet<QString>{"North America", "South America", "Europe", "Africa", "Australia", "Asia"})
-                    .contains(continents));
         QCOMPARE(defaults, 1);
 
         const QString profilePath = "/api1/vpnapi/serverovpn/20014/KEY/DEV/2.1.0/%1" + kVpnQuery;
@@ -103,27 +103,26 @@ private slots:
         QCOMPARE(answer["serverAddress"].toString(), "10.9.8.7");
         QCOMPARE(answer["serverPort"].toInt(), 1201);
         QCOMPARE(ovpn.count("auth-user-pass"), 1);
-        for (const char *line : {"\nremote 10.9.8.7 1201\n", "\nclient\n", "\ndev tun\n", "\nproto udp\n"})
+        for (const char *line : {"\nremote 10.9.8.7 1201\n", "\nclient\n", "\ndev tun\n", "\nproto tcp-client\n"})
             QVERIFY2(ovpn.contains(line), line);
         QVERIFY(ovpn.contains("<ca>\n" + ca + "</ca>"));
         QVERIFY(!ovpn.contains("{{"));
 
-        QCOMPARE(backend.call("GET", profilePath.arg(999999)).first, 404);
-        QCOMPARE(backend.call("GET", "/api1/vpnapi/serverlist/20014/KEY/DEV/2.1.0?deviceType=2&engine=1").first, 400);
-        QCOMPARE(backend.call("GET", "/api1/vpnapi/create/20014//DEV?deviceType=2&keyFromStore=no&engine=1").first,
-                 400);
+        const std::tuple<QByteArray, QString, int> refused[] = {
+            {"GET", profilePath.arg(999999), 404},
+            {"GET", "/api1/vpnapi/serverlist/20014/KEY/DEV/2.1.0?deviceType=2&engine=1", 400},
+            {"GET", "/api1/vpnapi/create/20014//DEV?deviceType=2&keyFromStore=no&engine=1", 400},
+            {"GET", "/update/PelorinVPN.deb", 404}, // no package given
+            {"POST", "/Configuration/installstats", 400},
+            {"GET", "/Configuration/installstats", 405}};
+        for (const auto &[method, path, status] : refused)
+            QVERIFY2(backend.call(method, path, "{\"labelId\":\"20014\"}").first == status, qPrintable(path));
     }
 
-    void updateFilesAndInstallStats()
+    void updateFiles()
     {
         QTemporaryDir dir;
         const QString package = writeFile(dir, "pkg.deb", QByteArray(70000, 'p'));
-        DevBackendProcess without;
-        QVERIFY(without.start());
-        QCOMPARE(without.call("GET", "/update/PelorinVPN.deb").first, 404);
-        QCOMPARE(without.call("POST", "/Configuration/installstats", "{\"labelId\":\"20014\"}").first, 400);
-        QCOMPARE(without.call("GET", "/Configuration/installstats").first, 405);
-
         DevBackendProcess backend;
         QVERIFY(backend.start({"--latest-version", "2.2.0.1", "--update-package", package}));
         QCOMPARE(backend.call("GET", "/update/latest"), qMakePair(200, QByteArray("2.2.0.1")));
@@ -147,25 +146,16 @@ private slots:
         QVERIFY(!backend.fault("no-slash", "close"));
         QVERIFY(!backend.fault("/x", "delay", "soon"));
 
-        // Bad arguments stop it at once, saying why.
-        for (const auto &[arguments, why] : {std::pair(QStringList{"--fault", "/x:explode"}, "unknown kind 'explode'"),
-                                             std::pair(QStringList{"--port", "65536"}, "bad value for --port")}) {
-            QProcess bad;
-            bad.start(DevBackendProcess::executable(), arguments);
-            QVERIFY(bad.waitForFinished(5000));
-            QCOMPARE(bad.exitCode(), 2);
-            QVERIFY(bad.readAllStandardError().contains(why));
+        // Bad arguments or files stop it at once, saying why.
+        const std::tuple<QStringList, int, const char *> refused[] = {
+            {{"--fault", "/x:explode"}, 2, "unknown kind 'explode'"},
+            {{"--port", "65536"}, 2, "bad value for --port"},
+            {{"--ca", "/nonexistent/ca.crt"}, 1, "cannot read /nonexistent/ca.crt"}};
+        for (const auto &[arguments, code, why] : refused) {
+            const auto [status, error] = run(arguments);
+            QCOMPARE(status, code);
+            QVERIFY2(error.contains(why), error.constData());
         }
-    }
-
-    // An account that cannot be saved is not handed out.
-    void unsavedAccountIsRefused()
-    {
-        QTemporaryDir data;
-        DevBackendProcess backend;
-        QVERIFY(backend.start({}, data.path()));
-        QVERIFY(QDir().mkpath(data.filePath("accounts.json"))); // a folder where the file goes
-        QCOMPARE(backend.call("GET", "/api1/vpnapi/create/20014//DEV-A" + kVpnQuery).first, 500);
     }
 };
 

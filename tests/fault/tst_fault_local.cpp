@@ -1,7 +1,7 @@
-// Faults on this machine: sudo refusing, the tunnel client killed mid-session, a temporary
-// folder that is read-only or full, a keychain that is locked or gone, and the extension port
-// taken. Each leaves a log line that names the cause, and the user's settings and credentials
-// read back as they were.
+// Faults on this machine: the tunnel client killed mid-session, a temporary folder that is
+// read-only or full, a keychain that is locked or gone, and the extension port taken. Each
+// leaves a log line that names the cause, and the user's settings and credentials read back
+// as they were.
 #include "extension/BrowserExtensionApi.h"
 #include "foundation/FileSecretBackend.h"
 #include "support/LogCapture.h"
@@ -14,12 +14,6 @@
 #include <csignal>
 
 namespace {
-const QByteArray kPassingSudo = "#!/bin/sh\nexec \"$@\"\n";
-const QByteArray kRefusingSudo = "#!/bin/sh\necho 'sudo: a password is required' >&2\nexit 1\n";
-// Reports a tunnel and stays until killed; its pid is left next to it.
-const QByteArray kConnectingClient = "#!/bin/sh\necho $$ > \"$(dirname \"$0\")/pid\"\n"
-                                     "printf 'ovpncli: state CONNECTED\\n'\nwhile :; do sleep 1; done\n";
-
 // A keychain that can be locked or taken away while the program runs.
 class FlakySecrets : public FileSecretBackend {
 public:
@@ -39,7 +33,7 @@ public:
     }
 
 private:
-    Result fail() const { return {*failure, {}, QStringLiteral("The keyring cannot be reached.")}; }
+    Result fail() const { return {*failure, {}, "The keyring cannot be reached."}; }
 };
 } // namespace
 
@@ -55,12 +49,11 @@ class TestFaultLocal : public QObject {
     // account, a language and a stored state.
     void makeWorld(const QString &tmp = {})
     {
-        m_secrets = std::make_shared<FlakySecrets>(m_dir.filePath(QStringLiteral("secrets.json")));
+        m_secrets = std::make_shared<FlakySecrets>(m_dir.filePath("secrets.json"));
         SecretBackend::setSystemDefaultForTesting(m_secrets);
-        m_env = std::make_unique<VpnTestEnvironment>(QStringLiteral("http://127.0.0.1:9"),
-                                                     VpnTestEnvironment::Places{{}, {}, tmp});
-        m_env->storage().storeVPNCredentials(QStringLiteral("kept-user"), QStringLiteral("kept-pass"));
-        m_env->storage().storeAppLanguageCode(QStringLiteral("de"));
+        m_env = std::make_unique<VpnTestEnvironment>("http://127.0.0.1:9", VpnTestEnvironment::Places{{}, {}, tmp});
+        m_env->storage().storeVPNCredentials("kept-user", "kept-pass");
+        m_env->storage().storeAppLanguageCode("de");
         m_env->storage().storeVPNStatus(1);
         m_reports = m_env->recordReports();
     }
@@ -69,29 +62,28 @@ class TestFaultLocal : public QObject {
     {
         m_env->storage().flush();
         m_secrets->failure.reset();
-        const QString service = QStringLiteral("com.pelorin.vpn.test");
-        QCOMPARE(m_secrets->find(service, QStringLiteral("username")).data, QByteArray("kept-user"));
-        QCOMPARE(m_secrets->find(service, QStringLiteral("password")).data, QByteArray("kept-pass"));
-        QCOMPARE(m_env->storage().appLanguageCode(), QStringLiteral("de"));
+        const QString service = "com.pelorin.vpn.test";
+        QCOMPARE(m_secrets->find(service, "username").data, QByteArray("kept-user"));
+        QCOMPARE(m_secrets->find(service, "password").data, QByteArray("kept-pass"));
+        QCOMPARE(m_env->storage().appLanguageCode(), "de");
     }
-    // A small tmpfs at m_mount with `fill` bytes taken, its "tmp" folder as the temporary folder.
+    // A small tmpfs at m_mount (read-only once `fill` bytes are written, when `options` ends
+    // in ",ro"), its "tmp" folder private to us.
     bool mountTemporaryFolder(QString options, int fill)
     {
-        const bool readOnly = options.endsWith(QStringLiteral(",ro"));
-        options.remove(QStringLiteral(",ro"));
-        m_mount = m_dir.filePath(QStringLiteral("mnt"));
+        const bool readOnly = options.endsWith(",ro");
+        options.remove(",ro");
+        m_mount = m_dir.filePath("mnt");
         QDir().mkpath(m_mount);
-        if (QProcess::execute(QStringLiteral("mount"), {"-t", "tmpfs", "-o", options, "tmpfs", m_mount}) != 0) {
-            m_mount.clear();
-            return false;
-        }
-        QDir(m_mount).mkpath(QStringLiteral("tmp"));
-        QFile::setPermissions(m_mount + QStringLiteral("/tmp"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        QFile filler(m_mount + QStringLiteral("/fill"));
+        if (QProcess::execute("mount", {"-t", "tmpfs", "-o", options, "tmpfs", m_mount}) != 0)
+            return (m_mount.clear(), false);
+        QDir(m_mount).mkpath("tmp");
+        QFile::setPermissions(m_mount + "/tmp", QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        QFile filler(m_mount + "/fill");
         if (filler.open(QIODevice::WriteOnly))
             filler.write(QByteArray(fill, 'f'));
         filler.close();
-        return !readOnly || QProcess::execute(QStringLiteral("mount"), {"-o", "remount,ro", m_mount}) == 0;
+        return !readOnly || QProcess::execute("mount", {"-o", "remount,ro", m_mount}) == 0;
     }
 
 private slots:
@@ -100,13 +92,12 @@ private slots:
         m_env.reset();
         SecretBackend::setSystemDefaultForTesting(nullptr);
         if (!m_mount.isEmpty())
-            QProcess::execute(QStringLiteral("umount"), {m_mount});
+            QProcess::execute("umount", {m_mount});
         m_mount.clear();
     }
 
     void tunnelFaults_data()
     {
-        QTest::addColumn<QByteArray>("sudo");
         QTest::addColumn<QString>("mount"); // tmpfs options ("ro" last: remounted read-only); empty: none
         QTest::addColumn<int>("fill");
         QTest::addColumn<bool>("kill");
@@ -117,27 +108,23 @@ private slots:
         const QString notCreated = "|NQVPNManager| Failed to create temporary configuration file.";
         const QString keptInMemory = "are kept in memory until quit";
         const QString keyring = "OSStatus error: [%1] The keyring cannot be reached.";
-        QTest::newRow("sudo refuses") << kRefusingSudo << QString() << 0 << false << 0 << QList<int>{2}
-                                      << QStringList{"|NQVPNManager| OpenVPN process terminated with exit code: 1",
-                                                     "sudo: a password is required"};
-        QTest::newRow("client killed") << kPassingSudo << QString() << 0 << true << 0 << QList<int>{2, 3}
+        QTest::newRow("client killed") << QString() << 0 << true << 0 << QList<int>{2, 3}
                                        << QStringList{"|NQVPNManager| OpenVPN process terminated with exit code: 9"};
-        QTest::newRow("tmp read-only") << kPassingSudo << "size=64k,ro" << 0 << false << 0 << QList<int>{}
+        QTest::newRow("tmp read-only") << "size=64k,ro" << 0 << false << 0 << QList<int>{}
                                        << QStringList{writeFailed + "Read-only file system", notCreated};
-        QTest::newRow("tmp full") << kPassingSudo << "size=8k" << 8192 << false << 0 << QList<int>{}
+        QTest::newRow("tmp full") << "size=8k" << 8192 << false << 0 << QList<int>{}
                                   << QStringList{writeFailed + "No space left on device", notCreated};
         // Room for the profile and the credentials but not for the rewritten profile.
-        QTest::newRow("tmp full at the rewrite") << kPassingSudo << "size=8k" << 0 << false << 0 << QList<int>{2, 3}
-                                                 << QStringList{writeFailed + "No space left on device"};
+        QTest::newRow("tmp full at the rewrite")
+            << "size=8k" << 0 << false << 0 << QList<int>{2, 3} << QStringList{writeFailed + "No space left on device"};
         // The account the run was given stays in memory and the connect goes on with it.
-        QTest::newRow("keychain locked") << kPassingSudo << QString() << 0 << false << -25308 << QList<int>{2, 3}
+        QTest::newRow("keychain locked") << QString() << 0 << false << -25308 << QList<int>{2, 3}
                                          << QStringList{keyring.arg(-25308), keptInMemory};
-        QTest::newRow("keychain gone") << kPassingSudo << QString() << 0 << false << -25291 << QList<int>{2, 3}
+        QTest::newRow("keychain gone") << QString() << 0 << false << -25291 << QList<int>{2, 3}
                                        << QStringList{keyring.arg(-25291), keptInMemory};
     }
     void tunnelFaults()
     {
-        QFETCH(QByteArray, sudo);
         QFETCH(QString, mount);
         QFETCH(int, fill);
         QFETCH(bool, kill);
@@ -146,22 +133,22 @@ private slots:
         QFETCH(QStringList, logs);
         if (!mount.isEmpty() && !mountTemporaryFolder(mount, fill))
             QSKIP("a small tmpfs cannot be mounted here (needs root and mount rights)");
-        makeWorld(mount.isEmpty() ? QString() : m_mount + QStringLiteral("/tmp"));
-        m_env->writeFile(QStringLiteral("sudo"), sudo, true);
-        m_env->writeFile(QStringLiteral("helpers/ovpncli"), kConnectingClient, true);
+        makeWorld(mount.isEmpty() ? QString() : m_mount + "/tmp");
+        m_env->writeFile("sudo", VpnTestEnvironment::kStandInSudo, true);
+        m_env->writeFile("helpers/ovpncli", VpnTestEnvironment::kStandInClient, true);
+        m_env->writeFile("helpers/behaviour", VpnTestEnvironment::kConnectThenWait);
         LogCapture log;
         if (keychain) { // a new account cannot be stored, nor the old one read
             m_secrets->failure = keychain;
-            m_env->storage().storeVPNCredentials(QStringLiteral("new-user"), QStringLiteral("new-pass"));
+            m_env->storage().storeVPNCredentials("new-user", "new-pass");
         }
-        m_env->manager().startVPNConnectionWithConfigContent(QStringLiteral("client\nauth-user-pass\n"),
-                                                             QStringLiteral("DE"));
+        m_env->manager().startVPNConnectionWithConfigContent("client\nauth-user-pass\n", "DE");
         QTRY_COMPARE_WITH_TIMEOUT(m_reports->snapshot(), states, kVpnWaitMs);
         if (kill) // the owner is told the tunnel is down
-            QCOMPARE(::kill(contentOf(m_env->root() + QStringLiteral("/helpers/pid")).trimmed().toInt(), SIGKILL), 0);
+            QCOMPARE(::kill(contentOf(m_env->root() + "/helpers/pid").trimmed().toInt(), SIGKILL), 0);
         for (const QString &text : logs)
             QTRY_VERIFY2_WITH_TIMEOUT(!log.lines().filter(text).isEmpty(), qPrintable(text), kVpnWaitMs);
-        QTRY_COMPARE_WITH_TIMEOUT(m_reports->endsSnapshot().size(), kill || sudo == kRefusingSudo ? 1 : 0, kVpnWaitMs);
+        QTRY_COMPARE_WITH_TIMEOUT(m_reports->endsSnapshot().size(), kill ? 1 : 0, kVpnWaitMs);
         // The state follows the last output (or stays as it was when nothing started).
         QCOMPARE(m_env->storage().getVPNStatus(), states.isEmpty() ? 1 : states.last());
         expectNothingLost();
@@ -171,33 +158,33 @@ private slots:
     // what was stored before is still there after a restart.
     void storesOnAFullDisk()
     {
-        if (!mountTemporaryFolder(QStringLiteral("size=16k"), 0))
+        if (!mountTemporaryFolder("size=16k", 0))
             QSKIP("a small tmpfs cannot be mounted here (needs root and mount rights)");
-        const QString settings = m_mount + QStringLiteral("/settings.conf");
-        const QString secrets = m_mount + QStringLiteral("/secrets.json");
+        const QString settings = m_mount + "/settings.conf";
+        const QString secrets = m_mount + "/secrets.json";
         const auto open = [&] {
             return std::make_unique<AppStorageManager>(
-                settings, KeychainStore(QStringLiteral("svc"), std::make_shared<FileSecretBackend>(secrets)));
+                settings, KeychainStore("svc", std::make_shared<FileSecretBackend>(secrets)));
         };
-        open()->storeVPNCredentials(QStringLiteral("kept-user"), QStringLiteral("kept-pass"));
-        open()->storeAppLanguageCode(QStringLiteral("de"));
-        QFile filler(m_mount + QStringLiteral("/fill"));
+        open()->storeVPNCredentials("kept-user", "kept-pass");
+        open()->storeAppLanguageCode("de");
+        QFile filler(m_mount + "/fill");
         QVERIFY(filler.open(QIODevice::Append));
         while (filler.write(QByteArray(512, 'f')) > 0 && filler.flush()) {
         }
         filler.close();
         LogCapture log;
         auto store = open();
-        store->storeVPNCredentials(QStringLiteral("new-user"), QStringLiteral("new-pass"));
-        store->storeAppLanguageCode(QStringLiteral("fr"));
+        store->storeVPNCredentials("new-user", "new-pass");
+        store->storeAppLanguageCode("fr");
         store->flush();
         // The first failed write ends the keychain's part for this run; the rest stays in memory.
         QCOMPARE(log.lines().filter("OSStatus error: [-26276] Cannot write the secrets file ").size(), 1);
         QCOMPARE(log.lines().filter("are kept in memory until quit").size(), 1);
         QCOMPARE(log.lines().filter("|AppStorageManager| Cannot write the settings file ").size(), 1);
         auto restarted = open();
-        QCOMPARE(restarted->getVpnCredentials().username, QStringLiteral("kept-user"));
-        QCOMPARE(restarted->getVpnCredentials().password, QStringLiteral("kept-pass"));
+        QCOMPARE(restarted->getVpnCredentials().username, "kept-user");
+        QCOMPARE(restarted->getVpnCredentials().password, "kept-pass");
         // (This process's settings cache keeps "fr" until quit; the file has the old value.)
         QFile file(settings);
         QVERIFY(file.open(QIODevice::ReadOnly));
@@ -209,16 +196,14 @@ private slots:
         makeWorld();
         QTcpServer holder;
         QVERIFY(holder.listen(QHostAddress::Any, 0));
-        qputenv(BrowserExtensionApi::kPortEnvironmentVariable, QByteArray::number(holder.serverPort()));
+        const QString port = QString::number(holder.serverPort());
+        qputenv(BrowserExtensionApi::kPortEnvironmentVariable, port.toUtf8());
         LogCapture log;
         BrowserExtensionApi api(&m_env->storage());
         api.startServer();
         qunsetenv(BrowserExtensionApi::kPortEnvironmentVariable);
         QVERIFY(!api.browserExtWebsocket());
-        QCOMPARE(log.lines()
-                     .filter(QStringLiteral("|BrowserExtension| cannot listen on port %1: another program is using it")
-                                 .arg(holder.serverPort()))
-                     .size(),
+        QCOMPARE(log.lines().filter("|BrowserExtension| cannot listen on port " + port + ": another program").size(),
                  1);
         api.sendScrambleNow(); // the bridge goes on without a server
         expectNothingLost();
@@ -232,15 +217,15 @@ private slots:
         LogCapture log;
         NQVPNManager &vpn = m_env->manager();
         QVERIFY(vpn.retrievePasswordFromKeychain().isNull());
-        vpn.savePasswordToKeychain(QStringLiteral("first"));
-        vpn.savePasswordToKeychain(QStringLiteral("second"));
-        QCOMPARE(vpn.retrievePasswordFromKeychain(), QStringLiteral("second"));
+        vpn.savePasswordToKeychain("first");
+        vpn.savePasswordToKeychain("second");
+        QCOMPARE(vpn.retrievePasswordFromKeychain(), "second");
         m_secrets->failure = -25308;
-        vpn.savePasswordToKeychain(QStringLiteral("third"));
+        vpn.savePasswordToKeychain("third");
         QVERIFY(vpn.retrievePasswordFromKeychain().isNull());
         m_secrets->failure.reset();
-        QCOMPARE(vpn.retrievePasswordFromKeychain(), QStringLiteral("second"));
-        const QString m = QStringLiteral("|NQVPNManager| ");
+        QCOMPARE(vpn.retrievePasswordFromKeychain(), "second");
+        const QString m = "|NQVPNManager| ";
         QCOMPARE(log.lines().filter(m),
                  (QStringList{m + "No password found in Keychain for the given service and account.",
                               m + "Password successfully saved to Keychain.",
