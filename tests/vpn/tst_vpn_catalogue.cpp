@@ -1,15 +1,22 @@
-// The server catalogue: records from JSON and from the archive, flags, and the two backend
-// requests against a real HTTP server on loopback.
+// The server catalogue: records from JSON and from the archive, flags, and the backend
+// requests against a real HTTP server on loopback, none of which waits for the keychain on
+// the caller's (the window's) thread.
+#include "backend/NQIdentityServer.h"
 #include "foundation/AppConfig.h"
 #include "foundation/ErrorIdentity.h"
 #include "foundation/EventNames.h"
 #include "foundation/KeyedArchive.h"
+#include "foundation/SecretQueue.h"
 #include "support/CannedHttpServer.h"
 #include "support/LogCapture.h"
 #include "support/VpnTestEnvironment.h"
 #include "vpn/FlagUtils.h"
 
+#include <QDeadlineTimer>
+#include <QThread>
 #include <QtTest>
+
+#include <atomic>
 
 class TestVpnCatalogue : public QObject {
     Q_OBJECT
@@ -22,6 +29,7 @@ private slots:
     void serverList();
     void profileRequest_data();
     void profileRequest();
+    void requestsReadTheIdentifierOffTheCallersThread();
 };
 
 namespace {
@@ -29,6 +37,31 @@ NQVPNCountry fromJson(const QByteArray &json)
 {
     return NQVPNCountry::initWithDictionary(QJsonDocument::fromJson(json).object().toVariantMap());
 }
+
+// No item ever; counts the look-ups during which the main thread could not run an event (it
+// was waiting for this answer, as it would wait for a locked keyring's unlock prompt).
+class WatchedSecrets : public SecretBackend {
+public:
+    std::atomic<int> finds = 0;
+    std::atomic<int> findsBlockingTheMainThread = 0;
+    Result find(const QString &, const QString &) override
+    {
+        ++finds;
+        auto ran = std::make_shared<std::atomic<bool>>(false);
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(), [ran] { *ran = true; }, Qt::QueuedConnection);
+        const QDeadlineTimer limit(5000);
+        while (!*ran && !limit.hasExpired())
+            QThread::msleep(5);
+        if (!*ran)
+            ++findsBlockingTheMainThread;
+        return {ItemNotFound, {}, {}};
+    }
+    Result update(const QString &, const QString &, const QByteArray &) override { return {ItemNotFound, {}, {}}; }
+    Result add(const QString &, const QString &, const QByteArray &) override { return {}; }
+    Result remove(const QString &, const QString &) override { return {}; }
+    QString name() const override { return QStringLiteral("watched"); }
+};
 } // namespace
 
 void TestVpnCatalogue::recordFromJson_data()
@@ -261,6 +294,30 @@ void TestVpnCatalogue::profileRequest()
     QTRY_VERIFY_WITH_TIMEOUT(error, kVpnWaitMs);
     QCOMPARE(error->domain(), QStringLiteral("NSURLErrorDomain"));
     QCOMPARE(logs.lines().filter("|NQVPNManager| Request getCountryVPNConfig. failed = '").size(), 1);
+}
+
+void TestVpnCatalogue::requestsReadTheIdentifierOffTheCallersThread()
+{
+    for (const int request : {0, 1, 2}) { // server list, profile, account
+        VpnTestEnvironment env;
+        auto secrets = std::make_shared<WatchedSecrets>();
+        AppStorageManager::setSharedManagerForTesting(
+            std::make_unique<AppStorageManager>(env.root() + QStringLiteral("/watched.conf"),
+                                                KeychainStore(QStringLiteral("com.pelorin.vpn.test"), secrets)));
+        bool done = false;
+        if (request == 0)
+            env.manager().getCountries([&](const QList<NQVPNCountry> &, const NQErrorOpt &) { done = true; });
+        else if (request == 1)
+            env.manager().getCountryVPNConfig(
+                7, [&](const QString &, const QString &, const NQErrorOpt &) { done = true; });
+        else
+            NQIdentityServer::sharedManager().registerVpnApi(
+                [&](const QString &, const QString &, const QString &) { done = true; });
+        QTRY_VERIFY_WITH_TIMEOUT(done, 20000);
+        SecretQueue::drain();
+        QVERIFY(secrets->finds > 0);
+        QCOMPARE(secrets->findsBlockingTheMainThread.load(), 0);
+    }
 }
 
 QTEST_GUILESS_MAIN(TestVpnCatalogue)

@@ -1,13 +1,29 @@
 // The tunnel process controller against stand-in sudo and ovpncli programs: every marker
-// rule and state transition, launch failures and the stop sequence.
+// rule and state transition, launch failures and the stop sequence; and the profile files it
+// hands the client, in the private temporary folder.
 #include "support/LogCapture.h"
 #include "support/VpnTestEnvironment.h"
+#include "vpn/TunnelProfileFiles.h"
 
 #include <QtTest>
 
 #include <csignal>
 
+#include <sys/stat.h>
 #include <unistd.h>
+
+namespace {
+int modeOf(const QString &path)
+{
+    struct stat st {};
+    return stat(QFile::encodeName(path).constData(), &st) == 0 ? int(st.st_mode & 0777) : -1;
+}
+
+QStringList entriesOf(const QString &dir)
+{
+    return QDir(dir).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name);
+}
+} // namespace
 
 class TestVpnTunnel : public QObject {
     Q_OBJECT
@@ -21,6 +37,8 @@ private slots:
     void startsThatCannotRunChangeNothingMore();
     void staleClientNeverTouchesANewLaunch();
     void stopEndsDisconnectedWhateverTheKillByNameDoes();
+    void profileFilesAreWholeAndPrivate();
+    void profileFilesNeverLeaveTheirFolder();
 
 private:
     void install(const QByteArray &behaviour)
@@ -277,6 +295,76 @@ void TestVpnTunnel::stopEndsDisconnectedWhateverTheKillByNameDoes()
     m_env->manager().stopVPNConnection();
     QCOMPARE(states().mid(6), (QList<int>{5, 1}));
     QCOMPARE(m_logs->lines().filter("did not finish within 200 ms").size(), 1);
+}
+
+void TestVpnTunnel::profileFilesAreWholeAndPrivate()
+{
+    const QString tmp = m_env->root() + QStringLiteral("/profiles");
+    QDir().mkpath(tmp + QStringLiteral("/old/deep"));
+    const TunnelProfileFiles files([&] { return tmp; });
+    // The cluster name is kept verbatim; a nil one is written as the platform formats nil.
+    for (const QString &name : {QStringLiteral("Côte d'Ivoire \"A\""), QStringLiteral(".."), QString()}) {
+        const QString path = files.writeConfigToTemporaryFile(QStringLiteral("client\n"), name);
+        QCOMPARE(path, tmp + QStringLiteral("/NQ_VPN_%1.ovpn").arg(name.isNull() ? "(null)" : name));
+        QCOMPARE(contentOf(path), QByteArray("client\n"));
+        QCOMPARE(modeOf(path), 0600);
+    }
+    const QString auth = files.writeCredentialsToTemporaryFileWithUsername("user", QStringLiteral("pässword"));
+    QCOMPARE(auth, tmp + QStringLiteral("/auth.txt"));
+    QCOMPARE(contentOf(auth), QByteArray("user\np\xc3\xa4ssword"));
+    // Written again: replaced whole, still private; nothing stored is written as "(null)".
+    QCOMPARE(files.writeCredentialsToTemporaryFileWithUsername(QString(), QStringLiteral("")), auth);
+    QCOMPARE(contentOf(auth), QByteArray("(null)\n"));
+    QCOMPARE(modeOf(auth), 0600);
+
+    QCOMPARE(files.readPidFile(), 0);
+    files.writePidFile(4242);
+    QCOMPARE(files.readPidFile(), 4242);
+    files.removeFile(QStringLiteral("PelorinVPN.pid"));
+    QCOMPARE(files.readPidFile(), 0);
+
+    // Preparing leaves exactly the two files. The rewrite is textual: every occurrence,
+    // comments included, a named file kept after it.
+    m_env->writeFile(QStringLiteral("profiles/.hidden"), {});
+    const QString path = files.prepare(QStringLiteral("# auth-user-pass\nauth-user-pass old\nAUTH-USER-PASS\n"),
+                                       QStringLiteral("United States"), "u", "p");
+    QCOMPARE(entriesOf(tmp), (QStringList{QStringLiteral("NQ_VPN_United States.ovpn"), QStringLiteral("auth.txt")}));
+    QCOMPARE(contentOf(path),
+             "# auth-user-pass " + auth.toUtf8() + "\nauth-user-pass " + auth.toUtf8() + " old\nAUTH-USER-PASS\n");
+}
+
+void TestVpnTunnel::profileFilesNeverLeaveTheirFolder()
+{
+    const QString tmp = m_env->root() + QStringLiteral("/profiles");
+    const QString outside = m_env->root() + QStringLiteral("/outside");
+    QDir().mkpath(tmp + QStringLiteral("/NQ_VPN_x"));
+    QDir().mkpath(outside);
+    m_env->writeFile(QStringLiteral("outside/keep"), {});
+    const TunnelProfileFiles files([&] { return tmp; });
+    for (const QString &name : {QStringLiteral("x/../../escaped"), QString(300, u'n')})
+        QVERIFY(files.writeConfigToTemporaryFile(QStringLiteral("client"), name).isNull());
+    QCOMPARE(m_logs->lines().filter("|NQVPNManager| Failed to write temporary OpenVPN config file: ").size(), 2);
+    // Preparing with such a name abandons the start and leaves the folder empty.
+    QVERIFY(files.prepare(QStringLiteral("client"), QStringLiteral("a/b"), "u", "p").isNull());
+    QCOMPARE(m_logs->lines().last(), QStringLiteral("|NQVPNManager| Failed to create temporary configuration file."));
+    QVERIFY(entriesOf(tmp).isEmpty());
+    QVERIFY(!QFile::exists(m_env->root() + QStringLiteral("/escaped.ovpn")));
+
+    // A link inside to a folder outside: the link goes, the target and its content stay.
+    QFile::link(outside, tmp + QStringLiteral("/link"));
+    QDir().mkpath(tmp + QStringLiteral("/sub"));
+    files.clearTemporaryDirectory();
+    QVERIFY(entriesOf(tmp).isEmpty());
+    QCOMPARE(entriesOf(outside), QStringList{QStringLiteral("keep")});
+
+    // No usable folder (the platform refused it): nothing is touched, not even the current one.
+    const QString cwd = QDir::currentPath();
+    QDir::setCurrent(outside);
+    const TunnelProfileFiles none([] { return QString(); });
+    none.clearTemporaryDirectory();
+    QVERIFY(none.writeConfigToTemporaryFile(QStringLiteral("c"), QStringLiteral("DE")).isNull());
+    QDir::setCurrent(cwd);
+    QCOMPARE(entriesOf(outside), QStringList{QStringLiteral("keep")});
 }
 
 QTEST_GUILESS_MAIN(TestVpnTunnel)
