@@ -41,7 +41,6 @@ private slots:
     void hostileProfilesAreRefused();
     void foreignOrOpenFilesAreRefused();
     void killSwitchTakesOnlyCheckedValues();
-    void markerRules_data();
     void markerRules();
     void readerGivesTheSameLinesForAnySplit();
     void readerWritesValidUtf8InAtomicPieces();
@@ -188,35 +187,32 @@ void TestOvpncliRules::killSwitchTakesOnlyCheckedValues()
     }
 }
 
-void TestOvpncliRules::markerRules_data()
-{
-    QTest::addColumn<QByteArray>("chunk");
-    QTest::addColumn<int>("state"); // -1: no state; -2: the chunk is dropped (not UTF-8)
-    QTest::newRow("state line with CONNECTED") << QByteArray("ovpncli: state CONNECTED\n") << 3;
-    QTest::newRow("DISCONNECTED is not CONNECTED") << QByteArray(">STATE:1700000000,DISCONNECTED\n") << 1;
-    QTest::newRow("connect and disconnect in one chunk") << QByteArray("CONNECTED\nDISCONNECTED\n") << 1;
-    QTest::newRow("AUTH_FAILED alone") << QByteArray("AUTH: Received control message: AUTH_FAILED\n") << 0;
-    QTest::newRow("AUTH_FAILED with signal exit") << QByteArray("AUTH_FAILED\nExiting due to signal 15\n") << 1;
-    QTest::newRow("AUTH_FAILED with CONNECTED") << QByteArray("AUTH_FAILED CONNECTED") << 3;
-    QTest::newRow("connect error") << QByteArray("connect error, openvpn ended") << 1;
-    QTest::newRow("killall") << QByteArray("killall ran") << 1;
-    QTest::newRow("case matters") << QByteArray("connected\nauth_failed\nDisconnected\nConnect error") << -1;
-    QTest::newRow("half a marker") << QByteArray("ovpncli: state CONN") << -1;
-    QTest::newRow("empty") << QByteArray() << -1;
-    QTest::newRow("stray bytes") << QByteArray("CONNECTED \xff\xfe") << -2;
-    QTest::newRow("character cut at the end") << QByteArray("CONNECTED \xc3") << -2;
-    QTest::newRow("whole character") << QByteArray("CONNECTED \xc3\xa9") << 3;
-}
-
 void TestOvpncliRules::markerRules()
 {
-    QFETCH(QByteArray, chunk);
-    QFETCH(int, state);
-    const auto parsed = TunnelOutputParser::parse(chunk);
-    QCOMPARE(bool(parsed), state != -2);
-    if (parsed) {
-        QCOMPARE(parsed->text, QString::fromUtf8(chunk));
-        QCOMPARE(parsed->state ? int(*parsed->state) : -1, state);
+    const std::pair<QByteArray, int> cases[] = {
+        // -1: no state; -2: the chunk is dropped (not UTF-8)
+        {"ovpncli: state CONNECTED\n", 3},
+        {">STATE:1700000000,DISCONNECTED\n", 1}, // DISCONNECTED is not CONNECTED
+        {"CONNECTED\nDISCONNECTED\n", 1},
+        {"AUTH: Received control message: AUTH_FAILED\n", 0},
+        {"AUTH_FAILED\nExiting due to signal 15\n", 1},
+        {"AUTH_FAILED CONNECTED", 3},
+        {"connect error, openvpn ended", 1},
+        {"killall ran", 1},
+        {"connected\nauth_failed\nDisconnected\nConnect error", -1}, // case matters
+        {"ovpncli: state CONN", -1},
+        {"", -1},
+        {"CONNECTED \xff\xfe", -2},
+        {"CONNECTED \xc3", -2}, // a character cut at the end
+        {"CONNECTED \xc3\xa9", 3},
+    };
+    for (const auto &[chunk, state] : cases) {
+        const auto parsed = TunnelOutputParser::parse(chunk);
+        QVERIFY2(bool(parsed) == (state != -2), chunk.constData());
+        if (parsed) {
+            QCOMPARE(parsed->text, QString::fromUtf8(chunk));
+            QVERIFY2((parsed->state ? int(*parsed->state) : -1) == state, chunk.constData());
+        }
     }
 }
 
