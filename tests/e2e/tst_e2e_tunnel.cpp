@@ -209,6 +209,7 @@ void TestE2eTunnel::outsideTrafficIsBlockedOnlyWhileTheSwitchHolds()
     NQVPNManager restarted;
     restarted.clearKillSwitchLeftBehind();
     QVERIFY(m_lab->ping(kOutside));
+    QVERIFY(logs.lines().contains(QStringLiteral("|NQVPNManager| Traffic outside the tunnel is no longer blocked")));
     vpn().stopVPNConnection();
 
     // Killed with nobody holding the block: the engine lifts it as soon as the client ends.
