@@ -1,14 +1,11 @@
 #!/bin/bash
 # The privilege path for real: an unprivileged member of the group "pelorin-vpn" runs the
 # console client, which starts the helper at its installed path through the real /usr/bin/sudo
-# and the packaged rule, carries traffic through the real tunnel and disconnects; a user
-# outside the group gets the program's refusal message, not a hang.
-#
-# The host is left as it is. The throw-away users, the group and the rule exist only in a
-# private mount namespace (bind-mounted copies of /etc/passwd, /etc/group, /etc/shadow and
-# /etc/sudoers.d, and /usr/lib seen through an overlay holding the built ovpncli). The program
-# and its tunnel run in the tunnel lab's client network namespace and in a pid namespace of
-# their own, so the rule's "pkill ovpncli" reaches no other client on the machine.
+# and the packaged rule (which grants exactly the helper and the kill by name), carries traffic
+# through the real tunnel and disconnects; a user outside the group is refused, with the
+# program's message, not a hang. The host is left as it is: users, group and rule exist only in
+# a private mount namespace, /usr/lib is an overlay holding the built helper, and the program
+# runs in the lab's client network namespace and a pid namespace of its own.
 #
 #   tests/e2e/sudo_e2e.sh SOURCE_DIR BUILD_DIR    exit 0 passed, 1 failed, 77 cannot run here
 set -euo pipefail
@@ -27,6 +24,10 @@ fail() {
     exit 1
 }
 
+rule=$src/packaging/sudoers/pelorin-vpn
+grants=$(grep -v '^[[:space:]]*#' "$rule" | grep -v '^[[:space:]]*$')
+[ "$grants" = '%pelorin-vpn ALL=(root) NOPASSWD: /usr/lib/pelorin-vpn/ovpncli *, /usr/bin/pkill ovpncli' ] ||
+    fail "unexpected grants: $grants"
 [ "$(id -u)" -eq 0 ] || skip "needs root (namespaces, mounts, throw-away users)"
 [ -u /usr/bin/sudo ] || skip "/usr/bin/sudo is missing or not set-uid"
 for tool in unshare setpriv timeout; do command -v "$tool" >/dev/null || skip "$tool is missing"; done
@@ -109,7 +110,7 @@ for user in "pvsudo-member:$member_id" "pvsudo-outsider:$outsider_id"; do
 done
 echo "pelorin-vpn:x:$group_id:pvsudo-member" >>"$etc/group"
 chmod 644 "$etc/group"
-install -m 0440 "$src/packaging/sudoers/pelorin-vpn" "$etc/sudoers.d/pelorin-vpn"
+install -m 0440 "$rule" "$etc/sudoers.d/pelorin-vpn"
 
 cp -r "$src/resources" "$work/resources"
 sed -i '/<key>Host URL<\/key>/{n;s|<string>[^<]*</string>|<string>'"$backend_url"'</string>|}' \

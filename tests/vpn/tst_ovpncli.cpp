@@ -1,72 +1,21 @@
 // The ovpncli program itself, with a stand-in for openvpn: whatever openvpn writes and however
-// the run ends, the application gets valid UTF-8 lines and exactly one disconnect marker, last.
+// the run ends, the application gets valid UTF-8 lines and exactly one disconnect marker, last;
+// and run as root for an unprivileged user, it hands openvpn nothing but a private copy of a
+// checked profile.
 #include "support/VpnTestEnvironment.h"
 #include "vpn/TunnelOutputParser.h"
 
 #include <QtTest>
 
-class TestOvpncli : public QObject {
-    Q_OBJECT
-private slots:
-    void cleanup();
-    void runsEndWithOneMarker_data();
-    void runsEndWithOneMarker();
-    void stopSignalEndsOpenVpnFirst();
-    void killedHelperLeavesNoOpenVpn();
+#include <optional>
 
-private:
-    // Starts ovpncli on a private profile with `script` as openvpn (none if empty); false if it
-    // did not start.
-    bool start(const QByteArray &script)
-    {
-        m_output.clear();
-        const QString standIn = m_dir.filePath(QStringLiteral("openvpn"));
-        QFile::remove(standIn);
-        QFile::remove(m_dir.filePath(QStringLiteral("p.ovpn")));
-        writeFile(standIn, "#!/bin/bash\necho $$ > \"$(dirname \"$0\")/pid\"\n" + script,
-                  script.isEmpty() ? QFileDevice::Permissions() : QFileDevice::ExeOwner);
-        writeFile(m_dir.filePath(QStringLiteral("p.ovpn")), "client\ndev tun\n", {});
-        m_client = std::make_unique<QProcess>();
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("OVPNCLI_OPENVPN"), standIn);
-        env.remove(QStringLiteral("SUDO_USER"));
-        m_client->setProcessEnvironment(env);
-        m_client->setProcessChannelMode(QProcess::MergedChannels);
-        connect(m_client.get(), &QProcess::readyRead, this, [this] { m_output += m_client->readAll(); });
-        m_client->start(qEnvironmentVariable("PELORIN_BINARY_DIR") + QStringLiteral("/helpers/ovpncli"),
-                        {m_dir.filePath(QStringLiteral("p.ovpn"))});
-        return m_client->waitForStarted();
-    }
-    static void writeFile(const QString &path, const QByteArray &content, QFileDevice::Permissions extra)
-    {
-        QFile file(path);
-        file.open(QIODevice::WriteOnly);
-        file.write(content);
-        file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | extra);
-    }
-    bool finish()
-    {
-        const bool finished = m_client->waitForFinished(kVpnWaitMs);
-        m_output += m_client->readAll();
-        return finished;
-    }
-    qint64 standInPid() const { return contentOf(m_dir.filePath(QStringLiteral("pid"))).trimmed().toLongLong(); }
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-    QTemporaryDir m_dir;
-    std::unique_ptr<QProcess> m_client;
-    QByteArray m_output;
-};
-
-void TestOvpncli::cleanup()
-{
-    if (const qint64 pid = standInPid(); processAlive(pid))
-        ::kill(static_cast<pid_t>(pid), SIGKILL);
-    m_client.reset();
-    QFile::remove(m_dir.filePath(QStringLiteral("pid")));
-}
-
+namespace {
 // The states the output's lines report, in order (disconnects included); {-1} if not UTF-8.
-static QList<int> statesOf(const QByteArray &output)
+QList<int> statesOf(const QByteArray &output)
 {
     QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
     const QString text = decoder.decode(output);
@@ -75,6 +24,97 @@ static QList<int> statesOf(const QByteArray &output)
         if (const auto state = TunnelOutputParser::stateFor(line))
             states << int(*state);
     return decoder.hasError() ? QList<int>{-1} : states;
+}
+
+// Writes `data` to `path` with `mode`, owned by `owner` when one is given.
+bool writeFile(const QString &path, const QByteArray &data, mode_t mode, std::optional<uid_t> owner = {})
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(data) != data.size())
+        return false;
+    file.close();
+    const QByteArray name = QFile::encodeName(path);
+    return (!owner || chown(name, *owner, *owner) == 0) && chmod(name, mode) == 0;
+}
+
+QStringList handOverFoldersOf(qint64 helperPid)
+{
+    return QDir(QStringLiteral("/run")).entryList({QStringLiteral("pelorin-ovpncli.%1.*").arg(helperPid)}, QDir::Dirs);
+}
+} // namespace
+
+class TestOvpncli : public QObject {
+    Q_OBJECT
+private slots:
+    void init();
+    void cleanup();
+    void runsEndWithOneMarker_data();
+    void runsEndWithOneMarker();
+    void stopSignalEndsOpenVpnFirst();
+    void killedHelperLeavesNoOpenVpn();
+    void asRootRefusesWithoutRunningAnything_data();
+    void asRootRefusesWithoutRunningAnything();
+    void asRootHandsOpenVpnAPrivateCopy();
+
+private:
+    QString path(const QString &name) const { return m_dir->filePath(name); }
+    // The stand-in openvpn runs `script` after leaving its pid beside it; none if empty.
+    bool useOpenVpn(const QByteArray &script)
+    {
+        QFile::remove(path(QStringLiteral("openvpn")));
+        return writeFile(path(QStringLiteral("openvpn")), "#!/bin/bash\necho $$ > \"$(dirname \"$0\")/pid\"\n" + script,
+                         script.isEmpty() ? 0600 : 0700);
+    }
+    // Starts ovpncli on `profile` (a private one of ours if empty); for `user` the way sudo
+    // starts it as root.
+    bool start(const QByteArray &script, QString profile = {}, std::optional<uid_t> user = {})
+    {
+        m_output.clear();
+        if (!useOpenVpn(script))
+            return false;
+        if (profile.isEmpty()) {
+            profile = path(QStringLiteral("p.ovpn"));
+            QFile::remove(profile);
+            writeFile(profile, "client\ndev tun\n", 0600);
+        }
+        m_client = std::make_unique<QProcess>();
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("OVPNCLI_OPENVPN"), path(QStringLiteral("openvpn")));
+        env.remove(QStringLiteral("SUDO_USER"));
+        if (user) {
+            env.insert(QStringLiteral("SUDO_UID"), QString::number(*user));
+            env.insert(QStringLiteral("SUDO_GID"), QString::number(*user));
+        }
+        m_client->setProcessEnvironment(env);
+        m_client->setProcessChannelMode(QProcess::MergedChannels);
+        connect(m_client.get(), &QProcess::readyRead, this, [this] { m_output += m_client->readAll(); });
+        m_client->start(qEnvironmentVariable("PELORIN_BINARY_DIR") + QStringLiteral("/helpers/ovpncli"), {profile});
+        return m_client->waitForStarted();
+    }
+    bool finish()
+    {
+        const bool finished = m_client->waitForFinished(kVpnWaitMs);
+        m_output += m_client->readAll();
+        return finished;
+    }
+    qint64 openVpnPid() const { return contentOf(path(QStringLiteral("pid"))).trimmed().toLongLong(); }
+
+    std::unique_ptr<QTemporaryDir> m_dir;
+    std::unique_ptr<QProcess> m_client;
+    QByteArray m_output;
+};
+
+void TestOvpncli::init()
+{
+    m_dir = std::make_unique<QTemporaryDir>();
+}
+
+void TestOvpncli::cleanup()
+{
+    if (const qint64 pid = openVpnPid(); processAlive(pid))
+        ::kill(static_cast<pid_t>(pid), SIGKILL);
+    m_client.reset();
+    m_dir.reset();
 }
 
 void TestOvpncli::runsEndWithOneMarker_data()
@@ -130,7 +170,7 @@ void TestOvpncli::stopSignalEndsOpenVpnFirst()
         QVERIFY(start("trap 'echo \"SIGTERM[hard,] received, process exiting\"; exit 0' TERM\n"
                       "echo 'Initialization Sequence Completed'\nwhile :; do sleep 0.05; done\n"));
         QTRY_VERIFY_WITH_TIMEOUT(m_output.contains("state CONNECTED"), kVpnWaitMs);
-        const qint64 openvpn = standInPid();
+        const qint64 openvpn = openVpnPid();
         ::kill(static_cast<pid_t>(m_client->processId()), signalNumber);
         QVERIFY(finish());
         QVERIFY(!processAlive(openvpn));
@@ -145,7 +185,7 @@ void TestOvpncli::killedHelperLeavesNoOpenVpn()
 {
     QVERIFY(start("echo 'Initialization Sequence Completed'\nwhile :; do sleep 0.05; done\n"));
     QTRY_VERIFY_WITH_TIMEOUT(m_output.contains("state CONNECTED"), kVpnWaitMs);
-    const qint64 openvpn = standInPid();
+    const qint64 openvpn = openVpnPid();
     QVERIFY(processAlive(openvpn));
     const qint64 helper = m_client->processId();
     ::kill(static_cast<pid_t>(helper), SIGKILL);
@@ -157,9 +197,111 @@ void TestOvpncli::killedHelperLeavesNoOpenVpn()
     QVERIFY(start("echo 'Initialization Sequence Completed'\nexit 0\n"));
     QVERIFY(finish());
     if (geteuid() == 0)
-        QVERIFY(QDir(QStringLiteral("/run"))
-                    .entryList({QStringLiteral("pelorin-ovpncli.%1.*").arg(helper)}, QDir::Dirs)
-                    .isEmpty());
+        QVERIFY(handOverFoldersOf(helper).isEmpty());
+}
+
+void TestOvpncli::asRootRefusesWithoutRunningAnything_data()
+{
+    QTest::addColumn<QString>("place"); // how the profile is laid out
+    QTest::addColumn<QByteArray>("extra");
+    QTest::addColumn<QString>("reason");
+    QTest::newRow("up script") << "private" << QByteArray("script-security 2\nup \"/bin/touch /etc/pelorin-up\"\n")
+                               << "above 1";
+    QTest::newRow("log into /etc") << "private" << QByteArray("log /etc/pelorin-log\n") << "'log' is not allowed";
+    QTest::newRow("outside the private folder") << "outside" << QByteArray() << "folder does not belong";
+    QTest::newRow("link to a root-owned file") << "link" << QByteArray() << "is a symbolic link";
+    QTest::newRow("hard link to a root-owned file") << "hardlink" << QByteArray() << "does not belong";
+    QTest::newRow("file 0644") << "open" << QByteArray() << "mode 0600";
+    QTest::newRow("credentials link to a root file") << "credlink" << QByteArray() << "credentials file is a symbolic";
+}
+
+namespace {
+// The world as the helper finds it when a user runs it through sudo: the user's private folder
+// with auth.txt; the profile (`text`, folder filled in) is the caller's to place.
+struct UserFolder {
+    uid_t user = getpwnam("nobody")->pw_uid;
+    QString folder;
+    QByteArray text;
+
+    UserFolder(const QString &root, const QByteArray &extra)
+        : folder(root + QStringLiteral("/user-run")),
+          text("client\ndev tun\nauth-user-pass " + folder.toUtf8() + "/auth.txt\n" + extra)
+    {
+    }
+    bool make() const
+    {
+        return QDir().mkpath(folder) && chown(QFile::encodeName(folder), user, user) == 0 &&
+               chmod(QFile::encodeName(folder), 0700) == 0 &&
+               writeFile(folder + QStringLiteral("/auth.txt"), "vpnuser\nsecret", 0600, user);
+    }
+    QString profile() const { return folder + QStringLiteral("/NQ_VPN_United States.ovpn"); }
+};
+} // namespace
+
+void TestOvpncli::asRootRefusesWithoutRunningAnything()
+{
+    if (geteuid() != 0)
+        QSKIP("needs root: the helper is run as root for an unprivileged user");
+    QFETCH(QString, place);
+    QFETCH(QByteArray, extra);
+    QFETCH(QString, reason);
+    chmod(QFile::encodeName(m_dir->path()), 0755);
+    const UserFolder world(m_dir->path(), extra);
+    QVERIFY(world.make());
+    QString profile = world.profile();
+    const QString rootFile = path(QStringLiteral("root-only.ovpn"));
+    QVERIFY(writeFile(rootFile, world.text, 0600, 0));
+    if (place == QLatin1String("outside")) {
+        profile = path(QStringLiteral("outside.ovpn"));
+        QVERIFY(writeFile(profile, world.text, 0600, world.user));
+    } else if (place == QLatin1String("link")) {
+        QVERIFY(QFile::link(rootFile, profile));
+        QVERIFY(lchown(QFile::encodeName(profile), world.user, world.user) == 0);
+    } else if (place == QLatin1String("hardlink")) {
+        QVERIFY(::link(QFile::encodeName(rootFile), QFile::encodeName(profile)) == 0);
+    } else {
+        QVERIFY(writeFile(profile, world.text, place == QLatin1String("open") ? 0644 : 0600, world.user));
+    }
+    if (place == QLatin1String("credlink")) {
+        const QString auth = world.folder + QStringLiteral("/auth.txt");
+        QVERIFY(QFile::remove(auth) && QFile::link(rootFile, auth));
+        QVERIFY(lchown(QFile::encodeName(auth), world.user, world.user) == 0);
+    }
+
+    QVERIFY(start("echo 'Initialization Sequence Completed'\n", profile, world.user));
+    const qint64 helper = m_client->processId();
+    QVERIFY(finish());
+    QVERIFY2(m_output.contains("ovpncli: refused the profile: ") && m_output.contains(reason.toUtf8()),
+             m_output.constData());
+    QVERIFY2(m_output.endsWith("ovpncli: state DISCONNECTED, nothing was run\n"), m_output.constData());
+    QCOMPARE(statesOf(m_output), QList<int>{1});
+    QVERIFY(m_client->exitCode() != 0);
+    QVERIFY2(!QFile::exists(path(QStringLiteral("pid"))), "openvpn was started");
+    QVERIFY(handOverFoldersOf(helper).isEmpty());
+}
+
+void TestOvpncli::asRootHandsOpenVpnAPrivateCopy()
+{
+    if (geteuid() != 0)
+        QSKIP("needs root: the helper is run as root for an unprivileged user");
+    chmod(QFile::encodeName(m_dir->path()), 0755);
+    const UserFolder world(m_dir->path(), "script-security 1\n");
+    QVERIFY(world.make());
+    QVERIFY(writeFile(world.profile(), world.text, 0600, world.user));
+    QVERIFY(start("echo \"args: $*\"\ncat \"$2\"\nsed 's/^/auth: /' \"$(dirname \"$2\")/auth.txt\"; echo\n"
+                  "ls -ld \"$(dirname \"$2\")\"\n",
+                  world.profile(), world.user));
+    QVERIFY(finish());
+    const QString output = QString::fromUtf8(m_output);
+    // openvpn read root's copy (auth.txt beside it), with scripts forbidden after the profile.
+    static const QRegularExpression copy(
+        QStringLiteral("args: --config (/run/pelorin-ovpncli\\.[\\w.]+)/profile\\.ovpn --script-security 1\n"));
+    const auto match = copy.match(output);
+    QVERIFY2(match.hasMatch(), qPrintable(output));
+    QVERIFY(output.contains(QStringLiteral("openvpn: auth-user-pass %1/auth.txt\n").arg(match.captured(1))));
+    QVERIFY(output.contains(QStringLiteral("openvpn: auth: vpnuser\nopenvpn: auth: secret\n")));
+    QVERIFY2(output.contains(QStringLiteral("openvpn: drwx------ 2 root root")), qPrintable(output));
+    QVERIFY(!QFileInfo::exists(match.captured(1))); // removed when openvpn has ended
 }
 
 QTEST_GUILESS_MAIN(TestOvpncli)

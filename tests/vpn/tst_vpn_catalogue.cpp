@@ -1,15 +1,22 @@
-// The server catalogue: records from JSON and from the archive, flags, and the two backend
-// requests against a real HTTP server on loopback.
+// The server catalogue: records from JSON and from the archive, flags, and the backend
+// requests against a real HTTP server on loopback, none of which waits for the keychain on
+// the caller's (the window's) thread.
+#include "backend/NQIdentityServer.h"
 #include "foundation/AppConfig.h"
 #include "foundation/ErrorIdentity.h"
 #include "foundation/EventNames.h"
 #include "foundation/KeyedArchive.h"
+#include "foundation/SecretQueue.h"
 #include "support/CannedHttpServer.h"
 #include "support/LogCapture.h"
 #include "support/VpnTestEnvironment.h"
 #include "vpn/FlagUtils.h"
 
+#include <QDeadlineTimer>
+#include <QThread>
 #include <QtTest>
+
+#include <atomic>
 
 class TestVpnCatalogue : public QObject {
     Q_OBJECT
@@ -20,8 +27,9 @@ private slots:
     void archiveRoundTripKeepsTheNarrowRead();
     void flags();
     void serverList();
-    void profileRequest_data();
     void profileRequest();
+    void nobodyListening();
+    void requestsReadTheIdentifierOffTheCallersThread();
 };
 
 namespace {
@@ -29,6 +37,31 @@ NQVPNCountry fromJson(const QByteArray &json)
 {
     return NQVPNCountry::initWithDictionary(QJsonDocument::fromJson(json).object().toVariantMap());
 }
+
+// No item ever; counts the look-ups during which the main thread could not run an event (it
+// was waiting for this answer, as it would wait for a locked keyring's unlock prompt).
+class WatchedSecrets : public SecretBackend {
+public:
+    std::atomic<int> finds = 0;
+    std::atomic<int> findsBlockingTheMainThread = 0;
+    Result find(const QString &, const QString &) override
+    {
+        ++finds;
+        auto ran = std::make_shared<std::atomic<bool>>(false);
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(), [ran] { *ran = true; }, Qt::QueuedConnection);
+        const QDeadlineTimer limit(5000);
+        while (!*ran && !limit.hasExpired())
+            QThread::msleep(5);
+        if (!*ran)
+            ++findsBlockingTheMainThread;
+        return {ItemNotFound, {}, {}};
+    }
+    Result update(const QString &, const QString &, const QByteArray &) override { return {ItemNotFound, {}, {}}; }
+    Result add(const QString &, const QString &, const QByteArray &) override { return {}; }
+    Result remove(const QString &, const QString &) override { return {}; }
+    QString name() const override { return QStringLiteral("watched"); }
+};
 } // namespace
 
 void TestVpnCatalogue::recordFromJson_data()
@@ -84,15 +117,9 @@ void TestVpnCatalogue::recordKeepsOnlyTheListsKeys()
 
 void TestVpnCatalogue::archiveRoundTripKeepsTheNarrowRead()
 {
-    NQVPNCountry c;
-    c.countryName = QStringLiteral("United States");
-    c.countryIso = QStringLiteral("US");
-    c.continent = QStringLiteral("North America");
-    c.serverAddress = QStringLiteral("us.example");
-    c.countryId = 12;
-    c.countryNumeric = 840;
-    c.clusterFavourited = c.clusterSelected = c.isDefault = true;
-    c.dateCreated = 5;
+    NQVPNCountry c = fromJson(R"({"id": 12, "countryNumeric": 840, "countryIso": "US", "continent": "North America",
+        "countryName": "United States", "serverAddress": "us.example", "isDefault": true, "dateCreated": 5})");
+    c.clusterFavourited = c.clusterSelected = true;
     c.ovpn = QStringLiteral("client");
     NQErrorOpt error;
     const auto back = KeyedArchive::unarchivedArray<NQVPNCountry>(
@@ -100,7 +127,7 @@ void TestVpnCatalogue::archiveRoundTripKeepsTheNarrowRead()
     QVERIFY(!error && back && back->size() == 1);
     const NQVPNCountry &r = back->first();
     QCOMPARE((QStringList{r.countryName, r.countryIso, r.continent, r.serverAddress}),
-             (QStringList{c.countryName, c.countryIso, c.continent, c.serverAddress}));
+             (QStringList{"United States", "US", "North America", "us.example"}));
     QCOMPARE(r.countryId, 12);
     QCOMPARE(r.countryNumeric, 840);
     QVERIFY(r.clusterFavourited && r.clusterSelected && r.isDefault && !r.enabled);
@@ -187,80 +214,102 @@ void TestVpnCatalogue::serverList()
              (QStringList{request, request + ". endpointUrl = '" + server.baseUrl() + server.targets().value(0) + "'",
                           request + ". request success", request + ". request success. response body deserialized",
                           request + ". request finish. response body = " + list}));
-
-    // Nobody listening: the transport error itself, and the list emptied.
-    VpnTestEnvironment closed(QStringLiteral("http://127.0.0.1:1"));
-    bool done = false;
-    closed.manager().getCountries([&](const QList<NQVPNCountry> &countries, const NQErrorOpt &error) {
-        QVERIFY(countries.isEmpty() && error);
-        QCOMPARE(error->domain(), QStringLiteral("NSURLErrorDomain"));
-        done = true;
-    });
-    QTRY_VERIFY_WITH_TIMEOUT(done, kVpnWaitMs);
-    QCOMPARE(logs.lines().filter(request + ". failed = 'Error Domain=NSURLErrorDomain").size(), 1);
-}
-
-void TestVpnCatalogue::profileRequest_data()
-{
-    QTest::addColumn<QByteArray>("body");
-    QTest::addColumn<QString>("ovpn");
-    QTest::addColumn<QString>("address");
-    QTest::addColumn<QString>("missing"); // the key the error names; empty: no error
-    QTest::newRow("whole") << QByteArray(R"({"ovpn": "client\n", "serverAddress": "10.0.0.1", "serverPort": 1194})")
-                           << "client\n"
-                           << "10.0.0.1" << QString();
-    // Values present are passed on beside the error of the last missing key.
-    QTest::newRow("no port") << QByteArray(R"({"ovpn": "p", "serverAddress": 7})") << "p"
-                             << "7"
-                             << "serverPort";
-    QTest::newRow("null port") << QByteArray(R"({"serverAddress": "a", "serverPort": null})") << QString() << "a"
-                               << "serverPort";
-    QTest::newRow("no address") << QByteArray(R"({"serverPort": 1})") << QString() << QString() << "serverAddress";
-    QTest::newRow("not an object") << QByteArray("[1]") << QString() << QString() << "!";
 }
 
 void TestVpnCatalogue::profileRequest()
 {
-    QFETCH(QByteArray, body);
-    QFETCH(QString, ovpn);
-    QFETCH(QString, address);
-    QFETCH(QString, missing);
     CannedHttpServer server;
     VpnTestEnvironment env(server.baseUrl());
-    server.setReplies({{200, body}});
     LogCapture logs;
-    QStringList got;
-    NQErrorOpt error;
-    env.manager().getCountryVPNConfig(42, [&](const QString &o, const QString &a, const NQErrorOpt &e) {
-        QVERIFY(MainQueue::isMainThread());
-        got = QStringList{o, a};
-        error = e;
-    });
-    QTRY_VERIFY_WITH_TIMEOUT(!got.isEmpty(), kVpnWaitMs);
-    QCOMPARE(got, (QStringList{ovpn, address}));
-    QCOMPARE(got.first().isNull(), ovpn.isNull());
-    if (missing.isEmpty())
-        QVERIFY(!error);
-    else if (missing == "!")
-        QCOMPARE(error->localizedDescription(),
-                 QStringLiteral("Deserialize response body failed for request 'getCountryVPNConfig'."));
-    else
-        QCOMPARE(*error, ErrorIdentity::errorForMissingKey(missing));
+    const struct {
+        QByteArray body;
+        QString ovpn;
+        QString address;
+        QString missing; // the key the error names; empty: no error
+    } cases[] = {
+        {R"({"ovpn": "client\n", "serverAddress": "10.0.0.1", "serverPort": 1194})", "client\n", "10.0.0.1", {}},
+        // Values present are passed on beside the error of the last missing key.
+        {R"({"ovpn": "p", "serverAddress": 7})", "p", "7", "serverPort"},
+        {R"({"serverAddress": "a", "serverPort": null})", {}, "a", "serverPort"},
+        {R"({"serverPort": 1})", {}, {}, "serverAddress"},
+        {"[1]", {}, {}, "!"},
+    };
+    for (const auto &c : cases) {
+        server.setReplies({{200, c.body}});
+        QStringList got;
+        NQErrorOpt error;
+        env.manager().getCountryVPNConfig(42, [&](const QString &o, const QString &a, const NQErrorOpt &e) {
+            QVERIFY(MainQueue::isMainThread());
+            got = QStringList{o, a};
+            error = e;
+        });
+        QTRY_VERIFY_WITH_TIMEOUT(!got.isEmpty(), kVpnWaitMs);
+        QCOMPARE(got, (QStringList{c.ovpn, c.address}));
+        QCOMPARE(got.first().isNull(), c.ovpn.isNull());
+        if (c.missing.isEmpty())
+            QVERIFY(!error);
+        else if (c.missing == "!")
+            QCOMPARE(error->localizedDescription(),
+                     QStringLiteral("Deserialize response body failed for request 'getCountryVPNConfig'."));
+        else
+            QCOMPARE(*error, ErrorIdentity::errorForMissingKey(c.missing));
+    }
     const QString url =
         server.baseUrl() +
         QStringLiteral("/api1/vpnapi/serverovpn/20014/KEY/%1/%2/42?deviceType=2&keyFromStore=false&engine=1")
             .arg(AppConfig::deviceUniqueID(), AppConfig::appVersion());
-    QCOMPARE(server.baseUrl() + server.targets().value(0), url);
+    QCOMPARE(server.targets().size(), 5);
+    QCOMPARE(server.baseUrl() + server.targets().value(4), url);
     QVERIFY(logs.lines().contains("|NQVPNManager| Request getCountryVPNConfig"));
     QVERIFY(logs.lines().contains("|NQVPNManager| Request getCountryVPNConfig. endpointUrl = '" + url + "'"));
-    if (!missing.isEmpty())
-        return;
+}
+
+void TestVpnCatalogue::nobodyListening()
+{
+    // The transport error itself, and the list emptied.
     VpnTestEnvironment closed(QStringLiteral("http://127.0.0.1:1"));
-    error.reset();
-    closed.manager().getCountryVPNConfig(1, [&](const QString &, const QString &, const NQErrorOpt &e) { error = e; });
-    QTRY_VERIFY_WITH_TIMEOUT(error, kVpnWaitMs);
-    QCOMPARE(error->domain(), QStringLiteral("NSURLErrorDomain"));
-    QCOMPARE(logs.lines().filter("|NQVPNManager| Request getCountryVPNConfig. failed = '").size(), 1);
+    LogCapture logs;
+    QStringList domains;
+    closed.manager().getCountries([&](const QList<NQVPNCountry> &countries, const NQErrorOpt &error) {
+        QVERIFY(countries.isEmpty() && error);
+        domains << error->domain();
+    });
+    closed.manager().getCountryVPNConfig(
+        1, [&](const QString &, const QString &, const NQErrorOpt &e) { domains << (e ? e->domain() : QString()); });
+    QTRY_COMPARE_WITH_TIMEOUT(domains.size(), 2, kVpnWaitMs);
+    QCOMPARE(domains, (QStringList{"NSURLErrorDomain", "NSURLErrorDomain"}));
+    QVERIFY(closed.manager().availableCountries().isEmpty());
+    for (const char *request : {"getCountries", "getCountryVPNConfig"})
+        QCOMPARE(
+            logs.lines()
+                .filter(
+                    QStringLiteral("|NQVPNManager| Request %1. failed = 'Error Domain=NSURLErrorDomain").arg(request))
+                .size(),
+            1);
+}
+
+void TestVpnCatalogue::requestsReadTheIdentifierOffTheCallersThread()
+{
+    for (const int request : {0, 1, 2}) { // server list, profile, account
+        VpnTestEnvironment env;
+        auto secrets = std::make_shared<WatchedSecrets>();
+        AppStorageManager::setSharedManagerForTesting(
+            std::make_unique<AppStorageManager>(env.root() + QStringLiteral("/watched.conf"),
+                                                KeychainStore(QStringLiteral("com.pelorin.vpn.test"), secrets)));
+        bool done = false;
+        if (request == 0)
+            env.manager().getCountries([&](const QList<NQVPNCountry> &, const NQErrorOpt &) { done = true; });
+        else if (request == 1)
+            env.manager().getCountryVPNConfig(
+                7, [&](const QString &, const QString &, const NQErrorOpt &) { done = true; });
+        else
+            NQIdentityServer::sharedManager().registerVpnApi(
+                [&](const QString &, const QString &, const QString &) { done = true; });
+        QTRY_VERIFY_WITH_TIMEOUT(done, 20000);
+        SecretQueue::drain();
+        QVERIFY(secrets->finds > 0);
+        QCOMPARE(secrets->findsBlockingTheMainThread.load(), 0);
+    }
 }
 
 QTEST_GUILESS_MAIN(TestVpnCatalogue)

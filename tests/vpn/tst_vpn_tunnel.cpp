@@ -1,13 +1,29 @@
 // The tunnel process controller against stand-in sudo and ovpncli programs: every marker
-// rule and state transition, launch failures and the stop sequence.
+// rule and state transition, launch failures and the stop sequence; and the profile files it
+// hands the client, in the private temporary folder.
 #include "support/LogCapture.h"
 #include "support/VpnTestEnvironment.h"
+#include "vpn/TunnelProfileFiles.h"
 
 #include <QtTest>
 
 #include <csignal>
 
+#include <sys/stat.h>
 #include <unistd.h>
+
+namespace {
+int modeOf(const QString &path)
+{
+    struct stat st {};
+    return stat(QFile::encodeName(path).constData(), &st) == 0 ? int(st.st_mode & 0777) : -1;
+}
+
+QStringList entriesOf(const QString &dir)
+{
+    return QDir(dir).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot, QDir::Name);
+}
+} // namespace
 
 class TestVpnTunnel : public QObject {
     Q_OBJECT
@@ -21,6 +37,7 @@ private slots:
     void startsThatCannotRunChangeNothingMore();
     void staleClientNeverTouchesANewLaunch();
     void stopEndsDisconnectedWhateverTheKillByNameDoes();
+    void profileFilesArePrivateAndStayInTheirFolder();
 
 private:
     void install(const QByteArray &behaviour)
@@ -38,6 +55,7 @@ private:
         return m_logs->lines().contains(QStringLiteral("|NQVPNManager| ") + text);
     }
     QList<int> states() const { return m_reports->snapshot(); }
+    void go(int step) const { m_env->writeFile(QStringLiteral("helpers/go%1").arg(step), {}); }
 
     std::unique_ptr<VpnTestEnvironment> m_env;
     std::unique_ptr<LogCapture> m_logs;
@@ -120,29 +138,24 @@ void TestVpnTunnel::markersAreReadChunkByChunk()
 printf 'ovpncli: state CONN'; step 1
 printf 'ECTED\n'; step 2
 printf 'AUTH_FAILED\n'; step 3
-/usr/bin/printf 'ovpncli: state CONNECTED\novpncli: state DISCONNECTED\n'; step 4
+printf 'ovpncli: state DISCONNECTED\n'; step 4
 printf 'ovpncli: state CONNECTED\n'; step 5
 printf '\xff DISCONNECTED\n'
 )SH");
     start();
-    const auto go = [this](int step) { m_env->writeFile(QStringLiteral("helpers/go%1").arg(step), {}); };
-    const auto after = [this, &go](int step, const QList<int> &expected) {
-        go(step);
-        QTRY_COMPARE_WITH_TIMEOUT(states(), expected, kVpnWaitMs);
-        QCOMPARE(m_env->storage().getVPNStatus(), expected.last());
-    };
-
     // A marker split across two chunks is not recognised.
     QTRY_VERIFY_WITH_TIMEOUT(logged("Output: ovpncli: state CONN"), kVpnWaitMs);
     go(1);
     QTRY_VERIFY_WITH_TIMEOUT(logged("Output: ECTED\n"), kVpnWaitMs);
     QCOMPARE(states(), QList<int>{2});
-    after(2, {2, 0});
-    QVERIFY(logged("VPN Authentication Failed."));
-    // Connect and disconnect in one chunk (one write, hence coreutils printf): disconnected.
-    after(3, {2, 0, 1});
-    QVERIFY(logged("VPN Disconnected."));
-    after(4, {2, 0, 1, 3});
+    const QStringList said{"VPN Authentication Failed.", "VPN Disconnected.", "VPN Connected Successfully."};
+    for (int step = 2; step <= 4; ++step) {
+        go(step);
+        const QList<int> expected = QList<int>{2, 0, 1, 3}.mid(0, step);
+        QTRY_COMPARE_WITH_TIMEOUT(states(), expected, kVpnWaitMs);
+        QCOMPARE(m_env->storage().getVPNStatus(), expected.last());
+        QVERIFY(logged(said[step - 2]));
+    }
     // A last chunk that is not UTF-8 is dropped whole, marker and all, without a log line;
     // the exit itself changes nothing.
     go(5);
@@ -240,7 +253,7 @@ printf 'ovpncli: Exiting due to signal 15\n'
     m_env->writeFile(QStringLiteral("helpers/second"), {});
     start();
     QTRY_COMPARE_WITH_TIMEOUT(states(), (QList<int>{2, 2, 3}), kVpnWaitMs);
-    m_env->writeFile(QStringLiteral("helpers/go1"), {});
+    go(1);
     QTRY_VERIFY_WITH_TIMEOUT(logged("Output: ovpncli: Exiting due to signal 15\n"), kVpnWaitMs);
     QTRY_VERIFY_WITH_TIMEOUT(!processAlive(first), kVpnWaitMs);
     QTRY_VERIFY_WITH_TIMEOUT(logged("OpenVPN process terminated with exit code: 0"), kVpnWaitMs);
@@ -277,6 +290,64 @@ void TestVpnTunnel::stopEndsDisconnectedWhateverTheKillByNameDoes()
     m_env->manager().stopVPNConnection();
     QCOMPARE(states().mid(6), (QList<int>{5, 1}));
     QCOMPARE(m_logs->lines().filter("did not finish within 200 ms").size(), 1);
+}
+
+void TestVpnTunnel::profileFilesArePrivateAndStayInTheirFolder()
+{
+    const QString tmp = m_env->root() + QStringLiteral("/profiles");
+    const QString outside = m_env->root() + QStringLiteral("/outside");
+    QDir().mkpath(tmp + QStringLiteral("/NQ_VPN_x"));
+    m_env->writeFile(QStringLiteral("profiles/.hidden"), {});
+    QDir().mkpath(outside);
+    m_env->writeFile(QStringLiteral("outside/keep"), {});
+    const TunnelProfileFiles files([&] { return tmp; });
+    // The cluster name is kept verbatim; a nil one is written as the platform formats nil.
+    for (const QString &name : {QStringLiteral("Côte d'Ivoire \"A\""), QStringLiteral(".."), QString()}) {
+        const QString path = files.writeConfigToTemporaryFile(QStringLiteral("client\n"), name);
+        QCOMPARE(path, tmp + QStringLiteral("/NQ_VPN_%1.ovpn").arg(name.isNull() ? "(null)" : name));
+        QCOMPARE(contentOf(path), QByteArray("client\n"));
+        QCOMPARE(modeOf(path), 0600);
+    }
+    for (const QString &name : {QStringLiteral("x/../../escaped"), QString(300, u'n')})
+        QVERIFY(files.writeConfigToTemporaryFile(QStringLiteral("client"), name).isNull());
+    QCOMPARE(m_logs->lines().filter("|NQVPNManager| Failed to write temporary OpenVPN config file: ").size(), 2);
+    QVERIFY(!QFile::exists(m_env->root() + QStringLiteral("/escaped.ovpn")));
+    const QString auth = files.writeCredentialsToTemporaryFileWithUsername("user", QStringLiteral("pässword"));
+    QCOMPARE(auth, tmp + QStringLiteral("/auth.txt"));
+    QCOMPARE(contentOf(auth), QByteArray("user\np\xc3\xa4ssword"));
+    // Written again: replaced whole, still private; nothing stored is written as "(null)".
+    QCOMPARE(files.writeCredentialsToTemporaryFileWithUsername(QString(), QStringLiteral("")), auth);
+    QCOMPARE(contentOf(auth), QByteArray("(null)\n"));
+    QCOMPARE(modeOf(auth), 0600);
+    QCOMPARE(files.readPidFile(), 0);
+    files.writePidFile(4242);
+    QCOMPARE(files.readPidFile(), 4242);
+    files.removeFile(QStringLiteral("PelorinVPN.pid"));
+    QCOMPARE(files.readPidFile(), 0);
+
+    // Preparing leaves exactly the two files; the rewrite is textual: every occurrence,
+    // comments included, a named file kept after it.
+    QFile::link(outside, tmp + QStringLiteral("/link"));
+    const QString path = files.prepare(QStringLiteral("# auth-user-pass\nauth-user-pass old\nAUTH-USER-PASS\n"),
+                                       QStringLiteral("United States"), "u", "p");
+    QCOMPARE(entriesOf(tmp), (QStringList{QStringLiteral("NQ_VPN_United States.ovpn"), QStringLiteral("auth.txt")}));
+    const QByteArray at = auth.toUtf8();
+    QCOMPARE(contentOf(path), "# auth-user-pass " + at + "\nauth-user-pass " + at + " old\nAUTH-USER-PASS\n");
+    // With a name that would leave the folder it abandons the start and leaves the folder empty.
+    QVERIFY(files.prepare(QStringLiteral("client"), QStringLiteral("a/b"), "u", "p").isNull());
+    QCOMPARE(m_logs->lines().last(), QStringLiteral("|NQVPNManager| Failed to create temporary configuration file."));
+    QVERIFY(entriesOf(tmp).isEmpty());
+    // The link inside to a folder outside went; the target and its content stay.
+    QCOMPARE(entriesOf(outside), QStringList{QStringLiteral("keep")});
+
+    // No usable folder (the platform refused it): nothing is touched, not even the current one.
+    const QString cwd = QDir::currentPath();
+    QDir::setCurrent(outside);
+    const TunnelProfileFiles none([] { return QString(); });
+    none.clearTemporaryDirectory();
+    QVERIFY(none.writeConfigToTemporaryFile(QStringLiteral("c"), QStringLiteral("DE")).isNull());
+    QDir::setCurrent(cwd);
+    QCOMPARE(entriesOf(outside), QStringList{QStringLiteral("keep")});
 }
 
 QTEST_GUILESS_MAIN(TestVpnTunnel)
