@@ -113,21 +113,7 @@ class TestWebSocketServer : public QObject {
     Recorder recorder;
     std::unique_ptr<CVWebSocketServer> server;
 
-    // Runs a client program to its end on the main loop (the server's callbacks need it).
-    QString run(const QString &program, const QStringList &arguments)
-    {
-        QProcess client;
-        client.setProcessChannelMode(QProcess::MergedChannels);
-        client.start(program, arguments);
-        if (!QTest::qWaitFor([&] { return client.state() == QProcess::NotRunning; }, 90000))
-            client.kill();
-        client.waitForFinished();
-        return client.readAll() + QStringLiteral("\nexit %1").arg(client.exitCode());
-    }
-    static QString clientFile(const char *name)
-    {
-        return qEnvironmentVariable("PELORIN_SOURCE_DIR") + "/tests/extension/clients/" + name;
-    }
+    const QString clients = qEnvironmentVariable("PELORIN_SOURCE_DIR") + "/tests/extension/clients/";
 
 private slots:
     void init()
@@ -346,8 +332,12 @@ private slots:
             QSKIP("python3-websockets is not installed (scripts/setup-deps.sh installs it)");
         recorder.echo = true;
         constexpr int kFlood = 20000;
-        const QString out = run("/usr/bin/python3",
-                                {clientFile("ws_client.py"), QString::number(server->port()), QString::number(kFlood)});
+        QProcess client; // run to its end on the main loop, which the server's callbacks need
+        client.setProcessChannelMode(QProcess::MergedChannels);
+        client.start("/usr/bin/python3",
+                     {clients + "ws_client.py", QString::number(server->port()), QString::number(kFlood)});
+        QVERIFY(QTest::qWaitFor([&] { return client.state() == QProcess::NotRunning; }, 90000));
+        const QString out = client.readAll() + QStringLiteral("\nexit %1").arg(client.exitCode());
         QVERIFY2(out.endsWith("DONE\n\nexit 0"), qPrintable(out + "\nserver: " + recorder.errors.join(',')));
         QCOMPARE(recorder.messages.size(), 2 + kFlood);
         QCOMPARE(recorder.messages[1], QString(40000, QChar(0xe9)).toUtf8());
@@ -366,7 +356,7 @@ private slots:
         recorder.echo = true;
         QTemporaryDir profile;
         QProcess browser;
-        const QUrl page = QUrl::fromLocalFile(clientFile("ws_page.html"));
+        const QUrl page = QUrl::fromLocalFile(clients + "ws_page.html");
         browser.start(chromium,
                       {"--headless", "--no-sandbox", "--disable-gpu", "--disable-background-networking",
                        "--disable-component-update", "--disable-sync", "--no-first-run",
