@@ -1,11 +1,15 @@
 #include "platform/linux/LinuxPlatform.h"
+#include "platform/linux/RouteMessages.h"
 
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <linux/netlink.h>
+#include <linux/rtnetlink.h>
 #include <pwd.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,6 +20,20 @@ bool writeFile(const QString &path, const QByteArray &bytes, bool executable = f
     const bool ok = f.open(QIODevice::WriteOnly) && f.write(bytes) == bytes.size();
     f.close();
     return ok && (!executable || f.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+}
+
+QByteArray routeMessage(quint16 type, quint8 dstLen, quint8 table = RT_TABLE_MAIN, quint8 routeType = RTN_UNICAST)
+{
+    QByteArray bytes(NLMSG_SPACE(sizeof(rtmsg)), '\0');
+    auto *header = reinterpret_cast<nlmsghdr *>(bytes.data());
+    header->nlmsg_len = NLMSG_LENGTH(sizeof(rtmsg));
+    header->nlmsg_type = type;
+    auto *route = reinterpret_cast<rtmsg *>(bytes.data() + NLMSG_HDRLEN);
+    route->rtm_family = AF_INET;
+    route->rtm_dst_len = dstLen;
+    route->rtm_table = table;
+    route->rtm_type = routeType;
+    return bytes;
 }
 } // namespace
 
@@ -129,6 +147,32 @@ private slots:
             QCOMPARE(user.home, ourUser ? QString::fromLocal8Bit(getpwuid(getuid())->pw_dir) : QString());
             QCOMPARE(user.name.isEmpty(), !ourUser);
         }
+    }
+    // What the route socket reader takes for a change of the network: default routes of the
+    // main table only, never the tunnel's own routes; malformed input ends the reading.
+    void defaultRoutesOnly_data()
+    {
+        QTest::addColumn<QByteArray>("datagram");
+        QTest::addColumn<bool>("changed");
+        QTest::newRow("default added") << routeMessage(RTM_NEWROUTE, 0) << true;
+        QTest::newRow("default removed") << routeMessage(RTM_DELROUTE, 0) << true;
+        QTest::newRow("tunnel half route") << routeMessage(RTM_NEWROUTE, 1) << false;
+        QTest::newRow("host route") << routeMessage(RTM_NEWROUTE, 32) << false;
+        QTest::newRow("local table") << routeMessage(RTM_NEWROUTE, 0, RT_TABLE_LOCAL) << false;
+        QTest::newRow("unreachable default") << routeMessage(RTM_NEWROUTE, 0, RT_TABLE_MAIN, RTN_UNREACHABLE) << false;
+        QTest::newRow("link, not route") << routeMessage(RTM_NEWLINK, 0) << false;
+        QTest::newRow("default second") << routeMessage(RTM_NEWROUTE, 24) + routeMessage(RTM_NEWROUTE, 0) << true;
+        QTest::newRow("truncated") << routeMessage(RTM_NEWROUTE, 0).left(NLMSG_LENGTH(sizeof(rtmsg)) - 1) << false;
+        QByteArray zeroLength = routeMessage(RTM_NEWROUTE, 24) + routeMessage(RTM_NEWROUTE, 0);
+        reinterpret_cast<nlmsghdr *>(zeroLength.data())->nlmsg_len = 0; // would never advance
+        QTest::newRow("zero length") << zeroLength << false;
+        QTest::newRow("empty") << QByteArray() << false;
+    }
+    void defaultRoutesOnly()
+    {
+        QFETCH(QByteArray, datagram);
+        QFETCH(bool, changed);
+        QCOMPARE(RouteMessages::touchesDefaultRoute(datagram), changed);
     }
 };
 
