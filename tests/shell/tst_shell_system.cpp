@@ -1,13 +1,16 @@
-// The shell's helpers on the system: external commands, login items, and desktop notifications
-// against a stand-in notification service on a private session bus.
+// The shell's helpers on the system: external commands, login items, desktop notifications
+// (against a stand-in notification service on a private session bus), and the service
+// launcher against missing, broken and recording helpers and the real helper.
 #include "ShellFakes.h"
 #include "shell/LoginItemsListController.h"
 #include "shell/NQAppKit.h"
 #include "shell/NQSystemNotification.h"
 #include "shell/NQTask.h"
+#include "shell/ServiceLauncher.h"
 #include "support/LogCapture.h"
 
 #include <QDBusConnection>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QProcess>
 #include <QScopeGuard>
@@ -15,6 +18,27 @@
 #include <QStandardPaths>
 #include <QTest>
 #include <QThread>
+
+namespace {
+constexpr auto kExecutable = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner;
+
+// The real helper, with its data folder (and the marker file's) under `dir`.
+std::unique_ptr<QProcess> startHelper(const QTemporaryDir &dir)
+{
+    auto helper = std::make_unique<QProcess>();
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("PELORIN_DATA_HOME"), dir.path());
+    helper->setProcessEnvironment(env);
+    helper->start(qEnvironmentVariable("PELORIN_BINARY_DIR") + QStringLiteral("/helpers/vpnctrl_launcher"), {});
+    return helper->waitForStarted() ? std::move(helper) : nullptr;
+}
+
+QString markerIn(const QTemporaryDir &dir)
+{
+    QDir().mkpath(dir.filePath(QStringLiteral("com.pelorin.vpn.mac")));
+    return dir.filePath(QStringLiteral("com.pelorin.vpn.mac/openvpn.last_pid"));
+}
+} // namespace
 
 // Answers from its own thread, so the product's blocking call can be served.
 class NotificationsService : public QObject {
@@ -33,7 +57,7 @@ public slots:
     }
 };
 
-class TestNQTask : public QObject {
+class TestShellSystem : public QObject {
     Q_OBJECT
 
 private slots:
@@ -144,7 +168,114 @@ private slots:
         QCOMPARE(service.received, (QStringList{QStringLiteral("PelorinVPN|Title|Sweden\nConnected"),
                                                 QStringLiteral("PelorinVPN|PelorinVPN|Sweden\nConnected")}));
     }
+
+    // A launcher that cannot run is a logged fault, tried once per session; closing still
+    // tries, logs the failed write and cleans the marker.
+    void launcherThatCannotRun_data()
+    {
+        QTest::addColumn<QString>("launcher");
+        QTest::addColumn<QString>("said"); // the start of the last line
+        QTest::newRow("empty location")
+            << ""
+            << "|VPN| Run service. DONE with error: 'Launcher not found at url: '(null)'.'.";
+        QTest::newRow("missing") << "missing"
+                                 << "|VPN| Run service. DONE with error: 'Launcher running failed with error: 'No "
+                                    "such file or directory'.'.";
+        QTest::newRow("not executable") << "plain"
+                                        << "|VPN| Run service. DONE with error: '";
+    }
+    void launcherThatCannotRun()
+    {
+        QFETCH(QString, launcher);
+        QFETCH(QString, said);
+        QTemporaryDir dir;
+        QVERIFY(writeFile(dir.filePath(QStringLiteral("plain")), "#!/bin/sh\nexit 0\n"));
+        LogCapture log;
+        ServiceLauncher service(launcher.isEmpty() ? launcher : dir.filePath(launcher), dir.path());
+        service.vpnRunService();
+        QVERIFY(service.hasServiceTask());
+        QVERIFY2(log.osTexts().last().startsWith(said), qPrintable(log.osTexts().last()));
+        QCOMPARE(log.osRecords().last().level, OsLog::Level::Fault);
+        log.clear();
+        service.vpnRunService();
+        QCOMPARE(log.osTexts().last(), QStringLiteral("|VPN| Run service. DONE with error: 'Already running.'."));
+
+        QVERIFY(writeFile(dir.filePath(QStringLiteral("openvpn.last_pid")), "123"));
+        log.clear();
+        service.vpnCloseService();
+        QVERIFY(std::ranges::any_of(log.osTexts(), [](const QString &t) {
+            return t.startsWith(QStringLiteral("|VPN| Close service. DONE with fatal error: '"));
+        }));
+        QVERIFY(!QFile::exists(dir.filePath(QStringLiteral("openvpn.last_pid"))));
+        QCOMPARE(log.lines(), QStringList{QStringLiteral("Removed previous openvpn.last_pid file")});
+    }
+
+    // The helper ends on "quit" or when its input closes, which the launcher's end does.
+    void closeTwiceWritesQuitTwiceAndTheEndClosesTheInput()
+    {
+        QTemporaryDir dir;
+        const QString script = dir.filePath(QStringLiteral("recorder"));
+        const QString out = dir.filePath(QStringLiteral("received"));
+        QVERIFY(writeFile(
+            script,
+            QStringLiteral(
+                "#!/bin/sh\nwhile IFS= read -r line; do printf '%s\\n' \"$line\" >> '%1'; done\necho eof >> '%1'\n")
+                .arg(out)
+                .toUtf8(),
+            kExecutable));
+        LogCapture log;
+        {
+            ServiceLauncher service(script, dir.path());
+            service.vpnRunService();
+            QCOMPARE(log.osTexts().last(), QStringLiteral("|VPN| Run service. DONE."));
+            service.vpnCloseService();
+            service.vpnCloseService();
+        }
+        QCOMPARE(readAll(out), QByteArray("quit\nquit\neof\n"));
+        // No marker: nothing is removed and nothing is said about it.
+        QVERIFY(!log.lines().contains(QStringLiteral("Removed previous openvpn.last_pid file")));
+    }
+
+    // The real helper ends on "quit" or at the end of its input, and ends the tunnel client the
+    // marker names, but never a process that is not one; a marker naming a process that is gone
+    // is removed at start.
+    void realHelperEndsOnlyItsOwnLeftoverClient()
+    {
+        QTemporaryDir dir;
+        const QString marker = markerIn(dir);
+        const QString ourClient = dir.filePath(QStringLiteral("ovpncli")); // our client's process name
+        QVERIFY(QFile::link(QStringLiteral("/bin/sleep"), ourClient));
+        for (const QString &program : {ourClient, QStringLiteral("/bin/sleep"), QString()}) {
+            QProcess leftover;
+            if (!program.isEmpty()) {
+                leftover.start(program, {QStringLiteral("60")});
+                QVERIFY(leftover.waitForStarted());
+            }
+            QVERIFY(writeFile(marker, program.isEmpty() ? "999999999" : QByteArray::number(leftover.processId())));
+            const auto helper = startHelper(dir);
+            QVERIFY(helper);
+            if (program.isEmpty()) {
+                QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(marker), 10000);
+                helper->closeWriteChannel();
+            } else {
+                helper->write("status\n");
+                QVERIFY(!helper->waitForFinished(300)); // any other line is not an end
+                helper->write("quit\n");
+            }
+            QVERIFY(helper->waitForFinished(10000));
+            QCOMPARE(helper->exitCode(), 0);
+            QVERIFY(!QFile::exists(marker));
+            if (program == ourClient) {
+                QVERIFY(leftover.waitForFinished(10000));
+                QCOMPARE(leftover.exitStatus(), QProcess::CrashExit); // ended by a signal
+            } else if (!program.isEmpty()) {
+                QVERIFY(!leftover.waitForFinished(300)); // not one of ours: still running
+                leftover.kill();
+                leftover.waitForFinished();
+            }
+        }
+    }
 };
 
-QTEST_GUILESS_MAIN(TestNQTask)
-#include "tst_nqtask.moc"
+QTEST_GUILESS_MAIN(TestShellSystem)
+#include "tst_shell_system.moc"
