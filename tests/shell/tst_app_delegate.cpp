@@ -192,6 +192,8 @@ private slots:
         happensAfter(3000, [&] { return f->count("engine.stopVPN") == 2; }); // still connected: again
         w->store().storeVPNStatus(1);
         happensAfter(3000, [&] { return m_exits == 1; });
+        m_app->activate(); // an application that has ended shows nothing any more
+        QCOMPARE(f->count("window.show"), 1);
         QVERIFY(w->store().notFirstRun());
         QCOMPARE(f->count("engine.flushExtension"), 1);
         QVERIFY(log.osTexts(QStringLiteral("Delegate")).contains(QStringLiteral("|VPN| Close service. BEGIN")));

@@ -89,6 +89,7 @@ constexpr Failure kFailures[] = {
      "Download error: "},
     {"old package undeletable", "pelorin-vpn", "2.1.1.45", "key", false, 0, "/package", true,
      "Failed to delete existing file: "},
+    {"downloads folder unusable", "pelorin-vpn", "2.1.1.45", "key", false, 0, "", false, "Download error: "},
 };
 } // namespace
 
@@ -258,6 +259,8 @@ private slots:
         const QString blocked = downloads() + QStringLiteral("/PelorinVPN.deb/inside");
         if (c.oldPackageUndeletable)
             QVERIFY(QDir().mkpath(blocked));
+        if (!*c.packagePath) // a file of the user's where the downloads folder should be
+            QVERIFY(writeFile(downloads(), "mine"));
 
         AppUpdateManager &updates = AppUpdateManager::sharedManager();
         int installed = 0;
@@ -279,6 +282,8 @@ private slots:
             QVERIFY(!QFile::exists(m_installerLog)); // the installer never saw it
         if (c.oldPackageUndeletable)
             QVERIFY(QFileInfo(blocked).isDir()); // nothing of the user's lost
+        if (!*c.packagePath)
+            QCOMPARE(readAll(downloads()), QByteArray("mine"));
         if (qstrcmp(c.packagePath, "/package") != 0)
             QCOMPARE(QDir(downloads()).entryList(QDir::Files | QDir::Hidden), QStringList());
     }
