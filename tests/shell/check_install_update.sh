@@ -30,6 +30,7 @@ package() { # package NAME VERSION -> path
 sign() { openssl pkeyutl -sign -inkey "$dir/$2.pem" -rawin -in "$1" -out "$1.sig"; }
 
 failures=0
+fail() { echo "FAIL $*" && failures=$((failures + 1)); }
 expect() { # expect CASE STATUS TEXT PACKAGE
     rm -f "$dir/installed"
     local output status
@@ -37,16 +38,12 @@ expect() { # expect CASE STATUS TEXT PACKAGE
         PELORIN_UPDATE_RESTART=0 bash "$script" "$4" 2>&1)
     status=$?
     if [ "$status" -ne "$2" ] || ! grep -qF -- "$3" <<<"$output"; then
-        echo "FAIL $1: status $status, output: $output"
-        failures=$((failures + 1))
-        return
+        fail "$1: status $status, output: $output"
+    elif [ "$2" -ne 0 ] && [ -e "$dir/installed" ]; then
+        fail "$1: something was handed to apt-get"
+    else
+        echo "ok   $1"
     fi
-    if [ "$2" -ne 0 ] && [ -e "$dir/installed" ]; then
-        echo "FAIL $1: something was handed to apt-get"
-        failures=$((failures + 1))
-        return
-    fi
-    echo "ok   $1"
 }
 
 good=$(package pelorin-vpn 2.1.1.45) && sign "$good" key
@@ -54,8 +51,7 @@ expect "signed newer package" 0 "" "$good"
 # What apt-get got is root's copy, byte for byte the signed package.
 if [ "$(head -n 1 "$dir/installed")" != "$(sha256sum "$good" | cut -c1-64)" ] ||
     [ "$(sed -n 2p "$dir/installed")" = "$good" ]; then
-    echo "FAIL apt-get did not get root's copy of the checked package: $(cat "$dir/installed")"
-    failures=$((failures + 1))
+    fail "apt-get did not get root's copy of the checked package: $(cat "$dir/installed")"
 fi
 tampered=$dir/tampered.deb && cp "$good" "$tampered" && cp "$good.sig" "$tampered.sig" && printf 'x' >>"$tampered"
 expect "tampered package" 3 "not signed by the publisher's key" "$tampered"

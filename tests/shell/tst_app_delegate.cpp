@@ -1,7 +1,10 @@
+// The start-up flow: the application delegate and its start-up screen against a stand-in for the
+// window, the engine, the alerts and the browser, with every delay on the test clock.
 #include "ShellFakes.h"
 #include "foundation/AppConfig.h"
 #include "foundation/EventNames.h"
 #include "shell/AppDelegate.h"
+#include "shell/AppUpdateManager.h"
 #include "shell/NQAppKit.h"
 #include "shell/SplashVC.h"
 #include "support/LogCapture.h"
@@ -11,12 +14,6 @@
 #include <QTest>
 
 namespace {
-QByteArray readAll(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 QVariantMap settingsOf(const QString &path)
 {
     QSettings settings(path, QSettings::NativeFormat);
@@ -30,52 +27,75 @@ bool anyStartsWith(const QStringList &lines, const QString &start)
 {
     return std::ranges::any_of(lines, [&](const QString &l) { return l.startsWith(start); });
 }
+
+// "title|message|button=tag,...": the alert as the user sees it.
+QString shown(const AlertRequest &alert)
+{
+    QStringList buttons;
+    for (const auto &button : alert.buttons)
+        buttons << QStringLiteral("%1=%2").arg(button.title).arg(button.tag);
+    return alert.title + QLatin1Char('|') + alert.message + QLatin1Char('|') + buttons.join(QLatin1Char(','));
+}
 } // namespace
 
 class TestAppDelegate : public QObject {
     Q_OBJECT
 
     std::unique_ptr<ShellWorld> w;
+    FakeShell *f = nullptr;
     std::unique_ptr<NQApplication> m_app;
     std::unique_ptr<AppDelegate> m_delegate;
     int m_exits = 0;
+    int m_restarts = 0;
     QStringList m_reopened;
 
     // `terminal` unset: the real reopen of standard error is used.
-    AppDelegate &launch(const QStringList &arguments, std::optional<bool> terminal = true)
+    void launch(const QStringList &arguments, std::optional<bool> terminal = true)
     {
         m_delegate.reset();
         m_app = std::make_unique<NQApplication>(arguments, [this] { ++m_exits; });
         AppDelegate::Options options;
-        options.launcherPath = w->sandbox.dir.filePath(QStringLiteral("no-launcher"));
+        options.launcherPath = w->dir.filePath(QStringLiteral("no-launcher"));
         options.standardErrorIsTerminal = [terminal] { return terminal.value_or(false); };
         if (terminal)
             options.reopenStandardError = [this](const QString &path) {
                 m_reopened << path;
                 return true;
             };
-        m_delegate = std::make_unique<AppDelegate>(*m_app, w->engine, w->window, w->alerts, w->urls, options);
+        m_delegate = std::make_unique<AppDelegate>(*m_app, *f, *f, *f, *f, options);
         m_delegate->applicationDidFinishLaunching();
-        return *m_delegate;
     }
     void answerLabels(const QString &postInstall, const QString &postUninstall = {}, NQErrorOpt error = {})
     {
-        auto completion = std::move(w->engine.labelCompletion);
-        completion(QStringLiteral("https://support.example"), postInstall, postUninstall, error);
+        std::exchange(f->labelCompletion, nullptr)(QStringLiteral("https://support.example"), postInstall,
+                                                   postUninstall, error);
     }
-    int count(const char *entry) const { return w->journal.count(QString::fromLatin1(entry)); }
+    std::unique_ptr<SplashVC> makeSplash() { return std::make_unique<SplashVC>(*f, *f, *f); }
+    // `happened` stays false until `ms` have passed on the clock, and is true from then on.
+    void happensAfter(int ms, const std::function<bool()> &happened)
+    {
+        w->clock.advance(ms - 1);
+        QVERIFY(!happened());
+        w->clock.advance(1);
+        QVERIFY(happened());
+    }
 
 private slots:
     void init()
     {
         w = std::make_unique<ShellWorld>();
-        m_exits = 0;
+        f = &w->fake;
+        AppUpdateManager::setSharedManagerForTesting(nullptr);
+        m_exits = m_restarts = 0;
         m_reopened.clear();
+        EventBus::defaultCenter().addObserver(this, QLatin1String(Events::APP_RESTART),
+                                              [this](const Event &) { ++m_restarts; });
     }
     void cleanup()
     {
         m_delegate.reset();
         m_app.reset();
+        AppUpdateManager::setSharedManagerForTesting(nullptr);
         w.reset();
     }
 
@@ -84,75 +104,64 @@ private slots:
         LogCapture log;
         w->store().setVpnDisabled(true);
         launch({});
-        const QStringList expected{"window.create",
-                                   "window.show",
-                                   "statusItem",
-                                   "engine.labelsettings",
-                                   "engine.extensionConfig:chrome",
-                                   "engine.startExtension"};
-        QStringList seen;
-        for (const QString &e : w->journal.entries)
-            if (expected.contains(e))
-                seen << e;
-        QCOMPARE(seen, expected);
+        const QStringList steps = QStringLiteral("window.create window.show statusItem engine.labelsettings "
+                                                 "engine.extensionConfig:chrome engine.startExtension")
+                                      .split(QLatin1Char(' '));
+        QStringList seen = f->journal;
+        seen.removeIf([&](const QString &e) { return !steps.contains(e); });
+        QCOMPARE(seen, steps);
         QVERIFY(!w->store().vpnDisabled());
         QVERIFY(log.osTexts(QStringLiteral("Delegate")).contains(QStringLiteral("|VPN| Run service. BEGIN")));
         QCOMPARE(log.lines().first(),
                  QStringLiteral("[AppDelegate] Handle notification: 'NSApplicationDidFinishLaunchingNotification"));
         QStringList menu;
-        for (const auto &item : w->window.lastMenu.items)
+        for (const auto &item : f->lastMenu.items)
             menu << item.title;
         QCOMPARE(menu, (QStringList{"", "L(Open)", "L(Settings)", "", "L(Quit_software_name)"}));
-        QCOMPARE(m_delegate->splash()->state(), SplashVC::State::CheckingConnection);
     }
 
     // CLEAR_USERDEFAULTS: every setting back to its default, the keychain kept, the login item
-    // added. CLEAR_VPN: only the credentials go.
+    // added as the defaults want. CLEAR_VPN: only the credentials go.
     void clearArguments()
     {
         AppStorageManager &store = w->store();
-        const auto prepare = [&store] {
+        for (const char *argument : {"CLEAR_VPN", "CLEAR_USERDEFAULTS"}) {
             store.storeAppExitOnClose(true);
             store.storeAutoupdate(true);
             store.storeAppLanguageCode(QStringLiteral("de"));
             store.storeAppAutorunEnabled(false);
             store.storeVPNCredentials(QStringLiteral("u"), QStringLiteral("p"));
-        };
-        prepare();
-        launch({QStringLiteral("CLEAR_VPN")});
-        QCOMPARE(store.getVpnCredentials().username, QString());
-        QCOMPARE(store.getVpnCredentials().password, QString());
-        QVERIFY(store.appExitOnClose());
-        QVERIFY(!NQAppKit::appIsInLoginItems()); // not wanted, not added
-
-        prepare();
-        launch({QStringLiteral("CLEAR_USERDEFAULTS")});
+            launch({QLatin1String(argument)});
+            const bool all = qstrcmp(argument, "CLEAR_USERDEFAULTS") == 0;
+            const auto credentials = store.getVpnCredentials();
+            QCOMPARE(credentials.username + credentials.password, all ? QStringLiteral("up") : QString());
+            QCOMPARE(store.appExitOnClose(), !all);
+            QCOMPARE(NQAppKit::appIsInLoginItems(), all);
+        }
         QTemporaryDir ref;
         AppStorageManager fresh(ref.filePath(QStringLiteral("s.conf")), store.keychain());
         fresh.resetSettings();
         fresh.setVpnDisabled(false);
         QCOMPARE(settingsOf(store.settingsFilePath()), settingsOf(fresh.settingsFilePath()));
-        QVERIFY(store.appAutorunEnabled());
-        QVERIFY(NQAppKit::appIsInLoginItems());
-        QCOMPARE(store.getVpnCredentials().username, QStringLiteral("u"));
+        store.storeAppAutorunEnabled(false); // not wanted any more: taken out again
+        launch({});
+        QVERIFY(!NQAppKit::appIsInLoginItems());
     }
 
     void labelAnswersAcrossLaunches()
     {
         LogCapture log;
-        const QString marker = w->sandbox.dataDir() + QStringLiteral("/nqpostuninstall");
+        const QString marker = w->dataDir() + QStringLiteral("/nqpostuninstall");
         const QString device = AppConfig::deviceUniqueID();
         launch({});
         answerLabels(QString()); // no links yet: nothing opened, the flag stays off
-        QVERIFY(w->urls.opened.isEmpty());
         QCOMPARE(QString::fromUtf8(readAll(marker)), QStringLiteral("<empty>,%1,2.1.0.45").arg(device));
         launch({});
         answerLabels(QStringLiteral("https://welcome.example/"), QStringLiteral("https://bye.example"));
-        QCOMPARE(w->urls.opened, QStringList{QStringLiteral("https://welcome.example/")});
         QCOMPARE(QString::fromUtf8(readAll(marker)), QStringLiteral("https://bye.example,%1,2.1.0.45").arg(device));
         launch({});
         answerLabels(QStringLiteral("https://welcome.example/")); // opened once only
-        QCOMPARE(w->urls.opened.size(), 1);
+        QCOMPARE(f->opened, QStringList{QStringLiteral("https://welcome.example/")});
         // A failed request stores nothing; the stored links stay and the marker is still written.
         QFile::remove(marker);
         launch({});
@@ -165,11 +174,11 @@ private slots:
     void extensionLinkFallsBackToTheStorePage()
     {
         launch({});
-        w->engine.extensionCompletion(false, QStringLiteral("https://ignored"), std::nullopt);
+        f->extensionCompletion(false, QStringLiteral("https://ignored"), std::nullopt);
         QCOMPARE(w->store().labelConfigBrowserChromeLink(),
                  QStringLiteral("https://chromewebstore.google.com/detail/quellon/kembcdlbgbcnnchcnbdhbmbhbejnedjf"));
         launch({});
-        w->engine.extensionCompletion(true, QStringLiteral("https://ext.example"), std::nullopt);
+        f->extensionCompletion(true, QStringLiteral("https://ext.example"), std::nullopt);
         QCOMPARE(w->store().labelConfigBrowserChromeLink(), QStringLiteral("https://ext.example"));
     }
 
@@ -178,41 +187,27 @@ private slots:
         LogCapture log;
         launch({});
         w->store().storeVPNStatus(3);
-        m_app->terminate();
-        QCOMPARE(count("engine.stopVPN"), 1);
-        w->clock.advance(3000);
-        QCOMPARE(count("engine.stopVPN"), 2); // still connected: again
+        f->lastMenu.items.at(4).action(); // the tray's Quit
+        QCOMPARE(f->count("engine.stopVPN"), 1);
+        happensAfter(3000, [&] { return f->count("engine.stopVPN") == 2; }); // still connected: again
         w->store().storeVPNStatus(1);
-        w->clock.advance(2999);
-        QCOMPARE(m_exits, 0);
-        w->clock.advance(1);
-        QCOMPARE(m_exits, 1);
+        happensAfter(3000, [&] { return m_exits == 1; });
+        m_app->activate(); // an application that has ended shows nothing any more
+        QCOMPARE(f->count("window.show"), 1);
         QVERIFY(w->store().notFirstRun());
-        QCOMPARE(count("engine.flushExtension"), 1);
+        QCOMPARE(f->count("engine.flushExtension"), 1);
         QVERIFY(log.osTexts(QStringLiteral("Delegate")).contains(QStringLiteral("|VPN| Close service. BEGIN")));
     }
 
+    // Started by the session's autostart entry the window stays hidden until the second activation.
     void loginItemStartStaysHiddenUntilTheSecondActivation()
     {
         launch({Platform::instance().loginItemArgument()});
-        QCOMPARE(count("window.show"), 0);
-        QCOMPARE(count("window.activateHidden"), 1);
-        QVERIFY(m_delegate->isFromLoginItems());
+        QCOMPARE(f->count("window.activateHidden"), 1);
         m_app->activate();
-        QCOMPARE(count("window.show"), 0);
+        QCOMPARE(f->count("window.show"), 0);
         m_app->activate();
-        QCOMPARE(count("window.show"), 1);
-    }
-
-    void closingTheWindowMiniaturisesOrQuits()
-    {
-        launch({});
-        QVERIFY(!m_delegate->windowShouldClose());
-        QCOMPARE(w->journal.entries.last(), QStringLiteral("window.miniaturize"));
-        QCOMPARE(m_exits, 0);
-        w->store().storeAppExitOnClose(true);
-        QVERIFY(m_delegate->windowShouldClose());
-        QCOMPARE(m_exits, 1);
+        QCOMPARE(f->count("window.show"), 1);
     }
 
     void restartRebuildsWindowAndStatusItemOnly()
@@ -220,34 +215,29 @@ private slots:
         launch({});
         SplashVC *first = m_delegate->splash();
         EventBus::defaultCenter().post(QLatin1String(Events::APP_RESTART));
-        QCOMPARE(count("window.drop"), 1);
-        QCOMPARE(count("window.create"), 2);
-        QCOMPARE(count("statusItem"), 2);
+        QCOMPARE(f->count("window.drop"), 1);
+        QCOMPARE(f->count("window.create"), 2);
+        QCOMPARE(f->count("statusItem"), 2);
         QVERIFY(m_delegate->splash() != first);
-        QCOMPARE(count("engine.startExtension"), 1);
+        QCOMPARE(f->count("engine.startExtension"), 1);
         // The tray's Settings entry opens the window and asks for the settings screen.
         int settings = 0;
         EventBus::defaultCenter().addObserver(this, QLatin1String(Events::SHOW_SETTINGS),
                                               [&](const Event &) { ++settings; });
-        w->window.lastMenu.items.at(2).action();
+        f->lastMenu.items.at(2).action();
         w->clock.advance(0);
         QCOMPARE(settings, 1);
-        QCOMPARE(count("window.deminiaturize"), 1);
+        QCOMPARE(f->count("window.deminiaturize"), 1);
     }
 
     void logFileIsFreshAndPrivateEachLaunchButNotFromATerminal()
     {
         // An older version left the folder and the log readable by everyone.
-        const QString dataDir = w->sandbox.dataDir();
-        const QString logPath = dataDir + QStringLiteral("/app_mac_logs.log");
+        const QString logPath = w->dataDir() + QStringLiteral("/app_mac_logs.log");
         constexpr auto kOpen = QFile::ReadOwner | QFile::WriteOwner | QFile::ReadGroup | QFile::ReadOther;
-        QDir().mkpath(dataDir);
-        QVERIFY(QFile::setPermissions(dataDir, kOpen | QFile::ExeOwner | QFile::ExeGroup | QFile::ExeOther));
-        QFile old(logPath);
-        QVERIFY(old.open(QIODevice::WriteOnly));
-        old.write("previous session");
-        old.close();
-        QVERIFY(old.setPermissions(kOpen));
+        QDir().mkpath(w->dataDir());
+        QVERIFY(QFile::setPermissions(w->dataDir(), kOpen | QFile::ExeOwner | QFile::ExeGroup | QFile::ExeOther));
+        QVERIFY(writeFile(logPath, "previous session", kOpen));
         launch({}, true);
         QVERIFY(m_reopened.isEmpty());
         QCOMPARE(QFileInfo(logPath).size(), 16);
@@ -255,22 +245,170 @@ private slots:
         QCOMPARE(m_reopened, QStringList{logPath});
         QCOMPARE(QFileInfo(logPath).size(), 0);
         QCOMPARE(QFileInfo(logPath).permissions() & 0x7077, QFile::ReadOwner | QFile::WriteOwner);
-        QCOMPARE(QFileInfo(dataDir).permissions() & 0x7077, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+        QCOMPARE(QFileInfo(w->dataDir()).permissions() & 0x7077,
+                 QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     }
 
     void unusableLogFolderKeepsStandardErrorAndTheLaunchGoesOn()
     {
         // The data folder's place is taken by a file: nothing can be created there.
-        QFile blocker(w->sandbox.dataDir());
-        QVERIFY(QDir().mkpath(QFileInfo(blocker).absolutePath()));
-        QVERIFY(blocker.open(QIODevice::WriteOnly));
-        blocker.close();
+        QVERIFY(QDir().mkpath(QFileInfo(w->dataDir()).absolutePath()));
+        QVERIFY(writeFile(w->dataDir(), {}));
         LogCapture log;
         launch({}, std::nullopt);
         QVERIFY(anyStartsWith(log.lines(), QStringLiteral("|AppDelegate| Cannot redirect the log to ")));
-        QCOMPARE(count("engine.startExtension"), 1);
+        QCOMPARE(f->count("engine.startExtension"), 1);
         answerLabels(QString()); // the marker write fails quietly
-        QVERIFY(QFileInfo(w->sandbox.dataDir()).isFile());
+        QVERIFY(QFileInfo(w->dataDir()).isFile());
+    }
+
+    void updateCheckOnlyAfterTheFirstRunWithAutoUpdateOn()
+    {
+        struct Case {
+            bool notFirstRun, autoupdate, checks;
+        };
+        for (const Case c : {Case{false, true, false}, Case{true, false, false}, Case{true, true, true}}) {
+            LogCapture log;
+            w->store().storeNotFirstRun(c.notFirstRun);
+            w->store().storeAutoupdate(c.autoupdate);
+            makeSplash()->checkForUpdate();
+            QCOMPARE(log.lines().contains(QStringLiteral("|AppUpdateManager| checkForUpdate")), c.checks);
+        }
+    }
+
+    void noInternetOffersFourChoicesAndRetryChecksOneSecondLater()
+    {
+        auto splash = makeSplash();
+        splash->viewDidLoad();
+        happensAfter(1000, [&] { return f->count("engine.checkInternet") == 1; });
+        f->internetCompletion(QStringLiteral("No internet"));
+        w->clock.advance(0);
+        QCOMPARE(f->alerts.size(), 1);
+        QCOMPARE(shown(f->alerts.first()), QStringLiteral("L(Connection Error)|L(It seems that your connection to our "
+                                                          "server is lost.)|L(Continue)=0,L(Retry)=1,L(Restart)=2,"
+                                                          "L(Quit)=3"));
+        QCOMPARE(splash->state(), SplashVC::State::AlertShown);
+        f->press(SplashVC::kRetryTag);
+        happensAfter(1000, [&] { return f->count("engine.checkInternet") == 2; });
+        // Continue goes home without credentials.
+        f->internetCompletion(QStringLiteral("No internet"));
+        w->clock.advance(0);
+        f->press(SplashVC::kContinueTag);
+        w->clock.advance(0);
+        QCOMPARE(f->journal.last(), QStringLiteral("home:L(<app_name>)"));
+        QCOMPARE(f->count("engine.registerVpn:2:0"), 0);
+        QCOMPARE(splash->state(), SplashVC::State::Left);
+    }
+
+    // Stored 3 s after the answer whether or not the start-up screen is still there by then.
+    void credentialsAreStoredThreeSecondsAfterSuccess_data()
+    {
+        QTest::addColumn<QString>("screenGone");
+        QTest::newRow("stays") << "never";
+        QTest::newRow("gone before the answer") << "before";
+        QTest::newRow("gone during the delay") << "during";
+    }
+    void credentialsAreStoredThreeSecondsAfterSuccess()
+    {
+        QFETCH(QString, screenGone);
+        auto splash = makeSplash();
+        splash->viewDidLoad();
+        w->clock.advance(1000);
+        f->internetCompletion(QString());
+        QCOMPARE(f->count("engine.registerVpn:2:0"), 1);
+        if (screenGone == QLatin1String("before"))
+            splash.reset();
+        f->registerCompletion(true, QStringLiteral("user7"), QStringLiteral("secret7"), std::nullopt);
+        w->clock.advance(2999);
+        QCOMPARE(w->store().getVpnCredentials().username, QString());
+        QVERIFY(!f->journal.last().startsWith(QStringLiteral("home:")));
+        if (screenGone == QLatin1String("during"))
+            splash.reset();
+        w->clock.advance(1);
+        QCOMPARE(w->store().getVpnCredentials().username, QStringLiteral("user7"));
+        QCOMPARE(w->store().getVpnCredentials().password, QStringLiteral("secret7"));
+        QCOMPARE(f->count("home:L(<app_name>)"), splash ? 1 : 0);
+    }
+
+    // Success without a password, or an error with a full pair: code 5 with only Retry.
+    void incompleteRegistrationIsCodeFiveWithOnlyRetry()
+    {
+        auto splash = makeSplash();
+        splash->registerVpn();
+        f->registerCompletion(true, QStringLiteral("user7"), QString(), std::nullopt);
+        w->clock.advance(5000);
+        QCOMPARE(f->alerts.size(), 1);
+        QCOMPARE(shown(f->alerts.first()), QStringLiteral("Connection Error|It seems that your connection to our "
+                                                          "server is lost.\nPlease fix connection and try again.\n"
+                                                          "Code: 5|L(Retry)=1"));
+        f->press(SplashVC::kRetryTag);
+        QCOMPARE(f->count("engine.registerVpn:2:0"), 2);
+        f->registerCompletion(true, QStringLiteral("u"), QStringLiteral("p"), NQError(QStringLiteral("d"), 7));
+        w->clock.advance(5000);
+        QCOMPARE(f->alerts.size(), 2);
+        QCOMPARE(w->store().getVpnCredentials().username, QString());
+    }
+
+    void restartStopsAConnectedTunnelAndRestartsFiveSecondsLater()
+    {
+        auto splash = makeSplash();
+        for (const int status : {3, 1}) {
+            w->store().storeVPNStatus(status);
+            const int stops = f->count("engine.stopVPN");
+            const int restarts = m_restarts;
+            splash->showAlertNoInternetWithContinueBlock([] {}, [] {});
+            w->clock.advance(0);
+            f->press(SplashVC::kRestartTag);
+            QCOMPARE(f->count("engine.stopVPN"), stops + (status == 3 ? 1 : 0));
+            happensAfter(5000, [&] { return m_restarts == restarts + 1; });
+        }
+    }
+
+    void quitAsksTheApplicationUnknownResultIsAFaultAndCloseIsTheDefault()
+    {
+        NQApplication app({}, [this] { ++m_exits; });
+        auto splash = makeSplash();
+        splash->showErrorMessage(QStringLiteral("m"), QStringLiteral("t"), {}, {}, false, true);
+        w->clock.advance(0);
+        f->press(SplashVC::kQuitTag);
+        QCOMPARE(m_exits, 1);
+
+        LogCapture log;
+        splash->showErrorMessage(QString(), QString());
+        w->clock.advance(0);
+        QVERIFY(f->alerts.last().buttons.isEmpty());
+        f->press(AlertPresenter::kDefaultButtonTag);
+        QCOMPARE(log.osRecords().last().level, OsLog::Level::Fault);
+        QCOMPARE(log.osRecords().last().text,
+                 QStringLiteral("Show Error Alert: FATAL ERROR: 'Unknown option - 1000'."));
+
+        // Closed with the window's own button: the default (first) choice, never a dead end.
+        int retries = 0;
+        splash->showErrorMessage(QStringLiteral("m"), QStringLiteral("t"), {}, [&] { ++retries; });
+        w->clock.advance(0);
+        f->press(AlertPresenter::kDefaultButtonTag);
+        QCOMPARE(retries, 1);
+    }
+
+    void appReadyOpensHomeTwoSecondsLaterAndSubscribesOnce()
+    {
+        auto splash = makeSplash();
+        LogCapture log;
+        splash->notificationsSubscribe();
+        splash->notificationsSubscribe();
+        QCOMPARE(log.osTexts(QStringLiteral("SplashVC")).size(), 2); // the second is refused
+        EventBus::defaultCenter().post(QLatin1String(Events::NOTIFICATION_APP_READY));
+        happensAfter(2000, [&] { return f->count("home:L(<app_name>)") == 1; });
+        // Once home replaced the screen, a later openHome changes nothing.
+        EventBus::defaultCenter().post(QLatin1String(Events::NOTIFICATION_APP_READY));
+        w->clock.advance(2000);
+        QCOMPARE(log.count(QStringLiteral("|SplashVC| openHome.")), 2);
+        QCOMPARE(f->count("home:L(<app_name>)"), 1);
+        // A dropped screen is not called back.
+        splash.reset();
+        EventBus::defaultCenter().post(QLatin1String(Events::NOTIFICATION_APP_READY));
+        w->clock.advance(2000);
+        QCOMPARE(log.count(QStringLiteral("|SplashVC| openHome.")), 2);
     }
 };
 

@@ -1,28 +1,21 @@
+// The updater against a loopback server: "/latest" answers the version text a test sets,
+// "/package" the package and "/package.sig" its signature (404 when empty); other paths answer
+// 404. The packages are real and signed with throw-away keys; the installer is a script.
 #include "ShellFakes.h"
-#include "UpdateServer.h"
 #include "foundation/EventNames.h"
 #include "shell/AppUpdateManager.h"
+#include "shell/SplashVC.h"
 #include "support/LogCapture.h"
 
 #include <QDir>
+#include <QHttpServer>
+#include <QHttpServerResponse>
 #include <QProcess>
 #include <QSignalSpy>
+#include <QTcpServer>
 #include <QTest>
 
 namespace {
-QByteArray readAll(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-bool writeFile(const QString &path, const QByteArray &data, QFile::Permissions permissions = {})
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size() &&
-           (!permissions || file.setPermissions(permissions));
-}
-
 QByteArray run(const QStringList &command)
 {
     QProcess process;
@@ -96,6 +89,7 @@ constexpr Failure kFailures[] = {
      "Download error: "},
     {"old package undeletable", "pelorin-vpn", "2.1.1.45", "key", false, 0, "/package", true,
      "Failed to delete existing file: "},
+    {"downloads folder unusable", "pelorin-vpn", "2.1.1.45", "key", false, 0, "", false, "Download error: "},
 };
 } // namespace
 
@@ -105,23 +99,35 @@ class TestAppUpdateManager : public QObject {
     Publisher m_publisher;
     QByteArray m_newer; // pelorin-vpn 2.1.1.45
     QTemporaryDir m_scratch;
-    std::unique_ptr<UpdateServer> m_server;
+    QHttpServer m_server;
+    quint16 m_port = 0;
+    QByteArray m_latest;
+    QByteArray m_package;
+    QByteArray m_signature;
     std::unique_ptr<ShellWorld> w;
     QString m_installerLog;
     int m_appReady = 0;
     int m_hideUpdate = 0;
     int m_worlds = 0;
 
+    QString url(const QString &path) const { return QStringLiteral("http://127.0.0.1:%1%2").arg(m_port).arg(path); }
+
     // A world whose updater asks the loopback server and whose installer is a script exiting
     // with `status` (-1: there is no installer).
     void makeWorld(int status, const QString &packagePath = QStringLiteral("/package"), const QString &latestUrl = {})
     {
-        m_server = std::make_unique<UpdateServer>();
+        m_latest = m_package = m_signature = {};
         const QString root = m_scratch.filePath(QString::number(++m_worlds));
         const QString resources = root + QStringLiteral("/res");
         QDir().mkpath(resources);
-        UpdateServer::writeConfig(resources, latestUrl.isEmpty() ? m_server->url(QStringLiteral("/latest")) : latestUrl,
-                                  m_server->url(packagePath));
+        const QString urls =
+            QStringLiteral("<key>UpdateUrlLatestVersion</key><string>%1</string>"
+                           "<key>Update Url Direct</key><string>%2</string>")
+                .arg(latestUrl.isEmpty() ? url(QStringLiteral("/latest")) : latestUrl, url(packagePath));
+        QVERIFY(writeFile(resources + QStringLiteral("/ReleaseConfig.plist"),
+                          QStringLiteral("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>%1</dict></plist>\n")
+                              .arg(urls)
+                              .toUtf8()));
         QVERIFY(QFile::copy(m_publisher.publicKey, resources + QStringLiteral("/update-key.pem")));
         const QString installer = root + QStringLiteral("/installer.sh");
         m_installerLog = root + QStringLiteral("/installer.log");
@@ -140,7 +146,7 @@ class TestAppUpdateManager : public QObject {
         EventBus::defaultCenter().addObserver(this, QLatin1String(Events::NT_HIDE_UPDATE),
                                               [this](const Event &) { ++m_hideUpdate; });
     }
-    QString downloads() const { return w->sandbox.overrides().downloadsDirectory; }
+    QString downloads() const { return w->overrides.downloadsDirectory; }
 
 private slots:
     void initTestCase()
@@ -148,39 +154,36 @@ private slots:
         QVERIFY(m_publisher.make());
         m_newer = m_publisher.package(QStringLiteral("pelorin-vpn"), QStringLiteral("2.1.1.45"));
         QVERIFY(!m_newer.isEmpty());
+        const auto body = [](const QByteArray &data) {
+            return data.isEmpty() ? QHttpServerResponse(QHttpServerResponder::StatusCode::NotFound)
+                                  : QHttpServerResponse(QByteArrayLiteral("application/octet-stream"), data);
+        };
+        m_server.route(QStringLiteral("/latest"), [this] { return QHttpServerResponse(m_latest); });
+        m_server.route(QStringLiteral("/package"), [this, body] { return body(m_package); });
+        m_server.route(QStringLiteral("/package.sig"), [this, body] { return body(m_signature); });
+        m_port = m_server.listen(QHostAddress::LocalHost, 0);
+        QVERIFY(m_port != 0);
     }
     void cleanup()
     {
         AppUpdateManager::setSharedManagerForTesting(nullptr);
         w.reset();
-        m_server.reset();
     }
 
-    void compareVersionsByIntegerComponents()
-    {
-        struct Case {
-            const char *a, *b, *greater;
-        };
-        for (const Case c : {Case{"1.2", "1.2.0", "1.2"},                       // equal keeps the first
-                             Case{"1.9", "1.10", "1.10"},                       // numeric, not textual
-                             Case{"2.1.0.45", "2.1.1", "2.1.1"},                // build number
-                             Case{"2.1.0.45", "2.1.0.45\n", "2.1.0.45"},        // line feed
-                             Case{"2.1.0.45", "<html>oops</html>", "2.1.0.45"}, // garbage counts 0
-                             Case{"3rc.1", "3.0", "3rc.1"},                     // leading digits
-                             Case{"1.0", "1.0.0.1", "1.0.0.1"}})                // longer wins on extra
-            QCOMPARE(AppUpdateManager::compareVersions(QString::fromLatin1(c.a), QString::fromLatin1(c.b)),
-                     QString::fromLatin1(c.greater));
-    }
-
+    // The running version is 2.1.0.45; versions compare by the leading integer of each part.
     void checkAgainstTheServer_data()
     {
         QTest::addColumn<QByteArray>("latest"); // empty: the server cannot be reached
         QTest::addColumn<bool>("available");
         QTest::newRow("same") << QByteArray("2.1.0.45") << false;
         QTest::newRow("same with line feed") << QByteArray("2.1.0.45\n") << false;
-        QTest::newRow("newer") << QByteArray("2.1.1") << true;
+        QTest::newRow("same, one part more") << QByteArray("2.1.0.45.0") << false;
+        QTest::newRow("newer build") << QByteArray("2.1.0.100") << true; // numeric, not textual
+        QTest::newRow("newer, longer") << QByteArray("2.1.0.45.1") << true;
+        QTest::newRow("newer, leading digits") << QByteArray("3rc.0") << true;
         QTest::newRow("older") << QByteArray("2.0.9.99") << false;
-        QTest::newRow("garbage") << QByteArray("<html>502 Bad Gateway</html>") << false;
+        QTest::newRow("older, shorter") << QByteArray("2.1") << false;
+        QTest::newRow("garbage counts 0") << QByteArray("<html>502 Bad Gateway</html>") << false;
         QTest::newRow("unreachable") << QByteArray() << false;
     }
     void checkAgainstTheServer()
@@ -189,7 +192,7 @@ private slots:
         QFETCH(bool, available);
         makeWorld(0, QStringLiteral("/package"),
                   latest.isEmpty() ? QStringLiteral("http://127.0.0.1:1/latest") : QString());
-        m_server->latest = latest;
+        m_latest = latest;
         std::optional<bool> answer;
         AppUpdateManager::sharedManager().checkForUpdateWithCompletion([&](bool a) { answer = a; });
         QTRY_VERIFY(answer.has_value());
@@ -199,27 +202,32 @@ private slots:
     void successfulInstallReplacesOldPackageAndQuits()
     {
         makeWorld(0);
-        m_server->package = m_newer + QByteArray(300 * 1024, '\0'); // ar ignores what follows its members
-        m_server->signature = m_publisher.sign(m_server->package, m_publisher.key);
+        m_package = m_newer + QByteArray(300 * 1024, '\0'); // ar ignores what follows its members
+        m_signature = m_publisher.sign(m_package, m_publisher.key);
         QDir().mkpath(downloads());
         QVERIFY(writeFile(downloads() + QStringLiteral("/PelorinVPN.deb"), "old package"));
 
         AppUpdateManager &updates = AppUpdateManager::sharedManager();
-        AppUpdateManager::setWindowHost(&w->window);
-        updates.setInstalledHandler([this] { w->journal.entries << QStringLiteral("quit"); });
+        AppUpdateManager::setWindowHost(&w->fake);
+        updates.setInstalledHandler([this] { w->fake.journal << QStringLiteral("quit"); });
         QSignalSpy progress(&updates, &AppUpdateManager::downloadProgress);
         updates.downloadAndInstallPKG();
         QVERIFY(updates.isDownloading());
-        QTRY_VERIFY(w->journal.entries.contains(QStringLiteral("quit")));
+        // The start-up screen does not go home while the update is under way.
+        SplashVC splash(w->fake, w->fake, w->fake);
+        splash.openHome();
+        w->clock.advance(0);
+        QCOMPARE(splash.state(), SplashVC::State::Loading);
+        QTRY_VERIFY(w->fake.journal.contains(QStringLiteral("quit")));
         AppUpdateManager::setWindowHost(nullptr);
-        QCOMPARE(w->journal.entries, (QStringList{"window.prohibited", "quit"}));
+        QCOMPARE(w->fake.journal, (QStringList{"window.prohibited", "quit"}));
         QVERIFY(!updates.isDownloading());
         QCOMPARE(m_hideUpdate, 1);
         QCOMPARE(m_appReady, 0);
-        QCOMPARE(readAll(downloads() + QStringLiteral("/PelorinVPN.deb")), m_server->package);
+        QCOMPARE(readAll(downloads() + QStringLiteral("/PelorinVPN.deb")), m_package);
         QCOMPARE(readAll(m_installerLog), downloads().toUtf8() + "/PelorinVPN.deb\n");
         QVERIFY(!progress.isEmpty());
-        QCOMPARE(progress.last().at(0).toLongLong(), qint64(m_server->package.size()));
+        QCOMPARE(progress.last().at(0).toLongLong(), qint64(m_package.size()));
         QCOMPARE(QDir(downloads()).entryList(QDir::Files | QDir::Hidden),
                  (QStringList{"PelorinVPN.deb", "PelorinVPN.deb.sig"}));
     }
@@ -241,16 +249,18 @@ private slots:
                              : name == "pelorin-vpn" && version == "2.1.1.45" ? m_newer
                                                                               : m_publisher.package(name, version);
         if (c.oldPackageUndeletable)
-            m_server->signature = QByteArray(AppUpdateManager::kSignatureBytes, 's');
+            m_signature = QByteArray(AppUpdateManager::kSignatureBytes, 's');
         else if (qstrcmp(c.signer, "none") != 0)
-            m_server->signature =
+            m_signature =
                 m_publisher.sign(package, qstrcmp(c.signer, "key") == 0 ? m_publisher.key : m_publisher.otherKey);
         if (c.tamper)
             package[package.size() - 1] = char(package.at(package.size() - 1) ^ 1);
-        m_server->package = package;
+        m_package = package;
         const QString blocked = downloads() + QStringLiteral("/PelorinVPN.deb/inside");
         if (c.oldPackageUndeletable)
             QVERIFY(QDir().mkpath(blocked));
+        if (!*c.packagePath) // a file of the user's where the downloads folder should be
+            QVERIFY(writeFile(downloads(), "mine"));
 
         AppUpdateManager &updates = AppUpdateManager::sharedManager();
         int installed = 0;
@@ -272,6 +282,8 @@ private slots:
             QVERIFY(!QFile::exists(m_installerLog)); // the installer never saw it
         if (c.oldPackageUndeletable)
             QVERIFY(QFileInfo(blocked).isDir()); // nothing of the user's lost
+        if (!*c.packagePath)
+            QCOMPARE(readAll(downloads()), QByteArray("mine"));
         if (qstrcmp(c.packagePath, "/package") != 0)
             QCOMPARE(QDir(downloads()).entryList(QDir::Files | QDir::Hidden), QStringList());
     }

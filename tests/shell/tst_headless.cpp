@@ -18,306 +18,252 @@ constexpr int kClockStepMs = 1000;
 
 class TestHeadless : public QObject {
     Q_OBJECT
-private slots:
-    void initTestCase();
-    void init();
-    void cleanup();
-    void exitCodes_data();
-    void exitCodes();
-    void disconnectKeepsRunning();
-    void interruptedBeforeConnected();
-    void programOptions();
-    void listAsksForTheCatalogueOnly();
-    void idleConnectsAutomatically_data();
-    void idleConnectsAutomatically();
-
-private:
-    // Runs the console client until it ends; its exit code (-1: it did not end).
-    int run(HeadlessRunner::Options options, const std::function<void(HeadlessRunner &)> &whileRunning = {});
-    void useClient(const QByteArray &behaviour);
-    QProcessEnvironment programEnvironment() const;
-    // Runs the real program to its end.
-    struct Ran {
-        int code;
-        QByteArray out, err;
-    };
-    Ran runProgram(const QStringList &arguments, const QProcessEnvironment &env) const;
 
     DevBackendProcess m_backend;
     std::unique_ptr<VpnTestEnvironment> m_env;
     std::unique_ptr<TestClock> m_clock;
     QString m_out;
     QString m_err;
-};
 
-void TestHeadless::initTestCase()
-{
-    QVERIFY(m_backend.start());
-    // The reachability check asks the built-in backend address.
-    qputenv("PELORIN_BACKEND_URL", m_backend.baseUrl().toUtf8());
-    qputenv("PELORIN_EXTENSION_PORT", "0");
-}
-
-void TestHeadless::init()
-{
-    m_env = std::make_unique<VpnTestEnvironment>(m_backend.baseUrl());
-    qputenv("PELORIN_AUTOSTART_DIR", QFile::encodeName(m_env->root() + QStringLiteral("/autostart")));
-    m_env->writeFile(QStringLiteral("sudo"), VpnTestEnvironment::kStandInSudo, true);
-    useClient(VpnTestEnvironment::kConnectThenWait);
-    m_clock = std::make_unique<TestClock>();
-    MainQueue::setTestClock(m_clock.get());
-    m_out.clear();
-    m_err.clear();
-}
-
-void TestHeadless::cleanup()
-{
-    MainQueue::setTestClock(nullptr);
-    m_clock.reset();
-    m_env.reset();
-}
-
-void TestHeadless::useClient(const QByteArray &behaviour)
-{
-    m_env->writeFile(QStringLiteral("helpers/ovpncli"), VpnTestEnvironment::kStandInClient, true);
-    m_env->writeFile(QStringLiteral("helpers/behaviour"), behaviour);
-}
-
-int TestHeadless::run(HeadlessRunner::Options options, const std::function<void(HeadlessRunner &)> &whileRunning)
-{
-    int code = -1;
-    options.endLoop = [&code](int exitCode) { code = exitCode; };
-    options.standardErrorIsTerminal = [] { return true; };
-    QTextStream out(&m_out);
-    QTextStream err(&m_err);
+    void makeEnvironment(const QString &backendUrl)
     {
-        HeadlessRunner runner(options, out, err);
-        runner.start();
-        if (whileRunning)
-            whileRunning(runner);
-        // Replies and the client's output arrive in real time; the product's delays pass on the clock.
-        QElapsedTimer waited;
-        waited.start();
-        while (code < 0 && waited.elapsed() < kWaitMs) {
-            QTest::qWait(20);
-            m_clock->advance(kClockStepMs);
-        }
-        if (code >= 0)
-            code = runner.exitCode() == code ? code : -2;
+        m_env = std::make_unique<VpnTestEnvironment>(backendUrl);
+        m_env->writeFile(QStringLiteral("sudo"), VpnTestEnvironment::kStandInSudo, true);
+        useClient(VpnTestEnvironment::kConnectThenWait);
     }
-    // The quit sequence's own delays, so nothing of this run is left for the next one.
-    m_clock->advance(10000);
-    return code;
-}
-
-void TestHeadless::exitCodes_data()
-{
-    QTest::addColumn<int>("mode");
-    QTest::addColumn<QString>("argument"); // the cluster, or the check
-    QTest::addColumn<QString>("setup");    // what is made to go wrong
-    QTest::addColumn<int>("code");
-    QTest::addColumn<QString>("said"); // on standard error, or standard output for results
-    using Mode = HeadlessRunner::Mode;
-    QTest::newRow("script passes") << int(Mode::Script) << "true"
-                                   << "" << 0 << "Traffic check passed";
-    QTest::newRow("script check fails") << int(Mode::Script) << "false"
-                                        << "" << 5 << "Traffic check FAILED";
-    QTest::newRow("no such cluster") << int(Mode::Connect) << "Atlantis"
-                                     << "" << 2 << "No cluster named 'Atlantis'";
-    QTest::newRow("backend unreachable") << int(Mode::Connect) << "DE"
-                                         << "no backend" << 3 << "giving up";
-    QTest::newRow("sudo refuses") << int(Mode::Connect) << "DE"
-                                  << "sudo-refuses" << 4 << "log out and in again";
-    QTest::newRow("no tunnel in time") << int(Mode::Connect) << "DE"
-                                       << "silent client" << 4 << "No tunnel after 60 seconds";
-    QTest::newRow("tunnel refused") << int(Mode::Connect) << "DE"
-                                    << "auth failed" << 4 << "The server refused the VPN credentials";
-}
-
-void TestHeadless::exitCodes()
-{
-    QFETCH(int, mode);
-    QFETCH(QString, argument);
-    QFETCH(QString, setup);
-    QFETCH(int, code);
-    QFETCH(QString, said);
-    if (setup == QLatin1String("no backend")) {
-        m_env.reset();
-        m_env = std::make_unique<VpnTestEnvironment>(QStringLiteral("http://127.0.0.1:9"));
+    void useClient(const QByteArray &behaviour)
+    {
+        m_env->writeFile(QStringLiteral("helpers/ovpncli"), VpnTestEnvironment::kStandInClient, true);
+        m_env->writeFile(QStringLiteral("helpers/behaviour"), behaviour);
     }
-    m_env->writeFile(QStringLiteral("sudo"), VpnTestEnvironment::kStandInSudo, true);
-    useClient(VpnTestEnvironment::kConnectThenWait);
-    if (setup == QLatin1String("sudo-refuses"))
-        m_env->writeFile(setup, {});
-    else if (setup == QLatin1String("silent client"))
-        useClient("while :; do sleep 1 & wait $!; done\n");
-    else if (setup == QLatin1String("auth failed"))
-        useClient("printf 'ovpncli: AUTH_FAILED\\n'; sleep 0.2; printf 'ovpncli: connect error\\n'\n");
-
-    HeadlessRunner::Options options;
-    options.mode = HeadlessRunner::Mode(mode);
-    if (options.mode == HeadlessRunner::Mode::Script)
-        options.onConnectedCommand = argument;
-    else
-        options.target = argument;
-    QCOMPARE(run(options), code);
-    QVERIFY2(m_err.contains(said) || m_out.contains(said), qPrintable(m_err + m_out));
-    // Results and messages are kept apart.
-    QVERIFY(!m_out.contains(QStringLiteral("Starting up")));
-    // Whatever happened, no tunnel client is left behind.
-    QTRY_VERIFY_WITH_TIMEOUT(QProcess::execute(QStringLiteral("pkill"), {QStringLiteral("-0"), QStringLiteral("-f"),
-                                                                         m_env->helpersDirectory()}) != 0,
-                             kWaitMs);
-}
-
-void TestHeadless::disconnectKeepsRunning()
-{
-    HeadlessRunner::Options options;
-    options.mode = HeadlessRunner::Mode::Connect;
-    options.target = QStringLiteral("DE");
-    const int code = run(options, [this](HeadlessRunner &runner) {
-        QTRY_VERIFY_WITH_TIMEOUT((m_clock->advance(kClockStepMs), m_out.contains(QStringLiteral("Connected to"))),
-                                 kWaitMs);
-        runner.command(QStringLiteral("disconnect"));
-        QTRY_VERIFY_WITH_TIMEOUT(m_out.contains(QStringLiteral("State: 1 disconnected")), kWaitMs);
-        // Still running: later time and commands are still served.
-        m_clock->advance(kClockStepMs * 5);
-        runner.command(QStringLiteral("status"));
-        QVERIFY(m_out.endsWith(QStringLiteral("State: 1 disconnected\n")));
-        runner.command(QStringLiteral("quit"));
-    });
-    QCOMPARE(code, 0);
-}
-
-void TestHeadless::interruptedBeforeConnected()
-{
-    // A signal, or the application ended by someone else (an update being installed).
-    for (const bool bySignal : {true, false}) {
-        useClient("while :; do sleep 1 & wait $!; done\n");
-        m_out.clear();
-        HeadlessRunner::Options options;
-        options.mode = HeadlessRunner::Mode::Connect;
-        options.target = QStringLiteral("DE");
-        const int code = run(options, [this, bySignal](HeadlessRunner &runner) {
-            QTRY_VERIFY_WITH_TIMEOUT((m_clock->advance(kClockStepMs), m_out.contains(QStringLiteral("State: 2"))),
-                                     kWaitMs);
-            if (bySignal)
-                runner.interrupt(15);
-            else
-                NQApplication::current()->terminate();
-        });
-        QCOMPARE(code, int(HeadlessRunner::kExitInterrupted));
-    }
-}
-
-QProcessEnvironment TestHeadless::programEnvironment() const
-{
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("PELORIN_RESOURCES_DIR"), m_env->root() + QStringLiteral("/resources"));
-    env.insert(QStringLiteral("PELORIN_HELPERS_DIR"), m_env->helpersDirectory());
-    env.insert(QStringLiteral("PELORIN_SUDO"), m_env->root() + QStringLiteral("/sudo"));
-    env.insert(QStringLiteral("PELORIN_TMPDIR"), m_env->temporaryDirectory());
-    env.insert(QStringLiteral("PELORIN_DATA_HOME"), m_env->root() + QStringLiteral("/data"));
-    env.insert(QStringLiteral("XDG_CONFIG_HOME"), m_env->root() + QStringLiteral("/config"));
-    env.remove(QStringLiteral("DISPLAY"));
-    env.remove(QStringLiteral("WAYLAND_DISPLAY"));
-    return env;
-}
-
-TestHeadless::Ran TestHeadless::runProgram(const QStringList &arguments, const QProcessEnvironment &env) const
-{
-    QProcess process;
-    process.setProcessEnvironment(env);
-    process.start(qEnvironmentVariable("PELORIN_BINARY_DIR") + QStringLiteral("/bin/pelorin-vpn"), arguments);
-    process.waitForFinished(kWaitMs);
-    return {process.exitCode(), process.readAllStandardOutput(), process.readAllStandardError()};
-}
-
-void TestHeadless::programOptions()
-{
-    QProcessEnvironment env = programEnvironment();
-    // An unknown option is refused the same way with a display as without one.
-    for (const QString &display : {QString(), QStringLiteral(":99")}) {
-        env.insert(QStringLiteral("DISPLAY"), display);
-        const Ran ran = runProgram({QStringLiteral("--colour")}, env);
-        QCOMPARE(ran.code, int(HeadlessRunner::kExitUsage));
-        QVERIFY(ran.out.isEmpty());
-        QVERIFY(ran.err.contains("Unknown option 'colour'"));
-    }
-    env = programEnvironment();
-    const Ran version = runProgram({QStringLiteral("--version")}, env);
-    QCOMPARE(version.code, 0);
-    QCOMPARE(version.out.trimmed(), QStringLiteral("PelorinVPN %1").arg(AppUpdateManager::ownVersion()).toUtf8());
-    const Ran help = runProgram({QStringLiteral("--help")}, env);
-    QCOMPARE(help.code, 0);
-    for (const char *needed : {"disconnect", "CLEAR_USERDEFAULTS", "CLEAR_VPN", "Exit codes", "6  interrupted"})
-        QVERIFY2(help.out.contains(needed), needed);
-    const Ran script = runProgram({QStringLiteral("--script")}, env);
-    QCOMPARE(script.code, int(HeadlessRunner::kExitUsage));
-    QVERIFY(script.err.contains("--on-connected"));
-}
-
-void TestHeadless::listAsksForTheCatalogueOnly()
-{
-    m_backend.clearRequests();
-    const Ran list = runProgram({QStringLiteral("--headless"), QStringLiteral("--list")}, programEnvironment());
-    QCOMPARE(list.code, 0);
-    QVERIFY2(list.out.contains("\t(default)\n"), list.out.constData());
-    QStringList paths;
-    for (const QJsonValue &request : m_backend.requests())
-        paths << request.toObject().value(QStringLiteral("path")).toString();
-    QCOMPARE(paths.size(), 1);
-    QVERIFY2(paths.first().startsWith(QStringLiteral("/api1/vpnapi/serverlist/")), qPrintable(paths.first()));
-
-    // With no backend: the catalogue cannot be had.
-    m_env->writeFile(QStringLiteral("resources/CommonConfig.plist"),
-                     "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>"
-                     "<key>Host URL</key><string>http://127.0.0.1:9</string></dict></plist>\n");
-    const Ran unreachable = runProgram({QStringLiteral("--list")}, programEnvironment());
-    QCOMPARE(unreachable.code, int(HeadlessRunner::kExitBackendUnreachable));
-    QVERIFY(unreachable.out.isEmpty());
-    QVERIFY(unreachable.err.contains("Cannot load the server list"));
-}
-
-// Without a cluster named, "Connect automatically" connects to the last cluster (by name),
-// else to the default one; switched off, the console only starts up.
-void TestHeadless::idleConnectsAutomatically_data()
-{
-    QTest::addColumn<bool>("on");
-    QTest::addColumn<QString>("last");
-    QTest::addColumn<QString>("connectedTo");
-    QTest::newRow("off") << false << "Canada"
-                         << "";
-    QTest::newRow("last cluster") << true << "Canada"
-                                  << "Canada";
-    QTest::newRow("last cluster gone") << true << "Atlantis"
-                                       << "United States";
-}
-
-void TestHeadless::idleConnectsAutomatically()
-{
-    QFETCH(bool, on);
-    QFETCH(QString, last);
-    QFETCH(QString, connectedTo);
-    m_env->storage().storeAppAutoconnectEnabled(on);
-    m_env->storage().storeLastConnectedCluster(last);
-    const int code = run({}, [&](HeadlessRunner &runner) {
-        // Quit whatever happened, so a failure ends the run at once (checked below).
-        [[maybe_unused]] const bool seen = QTest::qWaitFor(
+    // Moves the clock until `condition` holds (replies and the client's output come in real time).
+    bool clockUntil(const std::function<bool()> &condition)
+    {
+        return QTest::qWaitFor(
             [&] {
                 m_clock->advance(kClockStepMs);
-                return m_err.contains(QStringLiteral("Ready.")) &&
-                       (connectedTo.isEmpty() || m_out.contains(QStringLiteral("Connected to")));
+                return condition();
             },
             kWaitMs);
-        m_clock->advance(kClockStepMs * 5);
-        runner.command(QStringLiteral("quit"));
-    });
-    QCOMPARE(code, 0);
-    QCOMPARE(m_err.contains(QStringLiteral("Connecting")), on);
-    if (on)
-        QVERIFY2(m_out.contains(QStringLiteral("Connected to ") + connectedTo + QLatin1Char('\n')), qPrintable(m_out));
-}
+    }
+
+private slots:
+    void initTestCase()
+    {
+        QVERIFY(m_backend.start());
+        // The reachability check asks the built-in backend address.
+        qputenv("PELORIN_BACKEND_URL", m_backend.baseUrl().toUtf8());
+        qputenv("PELORIN_EXTENSION_PORT", "0");
+    }
+    void init()
+    {
+        makeEnvironment(m_backend.baseUrl());
+        qputenv("PELORIN_AUTOSTART_DIR", QFile::encodeName(m_env->root() + QStringLiteral("/autostart")));
+        m_clock = std::make_unique<TestClock>();
+        MainQueue::setTestClock(m_clock.get());
+        m_out.clear();
+        m_err.clear();
+    }
+    void cleanup()
+    {
+        MainQueue::setTestClock(nullptr);
+        m_clock.reset();
+        m_env.reset();
+    }
+
+    // Each row runs the console client to its end; `steps` (separated by '|') are done while it
+    // runs: "wait TEXT" moves the clock until TEXT is out, "tick" moves it 5 s, "signal" and
+    // "end" interrupt it, "ends with TEXT" checks standard output, anything else is a command.
+    void exitCodes_data()
+    {
+        QTest::addColumn<QString>("argument"); // the cluster, or the check
+        QTest::addColumn<int>("mode");
+        QTest::addColumn<QString>("setup"); // what is made to go wrong, or "auto:" and the last cluster
+        QTest::addColumn<QString>("steps");
+        QTest::addColumn<int>("code");
+        QTest::addColumn<QString>("said"); // on standard error, or standard output for results
+        QTest::addColumn<QString>("unsaid");
+        const int idle = int(HeadlessRunner::Mode::Idle);
+        const int list = int(HeadlessRunner::Mode::List);
+        const int script = int(HeadlessRunner::Mode::Script);
+        const int connect = int(HeadlessRunner::Mode::Connect);
+        const QString connected = QStringLiteral("wait Connected to|");
+        QTest::newRow("script passes") << "true" << script << ""
+                                       << "" << 0 << "Traffic check passed"
+                                       << "";
+        QTest::newRow("script check fails") << "false" << script << ""
+                                            << "" << 5 << "Traffic check FAILED"
+                                            << "";
+        QTest::newRow("list") << "" << list << ""
+                              << "" << 0 << "\t(default)\n"
+                              << "";
+        QTest::newRow("list, no backend") << "" << list << "no backend"
+                                          << "" << 3 << "Cannot load the server list"
+                                          << "";
+        QTest::newRow("no such cluster") << "Atlantis" << connect << ""
+                                         << "" << 2 << "No cluster named 'Atlantis'"
+                                         << "";
+        QTest::newRow("backend unreachable") << "DE" << connect << "no backend"
+                                             << "" << 3 << "giving up"
+                                             << "";
+        QTest::newRow("sudo refuses") << "DE" << connect << "sudo-refuses"
+                                      << "" << 4 << "log out and in again"
+                                      << "";
+        QTest::newRow("no tunnel in time") << "DE" << connect << "silent client"
+                                           << "" << 4 << "No tunnel after 60 seconds"
+                                           << "";
+        QTest::newRow("tunnel refused") << "DE" << connect << "auth failed"
+                                        << "" << 4 << "The server refused the VPN credentials"
+                                        << "";
+        // A disconnect leaves the console running: later time and commands are still served.
+        QTest::newRow("disconnect, then quit")
+            << "DE" << connect << ""
+            << connected + "disconnect|wait State: 1 disconnected|tick|status|ends with State: 1 disconnected|quit" << 0
+            << "Disconnecting"
+            << "";
+        // A signal, or the application ended by someone else (an update being installed).
+        QTest::newRow("signal") << "DE" << connect << "silent client"
+                                << "wait State: 2|signal" << 6 << "Signal 15"
+                                << "";
+        QTest::newRow("application ended") << "DE" << connect << "silent client"
+                                           << "wait State: 2|end" << 6 << ""
+                                           << "";
+        // Without a cluster named, "Connect automatically" connects to the last cluster (by
+        // name), else to the default one; switched off, the console only starts up.
+        QTest::newRow("idle") << "" << idle << ""
+                              << "wait Ready.|tick|quit" << 0 << "Ready."
+                              << "Connecting";
+        QTest::newRow("automatic, last cluster")
+            << "" << idle << "auto:Canada" << connected + "quit" << 0 << "Connected to Canada\n"
+            << "";
+        QTest::newRow("automatic, last cluster gone")
+            << "" << idle << "auto:Atlantis" << connected + "quit" << 0 << "Connected to United States\n"
+            << "";
+    }
+    void exitCodes()
+    {
+        QFETCH(QString, argument);
+        QFETCH(int, mode);
+        QFETCH(QString, setup);
+        QFETCH(QString, steps);
+        QFETCH(int, code);
+        QFETCH(QString, said);
+        QFETCH(QString, unsaid);
+        if (setup == QLatin1String("no backend"))
+            makeEnvironment(QStringLiteral("http://127.0.0.1:9"));
+        else if (setup == QLatin1String("sudo-refuses"))
+            m_env->writeFile(setup, {});
+        else if (setup == QLatin1String("silent client"))
+            useClient("while :; do sleep 1 & wait $!; done\n");
+        else if (setup == QLatin1String("auth failed"))
+            useClient("printf 'ovpncli: AUTH_FAILED\\n'; sleep 0.2; printf 'ovpncli: connect error\\n'\n");
+        m_env->storage().storeAppAutoconnectEnabled(setup.startsWith(QLatin1String("auto:")));
+        m_env->storage().storeLastConnectedCluster(setup.mid(5));
+
+        HeadlessRunner::Options options;
+        options.mode = HeadlessRunner::Mode(mode);
+        (options.mode == HeadlessRunner::Mode::Script ? options.onConnectedCommand : options.target) = argument;
+        options.standardErrorIsTerminal = [] { return true; };
+        int ended = -1;
+        options.endLoop = [&ended](int exitCode) { ended = exitCode; };
+        QTextStream out(&m_out);
+        QTextStream err(&m_err);
+        {
+            HeadlessRunner runner(options, out, err);
+            runner.start();
+            for (const QString &step : steps.split(QLatin1Char('|'), Qt::SkipEmptyParts)) {
+                if (step.startsWith(QLatin1String("wait ")))
+                    QVERIFY2(clockUntil([&] { return (m_out + m_err).contains(step.mid(5)); }), qPrintable(step));
+                else if (step.startsWith(QLatin1String("ends with ")))
+                    QVERIFY2(m_out.endsWith(step.mid(10) + QLatin1Char('\n')), qPrintable(m_out));
+                else if (step == QLatin1String("tick"))
+                    m_clock->advance(kClockStepMs * 5);
+                else if (step == QLatin1String("signal"))
+                    runner.interrupt(15);
+                else if (step == QLatin1String("end"))
+                    NQApplication::current()->terminate();
+                else
+                    runner.command(step);
+            }
+            clockUntil([&] { return ended >= 0; });
+            QCOMPARE(runner.exitCode(), ended);
+        }
+        // The quit sequence's own delays, so nothing of this run is left for the next one.
+        m_clock->advance(10000);
+        QCOMPARE(ended, code);
+        QVERIFY2((m_err + m_out).contains(said), qPrintable(m_err + m_out));
+        QVERIFY2(unsaid.isEmpty() || !(m_err + m_out).contains(unsaid), qPrintable(m_err + m_out));
+        // Results and messages are kept apart.
+        QVERIFY(!m_out.contains(QStringLiteral("Starting up")));
+        // Whatever happened, no tunnel client is left behind (ended from outside, the service
+        // helper, not running here, ends it).
+        if (!steps.endsWith(QLatin1String("|end")))
+            QTRY_VERIFY_WITH_TIMEOUT(
+                QProcess::execute(QStringLiteral("pkill"),
+                                  {QStringLiteral("-0"), QStringLiteral("-f"), m_env->helpersDirectory()}) != 0,
+                kWaitMs);
+    }
+
+    // The real program: options, results on standard output, messages on standard error.
+    void program_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("display");
+        QTest::addColumn<int>("code");
+        QTest::addColumn<QStringList>("out"); // each in standard output; none: it stays empty
+        QTest::addColumn<QString>("err");
+        const QString version = QStringLiteral("PelorinVPN %1\n").arg(AppUpdateManager::ownVersion());
+        // An unknown option is refused the same way with a display as without one.
+        for (const QString display : {"", ":99"})
+            QTest::addRow("unknown option, display '%s'", qPrintable(display))
+                << QStringList{"--colour"} << display << 2 << QStringList() << "Unknown option 'colour'";
+        QTest::newRow("version") << QStringList{"--version"} << "" << 0 << QStringList{version} << "";
+        QTest::newRow("help") << QStringList{"--help"} << "" << 0
+                              << QStringList{"disconnect", "CLEAR_USERDEFAULTS", "CLEAR_VPN", "Exit codes",
+                                             "6  interrupted"}
+                              << "";
+        QTest::newRow("script without check")
+            << QStringList{"--script"} << "" << 2 << QStringList() << "--on-connected";
+        QTest::newRow("list") << QStringList{"--headless", "--list"} << "" << 0 << QStringList{"\t(default)\n"} << "";
+    }
+    void program()
+    {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, display);
+        QFETCH(int, code);
+        QFETCH(QStringList, out);
+        QFETCH(QString, err);
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("PELORIN_RESOURCES_DIR"), m_env->root() + QStringLiteral("/resources"));
+        env.insert(QStringLiteral("PELORIN_HELPERS_DIR"), m_env->helpersDirectory());
+        env.insert(QStringLiteral("PELORIN_SUDO"), m_env->root() + QStringLiteral("/sudo"));
+        env.insert(QStringLiteral("PELORIN_TMPDIR"), m_env->temporaryDirectory());
+        env.insert(QStringLiteral("PELORIN_DATA_HOME"), m_env->root() + QStringLiteral("/data"));
+        env.insert(QStringLiteral("XDG_CONFIG_HOME"), m_env->root() + QStringLiteral("/config"));
+        env.insert(QStringLiteral("DISPLAY"), display);
+        env.remove(QStringLiteral("WAYLAND_DISPLAY"));
+        m_backend.clearRequests();
+        QProcess process;
+        process.setProcessEnvironment(env);
+        process.start(qEnvironmentVariable("PELORIN_BINARY_DIR") + QStringLiteral("/bin/pelorin-vpn"), arguments);
+        QVERIFY(process.waitForFinished(kWaitMs));
+        const QString stdOut = QString::fromUtf8(process.readAllStandardOutput());
+        const QString stdErr = QString::fromUtf8(process.readAllStandardError());
+        QCOMPARE(process.exitCode(), code);
+        QVERIFY2(stdErr.contains(err), qPrintable(stdErr));
+        QVERIFY2(out.isEmpty() ? stdOut.isEmpty()
+                               : std::ranges::all_of(out, [&](auto &o) { return stdOut.contains(o); }),
+                 qPrintable(stdOut));
+        if (arguments.contains(QStringLiteral("--version")))
+            QCOMPARE(stdOut, out.first());
+        // The list asks for the catalogue only.
+        if (arguments.contains(QStringLiteral("--list"))) {
+            const QJsonArray requests = m_backend.requests();
+            QCOMPARE(requests.size(), 1);
+            QVERIFY(requests.first()["path"].toString().startsWith(QStringLiteral("/api1/vpnapi/serverlist/")));
+        }
+    }
+};
 
 QTEST_GUILESS_MAIN(TestHeadless)
 #include "tst_headless.moc"
