@@ -250,6 +250,33 @@ private slots:
         }
     }
 
+    // With no server list on screen: the last connected cluster, else the default, else the first;
+    // an empty catalogue starts nothing.
+    void connectsAutomaticallyToTheLastOrDefaultCluster_data()
+    {
+        QTest::addColumn<QString>("last");
+        QTest::addColumn<bool>("withDefault");
+        QTest::addColumn<qint64>("expected"); // 0: no connect
+        QTest::newRow("last") << "C" << true << qint64(3);
+        QTest::newRow("default") << "Gone" << true << qint64(2);
+        QTest::newRow("first") << QString() << false << qint64(1);
+        QTest::newRow("empty") << "C" << true << qint64(0);
+    }
+    void connectsAutomaticallyToTheLastOrDefaultCluster()
+    {
+        QFETCH(QString, last);
+        QFETCH(bool, withDefault);
+        QFETCH(qint64, expected);
+        if (expected)
+            m_fx->vpn.countries = {eu("A", 1), eu("B", 2, withDefault), eu("C", 3)};
+        m_fx->storage.storeAppAutoconnectEnabled(true);
+        m_fx->storage.storeLastConnectedCluster(last);
+        panel().viewDidLoad();
+        m_fx->vpn.pendingCountries.takeFirst()(std::nullopt);
+        flush();
+        QCOMPARE(m_fx->vpn.pendingConfigs.isEmpty() ? 0 : m_fx->vpn.pendingConfigs.first().first, expected);
+    }
+
     void sessionTimeTextAndTimer()
     {
         const QList<QPair<quint64, QString>> cases{{0, "00:00:00"},
@@ -712,13 +739,6 @@ private slots:
         about.clickAgreement();
         about.clickPrivacy();
         QCOMPARE(m_fx->urls.opened, (QStringList{AppConfig::eulaUrl(), AppConfig::privacyPolicyUrl()}));
-
-        HomeVC home(m_fx->services);
-        home.viewDidLoad();
-        EventBus::defaultCenter().post(Events::NT_TOGGLE_ABOUT);
-        QVERIFY(home.aboutVisible());
-        about.clickClose();
-        QVERIFY(!home.aboutVisible());
     }
 
     // Subscribed twice, a toggle would be delivered twice and undo itself.

@@ -12,6 +12,7 @@
 #include "shell/NQApplication.h"
 #include "shell/SplashVC.h"
 #include "ui/HomeVC.h"
+#include "ui/UiText.h"
 #include "ui/app/MainWindowHost.h"
 #include "ui/app/ManagerVpnEngine.h"
 #include "ui/widgets/HomeWidget.h"
@@ -36,6 +37,18 @@ QStringList menuTitles(const QMenu *menu)
     for (const QAction *action : menu->actions())
         titles << (action->isSeparator() ? QStringLiteral("-") : action->text());
     return titles;
+}
+
+// The visible label or button showing `text`, if any.
+QWidget *shownWith(const QWidget *window, const QString &text)
+{
+    for (QWidget *w : window->findChildren<QWidget *>()) {
+        const auto *label = qobject_cast<QLabel *>(w);
+        const auto *button = qobject_cast<QAbstractButton *>(w);
+        if (w->isVisible() && ((label && label->text() == text) || (button && button->text() == text)))
+            return w;
+    }
+    return nullptr;
 }
 } // namespace
 
@@ -89,6 +102,20 @@ private slots:
         QCOMPARE(window->size(), QSize(HomeWidget::kWidth, HomeWidget::kHeight));
         QVERIFY(window->isVisible());
         QTRY_VERIFY(!window->findChild<SplashWidget *>());
+
+        // The window follows its screens: the About overlay, closed by its own button; the
+        // connection panel's lines as the engine reports.
+        const QString close = UiText::forKey(QStringLiteral("Close"));
+        QVERIFY(shownWith(window, UiText::forKey(QStringLiteral("Your location"))));
+        QVERIFY(!shownWith(window, close));
+        EventBus::defaultCenter().post(Events::NT_TOGGLE_ABOUT);
+        auto *closeButton = qobject_cast<QPushButton *>(shownWith(window, close));
+        QVERIFY(closeButton);
+        closeButton->click();
+        QVERIFY(!shownWith(window, close));
+        m_fx->vpn.blockedCallback(true);
+        m_clock->advance(0);
+        QVERIFY(shownWith(window, UiText::forKey(QStringLiteral("Traffic outside the VPN is blocked"))));
 
         // The home screen's close button asks the controller, who keeps the window here.
         emit host.homeWidget()->home().closeRequested();
