@@ -594,6 +594,25 @@ private slots:
         QCOMPARE(restarts(), 0);
     }
 
+    // Opened, every switch shows what is stored, and nothing is offered to Apply.
+    void switchesShowTheStoredSettings()
+    {
+        AppStorageManager &storage = m_fx->storage;
+        storage.storeAdsBlockerEnabled(true);
+        storage.storeVpnDataCompressionEnabled(true);
+        storage.storeAppAutorunEnabled(true);
+        storage.storeAppExitOnClose(true);
+        storage.storeAppAutoconnectEnabled(true);
+        storage.storeAutoupdate(true);
+        m_fx->vpn.killSwitch = true;
+        const SettingsVC &vc = settings();
+        QCOMPARE(
+            (QList<bool>{vc.switchAdBlocking.on, vc.switchCompression.on, vc.switchStartup.on, vc.switchExitOnClose.on,
+                         vc.switchAutoconnect.on, vc.switchAutoupdate.on, vc.switchKillSwitch.on}),
+            QList<bool>(7, true));
+        QVERIFY(!vc.buttonApplyEnabled());
+    }
+
     // Connected: the tunnel is stopped first and the restart follows a second later.
     void languageChangeRestarts()
     {

@@ -4,6 +4,7 @@
 #include "support/ClockGuard.h"
 
 #include "app/SingleInstance.h"
+#include "foundation/AppConfig.h"
 #include "foundation/EventBus.h"
 #include "foundation/EventNames.h"
 #include "foundation/LocalString.h"
@@ -12,6 +13,7 @@
 #include "shell/NQApplication.h"
 #include "shell/SplashVC.h"
 #include "ui/HomeVC.h"
+#include "ui/NameAndVersionLabel.h"
 #include "ui/UiText.h"
 #include "ui/app/MainWindowHost.h"
 #include "ui/app/ManagerVpnEngine.h"
@@ -109,6 +111,12 @@ private slots:
         QVERIFY(shownWith(window, UiText::forKey(QStringLiteral("Your location"))));
         QVERIFY(!shownWith(window, close));
         EventBus::defaultCenter().post(Events::NT_TOGGLE_ABOUT);
+        QVERIFY(shownWith(window, NameAndVersionLabel::text()));
+        auto *agreement =
+            qobject_cast<QPushButton *>(shownWith(window, UiText::forKey(QStringLiteral("License agreement"))));
+        QVERIFY(agreement);
+        agreement->click();
+        QCOMPARE(m_fx->urls.opened, QStringList{AppConfig::eulaUrl()});
         auto *closeButton = qobject_cast<QPushButton *>(shownWith(window, close));
         QVERIFY(closeButton);
         closeButton->click();
