@@ -19,8 +19,7 @@
 
 // Stand-ins for everything the screens talk to. Each records what it was asked and answers
 // what the test set up; completions are kept so a test decides when (and how) they finish.
-class FakeVpnEngine : public VpnEngine {
-public:
+struct FakeVpnEngine : VpnEngine {
     QList<NQVPNCountry> countries;
     std::optional<NQVPNCountry> current;
     StateCallback callback;
@@ -28,7 +27,10 @@ public:
     QList<QPair<qint64, ConfigCompletion>> pendingConfigs;
     QList<QPair<QString, QString>> starts;
     int stops = 0;
-    QStringList knownFlags{QStringLiteral("de"), QStringLiteral("ua"), QStringLiteral("us")};
+    bool killSwitch = false;
+    bool blocked = false;
+    BlockedCallback blockedCallback;
+    bool holdBlock = false;
 
     QList<NQVPNCountry> availableCountries() const override { return countries; }
     std::optional<NQVPNCountry> currentCountry() const override { return current; }
@@ -55,32 +57,26 @@ public:
     }
     void report(int state)
     {
-        reported << state;
         if (callback)
             callback(state);
     }
-    QList<int> reported;
     bool hasConnectionStateCallback() const override { return bool(callback); }
     void setOnConnectionStateChange(StateCallback cb) override { callback = std::move(cb); }
     QString flagForCountryCode(const QString &code) const override
     {
         if (code.isNull() || code == QLatin1String("Unknown"))
             return QStringLiteral("flags/flag_unknown.svg");
-        return knownFlags.contains(code.toLower()) ? QStringLiteral("flags/%1.svg").arg(code.toLower()) : QString();
+        const QString known = code.toLower();
+        return QStringList{"de", "ua", "us"}.contains(known) ? QStringLiteral("flags/%1.svg").arg(known) : QString();
     }
-    bool killSwitch = false;
-    bool blocked = false;
-    BlockedCallback blockedCallback;
     bool killSwitchEnabled() const override { return killSwitch; }
     void setKillSwitchEnabled(bool on) override { killSwitch = on; }
     bool trafficBlocked() const override { return blocked; }
     void setOnTrafficBlockedChange(BlockedCallback cb) override { blockedCallback = std::move(cb); }
     void setHoldBlockBetweenRuns(bool hold) override { holdBlock = hold; }
-    bool holdBlock = false;
 };
 
-class FakeLocation : public LocationLookup {
-public:
+struct FakeLocation : LocationLookup {
     QList<Completion> pending;
     void checkMyLocation(Completion completion) override { pending << completion; }
     // Finishes the oldest pending lookup.
@@ -90,19 +86,23 @@ public:
     }
 };
 
-class FakeAlerts : public AlertPresenter {
-public:
+// Answers at once with `answer`; with `hold`, keeps the alert open until the test calls `pending`.
+struct FakeAlerts : AlertPresenter {
     QList<AlertRequest> shown;
     long answer = kDefaultButtonTag;
+    bool hold = false;
+    std::function<void(long)> pending;
     void runModal(const AlertRequest &alert, std::function<void(long)> done) override
     {
         shown << alert;
-        done(answer);
+        if (hold)
+            pending = std::move(done);
+        else
+            done(answer);
     }
 };
 
-class FakeUrls : public UrlOpener {
-public:
+struct FakeUrls : UrlOpener {
     QStringList opened;
     bool openUrl(const QString &url) override
     {
@@ -111,8 +111,7 @@ public:
     }
 };
 
-class FakeChrome : public ChromeLauncher {
-public:
+struct FakeChrome : ChromeLauncher {
     QList<QStringList> launches;
     NQErrorOpt failWith;
     NQErrorOpt openGoogleChrome(const QStringList &arguments) override
@@ -122,8 +121,7 @@ public:
     }
 };
 
-class FakeExtension : public ExtensionControl {
-public:
+struct FakeExtension : ExtensionControl {
     AppStorageManager *storage = nullptr;
     bool chrome = true;
     bool extension = true;
@@ -143,20 +141,13 @@ public:
     }
 };
 
-class FakeLoginItems : public LoginItemControl {
-public:
-    bool listed = false;
+struct FakeLoginItems : LoginItemControl {
     QList<bool> calls;
-    bool appIsInLoginItems() override { return listed; }
-    void setLaunchAtLogin(bool enabled) override
-    {
-        calls << enabled;
-        listed = enabled;
-    }
+    bool appIsInLoginItems() override { return !calls.isEmpty() && calls.last(); }
+    void setLaunchAtLogin(bool enabled) override { calls << enabled; }
 };
 
-class FakeUpdates : public UpdateService {
-public:
+struct FakeUpdates : UpdateService {
     QList<std::function<void(bool)>> checks;
     int downloads = 0;
     void checkForUpdateWithCompletion(std::function<void(bool)> completion) override { checks << completion; }

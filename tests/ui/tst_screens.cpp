@@ -1,0 +1,889 @@
+// The screens' rules without a display: the connection panel, the server list, the settings,
+// the menus and overlays of the home screen, and the keeper that brings a fallen tunnel back.
+#include "UiFakes.h"
+#include "support/ClockGuard.h"
+
+#include "foundation/AppConfig.h"
+#include "foundation/BundleExtended.h"
+#include "foundation/EventBus.h"
+#include "foundation/EventNames.h"
+#include "foundation/LocalString.h"
+#include "ui/AboutView.h"
+#include "ui/ClustersVC.h"
+#include "ui/ContextMenuView.h"
+#include "ui/HomeMainPanelVC.h"
+#include "ui/HomeVC.h"
+#include "ui/NameAndVersionLabel.h"
+#include "ui/SettingsVC.h"
+#include "ui/TunnelKeeper.h"
+#include "ui/UiText.h"
+#include "ui/UpdateVC.h"
+#include "vpn/VpnState.h"
+
+#include <QtTest>
+
+namespace {
+QString text(const char *key)
+{
+    return UiText::forKey(QString::fromLatin1(key));
+}
+QString connectedTime(const char *time)
+{
+    return QStringLiteral("%1: %2").arg(text("ConnectedTime"), QString::fromLatin1(time));
+}
+// The button and the connection line as one text: "title|image|state".
+QString button(const MainPanelDisplay &d)
+{
+    return d.buttonTitle + QLatin1Char('|') + d.buttonImage + QLatin1Char('|') + d.labelState;
+}
+QStringList names(const QList<ClusterRecord> &records)
+{
+    QStringList out;
+    for (const ClusterRecord &r : records)
+        out << r->countryName;
+    return out;
+}
+NQVPNCountry favourite(const char *name)
+{
+    NQVPNCountry c = eu(name);
+    c.clusterFavourited = true;
+    return c;
+}
+QVariantMap catalogue(const QList<NQVPNCountry> &countries)
+{
+    return {{QString::fromLatin1(Events::NQVpnKeyClustersArray), QVariant::fromValue(countries)}};
+}
+QVariantMap chosen(const NQVPNCountry &c)
+{
+    return {{Events::kCurrentCountry, QVariant::fromValue(c)}};
+}
+// Records URLs in the same timeline as the events a test watches, so it can tell what came first.
+struct Timeline : UrlOpener {
+    QStringList &steps;
+    explicit Timeline(QStringList &into) : steps(into) {}
+    bool openUrl(const QString &url) override
+    {
+        steps << QStringLiteral("open ") + url;
+        return true;
+    }
+};
+} // namespace
+
+class TstScreens : public QObject {
+    Q_OBJECT
+
+    std::unique_ptr<ClockGuard> m_clock;
+    std::unique_ptr<UiFixture> m_fx;
+    std::unique_ptr<HomeMainPanelVC> m_panel;
+    std::unique_ptr<ClustersVC> m_clusters;
+    std::unique_ptr<SettingsVC> m_settings;
+    QStringList m_events;    // watched events in order; a chosen cluster as its name
+    QStringList m_announced; // clusters chosen (NT_CLUSTERS_SELECT)
+
+    // Display work hops to the main queue, sometimes twice; run it all.
+    void flush()
+    {
+        for (int i = 0; i < 4; ++i)
+            m_clock->advance(0);
+    }
+    void watch(std::initializer_list<const char *> names)
+    {
+        for (const char *name : names)
+            EventBus::defaultCenter().addObserver(this, name, [this](const Event &e) { m_events << e.name; });
+    }
+    HomeMainPanelVC &panel()
+    {
+        if (!m_panel)
+            m_panel = std::make_unique<HomeMainPanelVC>(m_fx->services);
+        return *m_panel;
+    }
+    const MainPanelDisplay &display() { return panel().display(); }
+    // A loaded panel with Germany chosen and the catalogue answered.
+    void loadWithCluster()
+    {
+        m_fx->vpn.current = country(QStringLiteral("Germany"), QStringLiteral("DE"), QStringLiteral("Europe"), 7);
+        panel().viewDidLoad();
+        m_fx->vpn.pendingCountries.takeFirst()(std::nullopt);
+        flush();
+    }
+    void state(int state)
+    {
+        m_fx->vpn.callback(state);
+        flush();
+    }
+    ClustersVC &clusters()
+    {
+        if (!m_clusters)
+            m_clusters = std::make_unique<ClustersVC>(m_fx->services);
+        return *m_clusters;
+    }
+    void storeFavourites(const QList<NQVPNCountry> &list)
+    {
+        QVERIFY(m_fx->storage.setArray(list, QString::fromLatin1(ClustersVC::kClusterItemsKey)));
+    }
+    QStringList storedFavourites() const
+    {
+        QStringList out;
+        const auto list = m_fx->storage.arrayForKey<NQVPNCountry>(QString::fromLatin1(ClustersVC::kClusterItemsKey));
+        for (const NQVPNCountry &c : list.value_or(QList<NQVPNCountry>()))
+            out << c.countryName;
+        return out;
+    }
+    QList<bool> flags(bool NQVPNCountry::*flag)
+    {
+        QList<bool> out;
+        for (const ClusterRecord &r : clusters().tableSourceAllLocations().tableData)
+            out << (*r).*flag;
+        return out;
+    }
+    // The settings screen shown in English, counting the restarts it asks for.
+    SettingsVC &settings()
+    {
+        if (!m_settings) {
+            LocalString::setOverridesForTesting({QStringList{QStringLiteral("en")}, std::nullopt, std::nullopt});
+            m_fx->storage.storeAppLanguageCode(QStringLiteral("en"));
+            m_settings = std::make_unique<SettingsVC>(m_fx->services);
+            watch({Events::APP_RESTART});
+            m_settings->viewWillAppear();
+        }
+        return *m_settings;
+    }
+    int restarts() const { return int(m_events.count(QStringLiteral("APP_RESTART"))); }
+    void chooseLanguage(const QString &code, const QString &name)
+    {
+        EventBus::defaultCenter().post(Events::LANGUAGE_SELECTED, {{code, name}});
+        flush();
+    }
+
+private slots:
+    void init()
+    {
+        EventBus::defaultCenter().reset();
+        m_clock = std::make_unique<ClockGuard>();
+        m_fx = std::make_unique<UiFixture>();
+        m_events.clear();
+        m_announced.clear();
+        EventBus::defaultCenter().addObserver(this, Events::NT_CLUSTERS_SELECT, [this](const Event &e) {
+            m_announced << e.userInfo.value(Events::kCurrentCountry).value<NQVPNCountry>().countryName;
+        });
+    }
+    void cleanup()
+    {
+        EventBus::defaultCenter().removeObserver(this);
+        m_settings.reset();
+        m_clusters.reset();
+        m_panel.reset();
+        m_fx.reset();
+        m_clock.reset();
+        LocalString::setOverridesForTesting({});
+    }
+
+    // --- The connection panel
+
+    // Connect is enabled once a cluster is chosen; pressed again while connecting or connected, it stops.
+    void connectWhileConnectingOrConnectedStops()
+    {
+        panel().viewDidLoad();
+        m_fx->vpn.pendingCountries.takeFirst()(std::nullopt);
+        flush();
+        QVERIFY(!display().buttonEnabled);
+        const NQVPNCountry de = country(QStringLiteral("Germany"), QStringLiteral("DE"), QStringLiteral("Europe"), 7);
+        EventBus::defaultCenter().post(Events::NT_CLUSTERS_SELECT, chosen(de));
+        QCOMPARE(m_fx->vpn.current->countryName, QStringLiteral("Germany"));
+        flush();
+        QVERIFY(display().buttonEnabled);
+        panel().clickConnect();
+        flush();
+        QCOMPARE(m_fx->vpn.pendingConfigs.size(), 1);
+        QCOMPARE(m_fx->vpn.pendingConfigs.first().first, qint64(7));
+        QCOMPARE(button(display()), text("Cancel") + QStringLiteral("|button_normal3|"));
+        QVERIFY(display().loadingOverlayVisible && display().mapAnimating);
+        QVERIFY(m_fx->vpn.holdBlock); // a wanted tunnel keeps a block between client runs
+
+        panel().clickConnect();
+        QCOMPARE(m_fx->vpn.stops, 1);
+        QVERIFY(!m_fx->vpn.holdBlock);
+        QCOMPARE(m_fx->vpn.pendingConfigs.size(), 1);
+        QVERIFY(!panel().isConnecting());
+        // The late profile answer still starts what the user asked for first.
+        m_fx->vpn.pendingConfigs.takeFirst().second(QStringLiteral("client\n"), std::nullopt);
+        QCOMPARE(m_fx->vpn.starts.size(), 1);
+
+        // Connected as stored: the button disconnects and asks for no profile.
+        m_fx->storage.storeVPNStatus(VpnStateConnected);
+        panel().clickConnect();
+        QCOMPARE(m_fx->vpn.stops, 2);
+        QVERIFY(m_fx->vpn.pendingConfigs.isEmpty());
+    }
+
+    void profileStartsTheTunnelAndStatesRenderTheViews()
+    {
+        loadWithCluster();
+        panel().clickConnect();
+        flush();
+        m_fx->vpn.pendingConfigs.takeFirst().second(QStringLiteral("remote x\n"), std::nullopt);
+        QCOMPARE(m_fx->vpn.current->ovpn, QStringLiteral("remote x\n"));
+        QCOMPARE(m_fx->vpn.starts,
+                 (QList<QPair<QString, QString>>{{QStringLiteral("remote x\n"), QStringLiteral("Germany")}}));
+
+        state(VpnStateConnected);
+        const MainPanelDisplay &d = display();
+        QCOMPARE(button(d), text("Disconnect") + QStringLiteral("|button_normal3|") + connectedTime("00:00:00"));
+        QCOMPARE(d.buttonAlternateTitle, text("Disconnect"));
+        QCOMPARE(QStringList({d.labelVirtualLocation, d.labelVirtualIpAddress, d.virtualLocationFlag}),
+                 (QStringList{"Germany", "10.0.0.7", "flags/de.svg"}));
+        QCOMPARE(d.shownMarker, std::optional<MapMarker>(MapMarker::Eu));
+        QVERIFY(!d.mapAnimating && d.buttonEnabled);
+
+        state(VpnStateDisconnecting);
+        QCOMPARE(button(d), text("Cancel") + QStringLiteral("|button_normal3|") + text("Disconnecting"));
+        QCOMPARE(d.loadingOverlayLabel, text("Disconnecting"));
+        QVERIFY(!d.shownMarker);
+
+        for (int other : {0, 1, 4, 9}) {
+            state(VpnStateConnected);
+            state(other);
+            QCOMPARE(button(d), text("Connect") + QStringLiteral("|button_normal|"));
+            QCOMPARE(d.labelVirtualLocation, QStringLiteral("---"));
+            QVERIFY(d.virtualLocationFlag.isNull());
+            QVERIFY(!d.loadingOverlayVisible);
+        }
+    }
+
+    // With no server list on screen: the last connected cluster, else the default, else the first;
+    // an empty catalogue starts nothing.
+    void connectsAutomaticallyToTheLastOrDefaultCluster_data()
+    {
+        QTest::addColumn<QString>("last");
+        QTest::addColumn<bool>("withDefault");
+        QTest::addColumn<qint64>("expected"); // 0: no connect
+        QTest::newRow("last") << "C" << true << qint64(3);
+        QTest::newRow("default") << "Gone" << true << qint64(2);
+        QTest::newRow("first") << QString() << false << qint64(1);
+        QTest::newRow("empty") << "C" << true << qint64(0);
+    }
+    void connectsAutomaticallyToTheLastOrDefaultCluster()
+    {
+        QFETCH(QString, last);
+        QFETCH(bool, withDefault);
+        QFETCH(qint64, expected);
+        if (expected)
+            m_fx->vpn.countries = {eu("A", 1), eu("B", 2, withDefault), eu("C", 3)};
+        m_fx->storage.storeAppAutoconnectEnabled(true);
+        m_fx->storage.storeLastConnectedCluster(last);
+        panel().viewDidLoad();
+        m_fx->vpn.pendingCountries.takeFirst()(std::nullopt);
+        flush();
+        QCOMPARE(m_fx->vpn.pendingConfigs.isEmpty() ? 0 : m_fx->vpn.pendingConfigs.first().first, expected);
+    }
+
+    void sessionTimeTextAndTimer()
+    {
+        const QList<QPair<quint64, QString>> cases{{0, "00:00:00"},
+                                                   {3725, "01:02:05"},
+                                                   {99 * 3600 + 3599, "99:59:59"},
+                                                   {100 * 3600, "100:00:00"}, // widens
+                                                   {3600 + 59 * 60 + 60, "02:00:00"}};
+        for (const auto &[seconds, shown] : cases)
+            QCOMPARE(HomeMainPanelVC::sessionTimeText(seconds), shown);
+
+        // Counted on the clock; a second connect runs a second timer, so the time runs double.
+        loadWithCluster();
+        panel().setConnected();
+        flush();
+        m_clock->advance(3725 * 1000);
+        QCOMPARE(display().labelState, connectedTime("01:02:05"));
+        panel().setDisconnected();
+        flush();
+        QCOMPARE(panel().sessionDurationSeconds(), quint64(0));
+        QCOMPARE(panel().runningTimerCount(), 0);
+        panel().setConnected();
+        panel().setConnected();
+        flush();
+        QCOMPARE(panel().runningTimerCount(), 2);
+        m_clock->advance(5000);
+        QCOMPARE(display().labelState, connectedTime("00:00:10"));
+    }
+
+    void markerFollowsContinentAndIso()
+    {
+        struct Case {
+            const char *continent, *iso;
+            int marker; // -1: none
+        };
+        for (const Case c :
+             {Case{"North America", "CA", int(MapMarker::US)}, Case{"South America", "MX", int(MapMarker::Mexico)},
+              Case{"South America", "AR", int(MapMarker::Brasile)}, Case{"Europe", "UA", int(MapMarker::Ukraine)},
+              Case{"Europe", "DE", int(MapMarker::Eu)}, Case{"Africa", "ZA", int(MapMarker::Africa)},
+              Case{"Australia", "AU", int(MapMarker::Australia)}, Case{"Asia", "IN", int(MapMarker::India)},
+              Case{"Asia", "KR", int(MapMarker::EastAsia)}, Case{"europe", "UA", -1}, // case matters
+              Case{"Antarctica", "AQ", -1}, Case{"", "UA", -1}}) {
+            m_fx->vpn.current =
+                country(QStringLiteral("X"), QString::fromLatin1(c.iso), QString::fromLatin1(c.continent));
+            panel().playLocationLabel();
+            const std::optional<MapMarker> shown = display().shownMarker;
+            QVERIFY2((shown ? int(*shown) : -1) == c.marker, c.iso);
+        }
+    }
+
+    void realLocationRetriesTwentyTimesWhileAnotherLookupRuns()
+    {
+        panel().refreshLocation();
+        const auto busy = [this] {
+            m_fx->location.answer(QString(), QString(), QString::fromLatin1(LocationLookup::kAlreadyCalled));
+        };
+        for (int attempt = 1; attempt <= HomeMainPanelVC::kLocationRetryLimit; ++attempt) {
+            busy();
+            QCOMPARE(panel().locationGetTry(), attempt);
+            m_clock->advance(HomeMainPanelVC::kLocationRetryDelayMs - 1);
+            QVERIFY(m_fx->location.pending.isEmpty());
+            m_clock->advance(1);
+            QCOMPARE(m_fx->location.pending.size(), 1);
+        }
+        busy();
+        QCOMPARE(panel().locationGetTry(), 0);
+        m_clock->advance(5000);
+        QVERIFY(m_fx->location.pending.isEmpty());
+    }
+
+    void realLocationIsShownAndStored()
+    {
+        const auto lookUp = [this](const char *ip, const char *code) {
+            panel().refreshLocation();
+            m_fx->location.answer(QString::fromLatin1(ip), QString::fromLatin1(code));
+            flush();
+            return QStringList{display().labelLocation, display().labelIpAddress, display().locationFlag};
+        };
+        QCOMPARE(lookUp("203.0.113.9", "UA"), (QStringList{"Ukraine", "203.0.113.9", "flags/ua.svg"}));
+        QCOMPARE(m_fx->storage.getRealIp(), QStringLiteral("203.0.113.9"));
+        QCOMPARE(m_fx->storage.getCountry(), QStringLiteral("Ukraine"));
+        QCOMPARE(lookUp("198.51.100.1", "FR").last(), QStringLiteral("flags/flag_unknown.svg"));
+        // The country's name in the user's language.
+        const QLocale saved;
+        QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
+        const QString german = lookUp("198.51.100.2", "DE").first();
+        QLocale::setDefault(saved);
+        QCOMPARE(german, QStringLiteral("Deutschland"));
+    }
+
+    void storedLocationShowsAtStartAndVirtualLocationFollowsTheStoredState()
+    {
+        m_fx->storage.storeCountry(QStringLiteral("Finland"));
+        m_fx->storage.storeRealIp(QStringLiteral("192.0.2.4"));
+        m_fx->storage.storeVPNStatus(VpnStateConnected);
+        m_fx->storage.storeVirtualIP(QStringLiteral("10.8.0.1"));
+        m_fx->storage.storeVirtualCountry(QStringLiteral("Ukraine"));
+        m_fx->storage.storeVirtualCountryCode(QStringLiteral("UA"));
+        panel().viewDidLoad();
+        flush();
+        QCOMPARE(display().labelLocation, QStringLiteral("Finland"));
+        QCOMPARE(display().labelIpAddress, QStringLiteral("192.0.2.4"));
+        m_fx->vpn.pendingCountries.takeFirst()(std::nullopt);
+        flush();
+        QCOMPARE(QStringList(
+                     {display().labelVirtualLocation, display().labelVirtualIpAddress, display().virtualLocationFlag}),
+                 (QStringList{"Ukraine", "10.8.0.1", "flags/ua.svg"}));
+
+        m_fx->storage.storeVPNStatus(VpnStateDisconnected);
+        panel().initVPN();
+        m_fx->vpn.pendingCountries.takeFirst()(std::nullopt);
+        QCOMPARE(display().labelVirtualLocation, QStringLiteral("- - -"));
+        QCOMPARE(display().virtualLocationFlag, QStringLiteral("flags/flag_unknown.svg"));
+    }
+
+    void failuresShowTheirDialogsAndOnlyTheProfileOneRetries()
+    {
+        m_fx->alerts.answer = HomeMainPanelVC::kAlertFirstButton; // the user presses Retry
+        loadWithCluster();
+        panel().initVPN();
+        m_fx->vpn.pendingCountries.takeFirst()(NQError(QStringLiteral("d"), 1));
+        flush();
+        QCOMPARE(m_fx->alerts.shown.size(), 1);
+        QCOMPARE(m_fx->alerts.shown[0].title, QStringLiteral("Error"));
+        QCOMPARE(m_fx->alerts.shown[0].message, text("vpn_setup_failed_check_internet"));
+        QVERIFY(m_fx->vpn.pendingCountries.isEmpty());
+
+        panel().clickConnect();
+        flush();
+        m_fx->vpn.pendingConfigs.takeFirst().second(QString(), NQError(QStringLiteral("d"), 2));
+        flush();
+        QCOMPARE(m_fx->alerts.shown.size(), 2);
+        QCOMPARE(m_fx->alerts.shown[1].message, text("installing_vpn_configuration_failed"));
+        QCOMPARE(m_fx->alerts.shown[1].buttons.size(), 2);
+        QCOMPARE(m_fx->vpn.pendingConfigs.size(), 1); // Retry asked again
+        QVERIFY(m_fx->vpn.starts.isEmpty());
+
+        m_fx->alerts.answer = HomeMainPanelVC::kAlertFirstButton + 1; // Cancel
+        m_fx->vpn.pendingConfigs.takeFirst().second(QString(), NQError(QStringLiteral("d"), 2));
+        flush();
+        QVERIFY(m_fx->vpn.pendingConfigs.isEmpty());
+        QCOMPARE(display().buttonTitle, text("Cancel")); // stays Connecting
+    }
+
+    void overlayAndPopupsPostTheirEvents()
+    {
+        panel().viewDidLoad();
+        flush();
+        watch({Events::NOTIFICATION_LOADING_START, Events::NOTIFICATION_LOADING_END, Events::NT_HIDE_ABOUT,
+               Events::NT_HIDE_CONTEXT, Events::NT_HIDE_UPDATE});
+        panel().showLoadingOverlay();
+        flush();
+        QVERIFY(display().loadingOverlayVisible);
+        panel().hideLoadingOverlay();
+        flush();
+        QVERIFY(!display().loadingOverlayVisible);
+        panel().clickInfo();
+        QVERIFY(display().contextMenuVisible);
+        panel().clickSettings();
+        flush();
+        QVERIFY(!display().contextMenuVisible);
+        QCOMPARE(m_events, (QStringList{"NOTIFICATION_LOADING_START", "NOTIFICATION_LOADING_END", "NT_HIDE_ABOUT",
+                                        "NT_HIDE_CONTEXT", "NT_HIDE_UPDATE"}));
+    }
+
+    // Said from the engine's word at load and at every change, whatever the tunnel state.
+    void trafficBlockedLineFollowsTheEngine()
+    {
+        m_fx->vpn.blocked = true;
+        panel().viewDidLoad();
+        flush();
+        QCOMPARE(display().labelTrafficBlocked, text("Traffic outside the VPN is blocked"));
+        for (const bool blocked : {false, true}) {
+            m_fx->vpn.blockedCallback(blocked);
+            flush();
+            QCOMPARE(display().labelTrafficBlocked.isEmpty(), !blocked);
+        }
+    }
+
+    // --- The server list
+
+    // Marks are carried over by name; the first of two equal names takes them.
+    void favouriteMissingFromTheCatalogueStaysInTheFavouritesTabOnly()
+    {
+        storeFavourites({favourite("Atlantis"), favourite("Germany")});
+        m_fx->vpn.countries = {eu("France"), eu("Germany", 1), eu("Germany", 2)};
+        clusters().viewDidLoad();
+        QCOMPARE(names(clusters().tableSourceFavourites().tableData), (QStringList{"Atlantis", "Germany"}));
+        QCOMPARE(names(clusters().tableSourceAllLocations().tableData), (QStringList{"France", "Germany", "Germany"}));
+        QCOMPARE(flags(&NQVPNCountry::clusterFavourited), (QList<bool>{false, true, false}));
+        QCOMPARE(storedFavourites(), (QStringList{"Atlantis", "Germany"}));
+
+        EventBus::defaultCenter().post(Events::NOTIFICATION_CLUSTERS_LOADED,
+                                       catalogue({eu("Germany", 3), eu("Spain", 4)}));
+        QCOMPARE(flags(&NQVPNCountry::clusterFavourited), (QList<bool>{true, false}));
+        QCOMPARE(names(clusters().tableSourceFavourites().tableData), (QStringList{"Atlantis", "Germany"}));
+
+        QVERIFY(!clusters().loadingOverlayVisible());
+        EventBus::defaultCenter().post(Events::NOTIFICATION_LOADING_START);
+        QVERIFY(clusters().loadingOverlayVisible());
+        EventBus::defaultCenter().post(Events::NOTIFICATION_LOADING_END);
+        QVERIFY(!clusters().loadingOverlayVisible());
+    }
+
+    void damagedFavouritesAreReplacedByAnEmptyList()
+    {
+        const QString key = QString::fromLatin1(ClustersVC::kClusterItemsKey);
+        m_fx->storage.setValue(key, QByteArray("not an archive"));
+        QVERIFY(clusters().loadStoredClustersItems().isEmpty());
+        const auto stored = m_fx->storage.arrayForKey<NQVPNCountry>(key);
+        QVERIFY(stored.has_value());
+        QVERIFY(stored->isEmpty());
+        QVERIFY(clusters().loadStoredClustersItems().isEmpty());
+    }
+
+    void defaultClusterThenFirstRecordThenNothing()
+    {
+        clusters().viewDidLoad();
+        auto &bus = EventBus::defaultCenter();
+        bus.post(Events::NOTIFICATION_CLUSTERS_LOADED, catalogue({eu("A", 1), eu("B", 2, true), eu("C", 3)}));
+        QCOMPARE(clusters().selectedCountry()->countryName, QStringLiteral("B"));
+        QVERIFY(m_announced.contains(QStringLiteral("B")));
+        QCOMPARE(flags(&NQVPNCountry::clusterSelected), (QList<bool>{false, true, false}));
+        QCOMPARE(clusters().tableSourceAllLocations().selectedRow(), 1);
+
+        // The choice survives a new catalogue by name, even without a default.
+        clusters().clickRow(2);
+        bus.post(Events::NOTIFICATION_CLUSTERS_LOADED, catalogue({eu("C", 3), eu("D", 4)}));
+        QCOMPARE(clusters().selectedCountry()->countryName, QStringLiteral("C"));
+        QCOMPARE(clusters().tableSourceAllLocations().selectedRow(), 0);
+
+        ClustersVC fresh(m_fx->services);
+        fresh.viewDidLoad();
+        bus.removeObserver(m_clusters.get());
+        bus.post(Events::NOTIFICATION_CLUSTERS_LOADED, catalogue({eu("E", 5), eu("F", 6)}));
+        QCOMPARE(fresh.selectedCountry()->countryName, QStringLiteral("E"));
+
+        ClustersVC empty(m_fx->services);
+        empty.viewDidLoad();
+        bus.removeObserver(&fresh);
+        m_announced.clear();
+        bus.post(Events::NOTIFICATION_CLUSTERS_LOADED, catalogue({}));
+        QVERIFY(!empty.selectedCountry());
+        QVERIFY(m_announced.isEmpty());
+    }
+
+    // Rows are marked by the chosen name.
+    void clickBelowTheLastRowKeepsAndReannouncesTheChoice()
+    {
+        m_fx->vpn.countries = {eu("A", 1), eu("B", 2), eu("B", 3)};
+        clusters().viewDidLoad();
+        clusters().clickRow(1);
+        QCOMPARE(m_announced, QStringList{"B"});
+        clusters().clickRow(-1);
+        QCOMPARE(clusters().selectedCountry()->countryName, QStringLiteral("B"));
+        QCOMPARE(clusters().tableSourceAllLocations().selectedRow(), 1);
+        QVERIFY(m_announced.size() >= 2);
+        QVERIFY(m_announced.count(QStringLiteral("B")) == m_announced.size());
+        QCOMPARE(flags(&NQVPNCountry::clusterSelected), (QList<bool>{false, true, true}));
+        // Shown again: the choice is announced again.
+        m_announced.clear();
+        clusters().viewDidAppear();
+        QCOMPARE(m_announced, QStringList{"B"});
+        clusters().clickRow(0);
+        QCOMPARE(flags(&NQVPNCountry::clusterSelected), (QList<bool>{true, false, false}));
+        clusters().deselectAll();
+        QCOMPARE(flags(&NQVPNCountry::clusterSelected), (QList<bool>{false, false, false}));
+        QVERIFY(!clusters().selectedCountry());
+    }
+
+    void favouritesFollowTheStarAndUnfavouritingOnTheTabClearsTheChoice()
+    {
+        m_fx->vpn.countries = {eu("A", 1), eu("B", 2)};
+        clusters().viewDidLoad();
+        clusters().clickFavourite(1, true);
+        clusters().clickFavourite(0, true);
+        // Rebuilt from the catalogue's marks, in catalogue order, and kept.
+        QCOMPARE(names(clusters().tableSourceFavourites().tableData), (QStringList{"A", "B"}));
+        QCOMPARE(storedFavourites(), (QStringList{"A", "B"}));
+
+        clusters().clickTabFavourites();
+        QCOMPARE(clusters().selectedCountry()->countryName, QStringLiteral("A")); // first favourite
+        clusters().clickFavourite(0, false);
+        QVERIFY(!clusters().selectedCountry());
+        QCOMPARE(names(clusters().tableSourceFavourites().tableData), QStringList{"B"});
+        QCOMPARE(flags(&NQVPNCountry::clusterFavourited), (QList<bool>{false, true}));
+        QCOMPARE(storedFavourites(), QStringList{"B"});
+    }
+
+    // --- Settings
+
+    // Apply is offered for a change only (connecting automatically is saved at once), stores the
+    // switches and the login item, and restarts nothing.
+    void applyStoresWhatChanged()
+    {
+        QVERIFY(!settings().buttonApplyEnabled());
+        settings().clickCompression(true);
+        QVERIFY(settings().buttonApplyEnabled());
+        settings().clickCompression(false);
+        QVERIFY(!settings().buttonApplyEnabled());
+        settings().clickAutoconnect(true);
+        QVERIFY(!settings().buttonApplyEnabled());
+        settings().clickRunStartup(true);
+        settings().clickAutoUpdate(true);
+        settings().clickCompression(true);
+        settings().clickApply();
+        QVERIFY(m_fx->storage.appAutorunEnabled());
+        QVERIFY(m_fx->storage.autoupdate());
+        QVERIFY(m_fx->storage.vpnDataCompressionEnabled());
+        QCOMPARE(m_fx->loginItems.calls, QList<bool>{true});
+        QVERIFY(!settings().buttonApplyEnabled());
+        settings().clickRunStartup(false);
+        settings().clickApply();
+        QCOMPARE(m_fx->loginItems.calls, (QList<bool>{true, false}));
+        m_clock->advance(5000);
+        QCOMPARE(restarts(), 0);
+    }
+
+    // Opened, every switch shows what is stored, and nothing is offered to Apply.
+    void switchesShowTheStoredSettings()
+    {
+        AppStorageManager &storage = m_fx->storage;
+        storage.storeAdsBlockerEnabled(true);
+        storage.storeVpnDataCompressionEnabled(true);
+        storage.storeAppAutorunEnabled(true);
+        storage.storeAppExitOnClose(true);
+        storage.storeAppAutoconnectEnabled(true);
+        storage.storeAutoupdate(true);
+        m_fx->vpn.killSwitch = true;
+        const SettingsVC &vc = settings();
+        QCOMPARE(
+            (QList<bool>{vc.switchAdBlocking.on, vc.switchCompression.on, vc.switchStartup.on, vc.switchExitOnClose.on,
+                         vc.switchAutoconnect.on, vc.switchAutoupdate.on, vc.switchKillSwitch.on}),
+            QList<bool>(7, true));
+        QVERIFY(!vc.buttonApplyEnabled());
+    }
+
+    // Connected: the tunnel is stopped first and the restart follows a second later.
+    void languageChangeRestarts()
+    {
+        for (const bool connected : {false, true}) {
+            m_fx->storage.storeVPNStatus(connected ? VpnStateConnected : VpnStateDisconnected);
+            const int before = restarts();
+            settings().clickLangauge();
+            QVERIFY(settings().languageListVisible());
+            const QString code = connected ? QStringLiteral("de") : QStringLiteral("fi");
+            chooseLanguage(code, code + QStringLiteral("-name"));
+            QCOMPARE(settings().buttonLanguagesTitle(), code + QStringLiteral("-name"));
+            QVERIFY(!settings().languageListVisible());
+            QVERIFY(settings().buttonApplyEnabled());
+            settings().clickApply();
+            QCOMPARE(m_fx->vpn.stops, connected ? 1 : 0);
+            QCOMPARE(m_fx->storage.appLanguageCode(), code);
+            QVERIFY(!settings().overlayVisible());
+            m_clock->advance(connected ? SettingsVC::kRestartAfterStopMs - 1 : 0);
+            QCOMPARE(restarts(), before + (connected ? 0 : 1));
+            m_clock->advance(connected ? 1 : SettingsVC::kRestartAfterStopMs);
+            QCOMPARE(restarts(), before + 1);
+            QVERIFY(!settings().changesNeedRestart());
+        }
+    }
+
+    void adBlockerWithoutChromeTurnsItselfOffAndOpensChrome()
+    {
+        m_fx->storage.setLabelConfigBrowserChromeLink(QStringLiteral("https://store.example/detail/quellon/x"));
+        m_fx->extension.chrome = false;
+        settings().clickAdBlocker(true);
+        flush();
+        QVERIFY(!settings().switchAdBlocking.on);
+        QCOMPARE(m_fx->chrome.launches, QList<QStringList>{{QStringLiteral("https://store.example/detail/quellon/x")}});
+        QVERIFY(m_fx->extension.sent.isEmpty());
+        QVERIFY(!m_fx->storage.adsBlockerEnabled());
+
+        m_fx->extension.chrome = true;
+        m_fx->extension.extension = false;
+        m_fx->chrome.failWith = NQError(QStringLiteral("d"), 2, {{NQError::kLocalizedDescriptionKey, "no chrome"}});
+        settings().clickAdBlocker(true);
+        QCOMPARE(m_fx->alerts.shown.size(), 1);
+        QCOMPARE(m_fx->alerts.shown[0].title, QStringLiteral("Cannot open Google Chrome"));
+        QCOMPARE(m_fx->alerts.shown[0].message, QStringLiteral("no chrome"));
+    }
+
+    void adBlockerWithTheExtensionTellsItAndFollowsItsState()
+    {
+        settings().clickAdBlocker(true);
+        flush();
+        QCOMPARE(m_fx->extension.sent, QStringList{"ON"});
+        QVERIFY(settings().switchAdBlocking.on);
+        settings().clickAdBlocker(false);
+        flush();
+        QCOMPARE(m_fx->extension.sent, (QStringList{"ON", "OFF"}));
+        QVERIFY(!settings().switchAdBlocking.on);
+
+        // While shown, the switch follows the stored flag every two seconds.
+        QVERIFY(settings().refreshTimerActive());
+        m_fx->storage.storeAdsBlockerEnabled(true);
+        m_clock->advance(SettingsVC::kAdBlockerRefreshMs);
+        QVERIFY(settings().switchAdBlocking.on);
+        settings().viewDidDisappear();
+        QVERIFY(!settings().refreshTimerActive());
+        m_fx->storage.storeAdsBlockerEnabled(false);
+        m_clock->advance(SettingsVC::kAdBlockerRefreshMs * 2);
+        QVERIFY(settings().switchAdBlocking.on);
+    }
+
+    void reconnectPromptAppliesAfterItCloses()
+    {
+        settings();
+        chooseLanguage(QStringLiteral("de"), QStringLiteral("Deutsch"));
+        settings().showNeedReconnect();
+        QCOMPARE(m_fx->alerts.shown.size(), 1);
+        QCOMPARE(m_fx->alerts.shown[0].message, QStringLiteral("Please reconect to apply changes."));
+        flush();
+        QCOMPARE(restarts(), 1);
+    }
+
+    // Saved at once, both ways, and never waits for Apply.
+    void killSwitchIsSavedWhenClicked()
+    {
+        for (const bool on : {true, false}) {
+            settings().clickKillSwitch(on);
+            QCOMPARE(m_fx->vpn.killSwitch, on);
+            QCOMPARE(settings().switchKillSwitch.on, on);
+            QVERIFY(!settings().buttonApplyEnabled());
+        }
+    }
+
+    // --- The home screen's menu and overlays
+
+    void everyEntryClosesTheOverlaysAndTheMenuFirst_data()
+    {
+        QTest::addColumn<int>("entry");
+        QTest::addColumn<QString>("action"); // what the entry does, after the closing
+        QTest::newRow("Support") << 0 << "open ";
+        QTest::newRow("Update") << 1 << "NT_TOGGLE_UPDATE";
+        QTest::newRow("About") << 2 << "NT_TOGGLE_ABOUT";
+        QTest::newRow("Uninstall") << 3 << "open ";
+    }
+    void everyEntryClosesTheOverlaysAndTheMenuFirst()
+    {
+        QFETCH(int, entry);
+        QFETCH(QString, action);
+        HomeVC home(m_fx->services);
+        home.viewDidLoad();
+        panel().viewDidLoad();
+        flush();
+        // About and update shown, menu open.
+        EventBus &bus = EventBus::defaultCenter();
+        bus.post(Events::NT_TOGGLE_ABOUT);
+        bus.post(Events::NT_TOGGLE_UPDATE);
+        panel().clickInfo();
+        QVERIFY(home.aboutVisible() && home.updateVisible() && display().contextMenuVisible);
+
+        watch({Events::NT_HIDE_ABOUT, Events::NT_HIDE_CONTEXT, Events::NT_HIDE_UPDATE, Events::NT_TOGGLE_ABOUT,
+               Events::NT_TOGGLE_UPDATE});
+        Timeline urls(m_events);
+        ContextMenuView menu(urls);
+        constexpr void (ContextMenuView::*kClicks[])() = {&ContextMenuView::clickSupport, &ContextMenuView::clickUpdate,
+                                                          &ContextMenuView::clickAbout,
+                                                          &ContextMenuView::clickUninstall};
+        (menu.*kClicks[entry])();
+        flush();
+        const QStringList closing{"NT_HIDE_ABOUT", "NT_HIDE_CONTEXT", "NT_HIDE_UPDATE", "NT_HIDE_CONTEXT"};
+        QCOMPARE(m_events.mid(0, 4), closing);
+        // The home screen answers a toggle by hiding the menu again, inside the toggle's delivery.
+        const QStringList after = m_events.mid(4);
+        QVERIFY2(std::any_of(after.begin(), after.end(), [&](const QString &step) { return step.startsWith(action); }),
+                 qPrintable(m_events.join(QLatin1Char(','))));
+        QVERIFY(!display().contextMenuVisible);
+        // Closed first, so the toggle opens its own overlay and nothing else stays open.
+        QCOMPARE(home.aboutVisible(), action == QLatin1String("NT_TOGGLE_ABOUT"));
+        QCOMPARE(home.updateVisible(), action == QLatin1String("NT_TOGGLE_UPDATE"));
+    }
+
+    void aboutViewShowsTheDeviceAndOpensItsLinks()
+    {
+        m_fx->storage.storeDeviceUUID(QStringLiteral("DEVICE-1234"));
+        AboutView about(m_fx->storage, m_fx->urls);
+        QCOMPARE(about.computerIdText(), QStringLiteral("DEVICE-1234"));
+        about.clickAgreement();
+        about.clickPrivacy();
+        QCOMPARE(m_fx->urls.opened, (QStringList{AppConfig::eulaUrl(), AppConfig::privacyPolicyUrl()}));
+    }
+
+    // Subscribed twice, a toggle would be delivered twice and undo itself.
+    void homeSubscribesOnceAndSwitchesPanels()
+    {
+        HomeVC home(m_fx->services);
+        home.viewDidLoad();
+        home.notificationSubscribe();
+        EventBus::defaultCenter().post(Events::NT_TOGGLE_ABOUT);
+        QVERIFY(home.aboutVisible());
+        home.notificationsUnsubscribe();
+
+        HomeVC second(m_fx->services);
+        second.viewDidLoad();
+        EventBus::defaultCenter().post(Events::SHOW_SETTINGS);
+        QCOMPARE(second.panel(), HomeVC::Panel::Settings);
+        QCOMPARE(home.panel(), HomeVC::Panel::Main); // unsubscribed
+        second.clickSettingsPanelClose();
+        QCOMPARE(second.panel(), HomeVC::Panel::Main);
+        const NQVPNCountry fi = country(QStringLiteral("Finland"), QStringLiteral("FI"), QStringLiteral("Europe"));
+        EventBus::defaultCenter().post(Events::NT_CLUSTERS_SELECT, chosen(fi));
+        QCOMPARE(m_fx->vpn.current->countryName, QStringLiteral("Finland"));
+    }
+
+    void updatePanelViewsAndUpdateWhileConnected()
+    {
+        UpdateVC update(m_fx->services);
+        update.viewDidLoad();
+        QCOMPARE(update.view(), UpdateVC::View::Checking);
+        m_fx->updates.checks.takeFirst()(false);
+        QCOMPARE(update.view(), UpdateVC::View::NoUpdate);
+        QVERIFY(update.buttonOkVisible() && update.buttonOkEnabled() && !update.yesNoVisible());
+
+        // A failed installation offers the update again two seconds later.
+        EventBus::defaultCenter().post(Events::NOTIFICATION_APP_READY);
+        m_clock->advance(UpdateVC::kAppReadyDelayMs - 1);
+        QCOMPARE(update.view(), UpdateVC::View::NoUpdate);
+        m_clock->advance(1);
+        QCOMPARE(update.view(), UpdateVC::View::UpdateFound);
+        QVERIFY(update.yesNoVisible() && update.yesNoEnabled() && !update.buttonOkVisible());
+
+        m_fx->storage.storeVPNStatus(VpnStateConnected);
+        update.clickYes();
+        QVERIFY(!update.yesNoEnabled());
+        QCOMPARE(m_fx->vpn.stops, 1);
+        QCOMPARE(m_fx->updates.downloads, 0); // on the main queue, after the stop
+        flush();
+        QCOMPARE(m_fx->updates.downloads, 1);
+
+        HomeVC home(m_fx->services);
+        home.viewDidLoad();
+        EventBus::defaultCenter().post(Events::NT_TOGGLE_UPDATE);
+        QVERIFY(home.updateVisible());
+        update.clickNo();
+        QVERIFY(!home.updateVisible());
+    }
+
+    void nameAndVersionLabelJoinsNameAndBothVersions()
+    {
+        BundleExtended::setInfoDictionaryForTesting(QVariantMap{
+            {"CFBundleName", "PelorinVPN"}, {"CFBundleShortVersionString", "2.1.0"}, {"CFBundleVersion", "45"}});
+        QCOMPARE(NameAndVersionLabel::text(), QStringLiteral("PelorinVPN 2.1.0.45"));
+        BundleExtended::setInfoDictionaryForTesting(std::nullopt);
+    }
+
+    // --- The tunnel keeper
+
+    void keeperPausesDoubleUpToAMinute()
+    {
+        int connects = 0;
+        TunnelKeeper keeper({.connect = [&] { ++connects; }, .tunnelUp = [] { return true; }, .changed = [] {}});
+        keeper.userConnected();
+        keeper.stateChanged(VpnStateConnected);
+        const QList<int> pauses{1000, 2000, 4000, 8000, 16000, 32000, 60000, 60000};
+        for (int attempt = 1; attempt <= pauses.size(); ++attempt) {
+            keeper.stateChanged(VpnStateDisconnected); // the tunnel, then each attempt, falls
+            QCOMPARE(keeper.attempt(), attempt);
+            m_clock->advance(pauses[attempt - 1] - 1);
+            QCOMPARE(connects, attempt - 1);
+            m_clock->advance(1);
+            QCOMPARE(connects, attempt);
+        }
+        QCOMPARE(TunnelKeeper::delayBeforeAttempt(100000), TunnelKeeper::kMaxDelayMs);
+        keeper.stateChanged(VpnStateConnected);
+        QVERIFY(!keeper.reconnecting());
+    }
+
+    void keeperWaitsOutSleepAndNetworkChanges()
+    {
+        int connects = 0;
+        int checks = 0;
+        bool up = true;
+        TunnelKeeper keeper(
+            {.connect = [&] { ++connects; }, .tunnelUp = [&] { return ++checks, up; }, .changed = [] {}});
+        keeper.userConnected();
+        keeper.stateChanged(VpnStateConnected);
+        // A burst of route changes: one check once they settle, and a live tunnel is left alone.
+        for (int i = 0; i < 5; ++i) {
+            keeper.networkChanged();
+            m_clock->advance(100);
+        }
+        m_clock->advance(TunnelKeeper::kNetworkSettleMs);
+        QCOMPARE(checks, 1);
+        QCOMPARE(connects, 0);
+        // Lost while asleep: nothing is tried until the machine wakes, then at once.
+        keeper.sleeping();
+        keeper.stateChanged(VpnStateDisconnected);
+        m_clock->advance(10 * TunnelKeeper::kMaxDelayMs);
+        QCOMPARE(connects, 0);
+        keeper.resumed();
+        m_clock->advance(0);
+        QCOMPARE(connects, 1);
+        // Waiting 4 s for the third attempt when the network comes back: tried once it settles.
+        keeper.stateChanged(VpnStateDisconnected);
+        m_clock->advance(TunnelKeeper::delayBeforeAttempt(2));
+        keeper.stateChanged(VpnStateDisconnected);
+        keeper.networkChanged();
+        m_clock->advance(TunnelKeeper::kNetworkSettleMs);
+        QCOMPARE(connects, 3);
+        // Gone unnoticed: found on waking.
+        keeper.stateChanged(VpnStateConnected);
+        up = false;
+        keeper.resumed();
+        QCOMPARE(keeper.attempt(), 1);
+    }
+};
+
+QTEST_GUILESS_MAIN(TstScreens)
+#include "tst_screens.moc"
