@@ -17,7 +17,6 @@ using journey::Journey;
 namespace {
 const QString kConnect = QStringLiteral("Connect");
 const QString kDisconnect = QStringLiteral("Disconnect");
-const QString kCancel = QStringLiteral("Cancel");
 const QString kApply = QStringLiteral("Apply");
 const QString kState = QStringLiteral("Connection state");
 const QString kVirtual = QStringLiteral("Virtual location");
@@ -171,14 +170,15 @@ private slots:
                                        QByteArray("\nI accepted being a first responder! Yea!\n")})
             QVERIFY2(j.log().contains(line), line.constData());
         QVERIFY(!j.storage().getVpnCredentials().password.isEmpty());
+        QVERIFY(j.storage().appAutorunEnabled()); // a first start is a login item
         QCOMPARE(Journey::selectedServer(), QStringLiteral("United States"));
         QCOMPARE(Journey::text(kVirtual), QStringLiteral("- - -"));
 
         // Cancel while the tunnel is still being made.
         QVERIFY(Journey::click(kConnect));
-        QVERIFY(j.runUntil([&j] { return Journey::button(kCancel) && j.clientRunning(); }));
+        QVERIFY(j.runUntil([&j] { return Journey::button(QStringLiteral("Cancel")) && j.clientRunning(); }));
         QCOMPARE(j.storedState(), int(VpnStateConnecting));
-        QVERIFY(Journey::click(kCancel));
+        QVERIFY(Journey::click(QStringLiteral("Cancel")));
         QVERIFY(j.runUntil([&j] { return Journey::button(kConnect) && !j.clientRunning(); }));
         QCOMPARE(j.storedState(), int(VpnStateDisconnected));
         QVERIFY(j.readyToConnect());
@@ -217,6 +217,7 @@ private slots:
         QVERIFY(Journey::click(star));
         QVERIFY(j.runUntil([&star] { return Journey::button(star)->isChecked(); }));
         QVERIFY(Journey::click(QStringLiteral("Favourites")));
+        QVERIFY(Journey::button(QStringLiteral("Favourites"))->isChecked());
         QVERIFY(j.runUntil([] { return Journey::serverList()->count() == 1; }));
         QVERIFY(Journey::clickRow(kGermany));
         QVERIFY(j.runUntil([] { return Journey::selectedServer() == kGermany; }));
@@ -247,7 +248,7 @@ private slots:
         QVERIFY(j.runUntil([] { return QApplication::activeModalWidget() == nullptr; }));
         QVERIFY(j.readyToConnect());
         QCOMPARE(j.storedState(), int(VpnStateDisconnected));
-        QVERIFY(Journey::button(kCancel) == nullptr);
+        QVERIFY(Journey::button(QStringLiteral("Cancel")) == nullptr);
         QCOMPARE(j.clientPid(), 0);
     }
 
@@ -496,7 +497,7 @@ private slots:
         if (refused)
             QVERIFY(j.runUntil([&j] { return j.launches() == 2 && j.storedState() == VpnStateAuthFailed; }));
         else
-            QVERIFY(Journey::click(kCancel));
+            QVERIFY(Journey::click(QStringLiteral("Cancel")));
         QVERIFY(j.runUntil([] { return Journey::button(kConnect) != nullptr; }));
         QVERIFY(noLaunchFor(j, kLongAfterBackoffMs));
         QVERIFY(!j.clientRunning());
@@ -519,9 +520,8 @@ private slots:
         QVERIFY(logind.owned);
         Journey j;
         // The sleep watch is a module of its own beside the tunnel client, as installed.
-        QVERIFY(QFile::link(qEnvironmentVariable("PELORIN_BINARY_DIR") +
-                                QStringLiteral("/helpers/libpelorin-sleepwatch.so"),
-                            j.root() + QStringLiteral("/helpers/libpelorin-sleepwatch.so")));
+        const QString module = QStringLiteral("/helpers/libpelorin-sleepwatch.so");
+        QVERIFY(QFile::link(qEnvironmentVariable("PELORIN_BINARY_DIR") + module, j.root() + module));
         j.launch();
         QVERIFY(j.connectDefault());
         QVERIFY(j.runUntil([&j] { return j.log().contains("|SystemEvents| watching sleep and wake"); }));
