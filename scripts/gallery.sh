@@ -21,11 +21,11 @@ for lang in "${langs[@]}"; do
   xvfb-run -a -s "-screen 0 1280x800x24" "$build/src/ui/gallery/pelorin_ui_gallery" --out "$out" --lang "$lang"
 done
 # The real program driven by keys, against the development backend and a stand-in tunnel.
-if ninja -C "$build" tst_journey_keyboard pelorin-devbackend >/dev/null 2>&1; then
+if ninja -C "$build" tst_journey pelorin-devbackend >/dev/null 2>&1; then
   rm -rf "$out/keyboard"
   mkdir -p "$home/run" && chmod 700 "$home/run"
   PELORIN_SCREENSHOT_DIR="$out/keyboard" PELORIN_SOURCE_DIR="$root" PELORIN_BINARY_DIR="$build" \
     PELORIN_SECRET_STORE=file XDG_RUNTIME_DIR="$home/run" \
-    xvfb-run -a -s "-screen 0 1280x800x24" "$build/tests/journey/tst_journey_keyboard" startToConnectedAndBack >/dev/null
+    xvfb-run -a -s "-screen 0 1280x800x24" "$build/tests/journey/tst_journey" keyboardOnly >/dev/null
 fi
 echo "gallery: $out"

@@ -1,42 +1,29 @@
 #pragma once
 
-// The whole windowed program in the test process: the real controller, window, screens and
-// VPN engine, against a real development backend on loopback and a stand-in tunnel client
-// (started through a stand-in sudo) that prints what ovpncli prints around openvpn 2.6.
-// Tests drive it as a person does: clicks and keys on widgets found by their accessible
-// names; the product's fixed delays run on the test clock.
-// The program sends standard error to its log file as it does outside a terminal: a sanitizer
-// report of an aborted journey is in /tmp/tst_journey_*/data/com.pelorin.vpn.mac/app_mac_logs.log.
+// The whole windowed program in the test process (controller, window, screens, VPN engine)
+// against a real development backend on loopback and a stand-in tunnel client started through
+// a stand-in sudo. Tests click and press keys on widgets found by their accessible names; the
+// product's fixed delays run on the test clock. A failed journey prints the end of the
+// program's log, where its standard error (sanitizer reports included) goes too.
 #include "app/GuiSession.h"
-#include "app/SingleInstance.h"
 #include "backend/DevBackendProcess.h"
 #include "foundation/AppStorageManager.h"
 #include "foundation/EventBus.h"
 #include "foundation/FileSecretBackend.h"
 #include "foundation/KeychainStore.h"
-#include "platform/Platform.h"
 #include "platform/linux/LinuxPlatform.h"
-#include "shell/AppDelegate.h"
-#include "shell/NQApplication.h"
 #include "support/ClockGuard.h"
 #include "ui/app/MainWindowHost.h"
-#include "ui/widgets/HomeWidget.h"
 #include "vpn/NQVPNManager.h"
 #include "vpn/VpnState.h"
 
-#include <QAbstractButton>
 #include <QApplication>
 #include <QDir>
 #include <QElapsedTimer>
-#include <QEventLoop>
-#include <QFile>
 #include <QLabel>
 #include <QListWidget>
 #include <QMessageBox>
-#include <QProcess>
-#include <QRegularExpression>
-#include <QTemporaryDir>
-#include <QTimer>
+#include <QPushButton>
 #include <QtTest>
 
 #include <csignal>
@@ -57,10 +44,13 @@ if [ "$1" = pkill ]; then exec pkill -f "$here/helpers/$2"; fi
 exec "$@"
 )SH";
 
-// openvpn 2.6 through ovpncli: the banner, then, once the file "up" exists, the completed
-// initialisation and ovpncli's state line; a signal ends it as ovpncli reports it.
+// openvpn 2.6 through ovpncli, counting its launches: the banner, then, once the file "up"
+// exists, the completed initialisation and ovpncli's state line; a signal ends it as ovpncli
+// reports it. With the file "refuse" it answers as when the server refuses the credentials.
 inline const QByteArray kStandInClient = R"SH(#!/bin/bash
 here="$(dirname "$0")"
+echo $$ >> "$here/launches"
+if [ -e "$here/refuse" ]; then printf 'ovpncli: AUTH_FAILED\n'; exit 1; fi
 echo $$ > "$here/pid"
 trap 'printf "ovpncli: Exiting due to signal 15\n"; exit 143' TERM
 printf '2026-01-01 10:00:00 OpenVPN 2.6.3 x86_64-pc-linux-gnu [SSL (OpenSSL)] [LZO] [LZ4] [EPOLL]\n'
@@ -71,45 +61,34 @@ while :; do sleep 1 & wait $!; done
 
 class Journey {
 public:
-    static constexpr int kTimedOut = 99;
-
-    // One real backend for the whole test program (the backend address is read once).
+    // One real backend for the whole test program (the backend address is read once), and
+    // the program's resources pointing at it.
     static DevBackendProcess &backend()
     {
         static DevBackendProcess process;
         if (process.baseUrl().isEmpty() && process.start()) {
             qputenv("PELORIN_BACKEND_URL", process.baseUrl().toUtf8());
-            pointResourcesAt(process.baseUrl());
+            QProcess::execute(
+                QStringLiteral("cp"),
+                {QStringLiteral("-r"), qEnvironmentVariable("PELORIN_SOURCE_DIR") + "/resources", resources()});
+            QProcess::execute(QStringLiteral("sed"),
+                              {QStringLiteral("-zEi"),
+                               "s#(<key>Host URL</key>\\s*<string>)[^<]*#\\1" + process.baseUrl() + "#",
+                               resources() + QStringLiteral("/CommonConfig.plist")});
         }
         return process;
     }
-    // The program's resources, with the backend address of this run.
     static QString resources()
     {
         static QTemporaryDir dir;
         return dir.path() + QStringLiteral("/resources");
     }
-    static void pointResourcesAt(const QString &url)
-    {
-        QProcess::execute(QStringLiteral("cp"),
-                          {QStringLiteral("-r"),
-                           qEnvironmentVariable("PELORIN_SOURCE_DIR") + QStringLiteral("/resources"), resources()});
-        QFile plist(resources() + QStringLiteral("/CommonConfig.plist"));
-        QVERIFY(plist.open(QIODevice::ReadOnly));
-        QString text = QString::fromUtf8(plist.readAll());
-        plist.close();
-        static const QRegularExpression host(QStringLiteral("(<key>Host URL</key>\\s*<string>)[^<]*"));
-        text.replace(host, QStringLiteral("\\1") + url);
-        QVERIFY(plist.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        plist.write(text.toUtf8());
-    }
 
     Journey()
     {
         QDir(root()).mkpath(QStringLiteral("helpers"));
-        QDir(root()).mkpath(QStringLiteral("tmp"));
-        QFile::setPermissions(root() + QStringLiteral("/tmp"),
-                              QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+        QDir(root()).mkdir(QStringLiteral("tmp"),
+                           QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
         write(QStringLiteral("sudo"), kStandInSudo);
         write(QStringLiteral("helpers/ovpncli"), kStandInClient);
         LinuxPlatform::Overrides places;
@@ -129,21 +108,20 @@ public:
         NQVPNManager::setSharedManagerForTesting(std::make_unique<NQVPNManager>());
     }
 
-    // The program ends (as after a crash: nothing is stopped first) and starts again with the
-    // same settings, no events subscribed and an engine without a client. (The settings store
-    // stays: the extension bridge, made once per process, holds on to it.)
-    void restart(const QStringList &arguments = {})
+    // The program ends as after a crash (nothing stopped) and starts again with the same
+    // settings (the extension bridge, made once per process, holds on to their store).
+    void restart()
     {
         m_session.reset();
         EventBus::defaultCenter().reset();
         NQVPNManager::setSharedManagerForTesting(std::make_unique<NQVPNManager>());
-        launch(arguments);
+        launch();
     }
 
     ~Journey()
     {
         if (QTest::currentTestFailed())
-            printLogTail();
+            std::fprintf(stdout, "--- end of the program's log ---\n%s\n", log().right(8000).constData());
         m_session.reset();
         // A client a failed journey left running must not outlive it.
         if (const qint64 pid = clientPid(); pid > 0)
@@ -169,23 +147,35 @@ public:
         m_session->start();
     }
 
-    // Lets the start-up screen run its timed steps until the home screen is in the window.
-    bool waitForHome()
+    // Until the home screen offers Connect (the start-up screen runs its timed steps first).
+    bool readyToConnect()
     {
-        return runUntil([this] { return host().homeWidget() != nullptr; }) &&
-               runUntil([this] { return button(QStringLiteral("Connect")) != nullptr; });
+        return runUntil(
+            [] { return button(QStringLiteral("Connect")) && button(QStringLiteral("Connect"))->isEnabled(); });
     }
 
-    // Moves the test clock in small steps, with real events in between, until `done`.
-    bool runUntil(const std::function<bool()> &done, int limitMs = kWaitMs)
+    // Home, then connected to the default cluster.
+    bool connectDefault()
+    {
+        letTunnelComeUp();
+        return readyToConnect() && click(QStringLiteral("Connect")) && connected();
+    }
+    bool connected()
+    {
+        return runUntil([this] { return button(QStringLiteral("Disconnect")) && storedState() == VpnStateConnected; });
+    }
+
+    // Moves the test clock in steps, with real events in between, until `done`; with a step of
+    // 0 the clock stands still (for what must happen without a delay).
+    bool runUntil(const std::function<bool()> &done, int clockStepMs = kClockStepMs)
     {
         QElapsedTimer real;
         real.start();
         while (!done()) {
-            if (real.elapsed() > limitMs)
+            if (real.elapsed() > kWaitMs)
                 return false;
             QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-            m_clock.advance(kClockStepMs);
+            m_clock.advance(clockStepMs);
         }
         settle();
         return true;
@@ -198,29 +188,13 @@ public:
             QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
     }
 
-    // Events only, the test clock stands still: for what must happen without a delay.
-    static bool waitFor(const std::function<bool()> &done, int limitMs = kWaitMs)
-    {
-        QElapsedTimer real;
-        real.start();
-        while (!done()) {
-            if (real.elapsed() > limitMs)
-                return false;
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
-        }
-        return true;
-    }
-
     // The visible widget of type T with this accessible name in any top-level window.
     template <typename T = QWidget> static T *find(const QString &name)
     {
-        for (QWidget *top : QApplication::topLevelWidgets()) {
-            if (!top->isVisible())
-                continue;
+        for (QWidget *top : QApplication::topLevelWidgets())
             for (T *widget : top->findChildren<T *>())
                 if (widget->accessibleName() == name && widget->isVisible())
                     return widget;
-        }
         return nullptr;
     }
     static QAbstractButton *button(const QString &name) { return find<QAbstractButton>(name); }
@@ -233,18 +207,8 @@ public:
     // The name of the row the list shows as chosen.
     static QString selectedServer()
     {
-        const QListWidget *list = serverList();
-        if (!list || list->currentRow() < 0 || !list->currentItem()->isSelected())
-            return {};
-        return list->currentItem()->data(Qt::AccessibleTextRole).toString();
-    }
-    static int rowNamed(const QString &name)
-    {
-        const QListWidget *list = serverList();
-        for (int row = 0; list && row < list->count(); ++row)
-            if (list->item(row)->data(Qt::AccessibleTextRole).toString() == name)
-                return row;
-        return -1;
+        const QListWidgetItem *item = serverList() ? serverList()->currentItem() : nullptr;
+        return item && item->isSelected() ? item->data(Qt::AccessibleTextRole).toString() : QString();
     }
 
     // A click on the widget's centre, as a person does; false when it is not there to click.
@@ -256,26 +220,23 @@ public:
         return true;
     }
     static bool click(const QString &name) { return click(find<QWidget>(name)); }
-    static bool clickRow(const QString &name)
+    // A click on the row of a list (the server list unless another is given).
+    static bool clickRow(const QString &name, QListWidget *list = serverList())
     {
-        QListWidget *list = serverList();
-        const int row = rowNamed(name);
-        if (row < 0)
-            return false;
-        list->scrollToItem(list->item(row));
-        QTest::mouseClick(list->viewport(), Qt::LeftButton, {}, list->visualItemRect(list->item(row)).center());
-        return true;
-    }
-    static void key(Qt::Key key, Qt::KeyboardModifiers modifiers = {})
-    {
-        QWidget *target = QApplication::focusWidget();
-        if (!target)
-            target = QApplication::activeWindow();
-        QTest::keyClick(target, key, modifiers);
+        for (int row = 0; list && row < list->count(); ++row) {
+            QListWidgetItem *item = list->item(row);
+            if (item->data(Qt::AccessibleTextRole).toString() == name || item->text() == name) {
+                list->scrollToItem(item);
+                QTest::mouseClick(list->viewport(), Qt::LeftButton, {}, list->visualItemRect(item).center());
+                return true;
+            }
+        }
+        return false;
     }
 
-    // Answers the next modal alert with the button titled `answer` once it is up; `seen`
-    // gets its text. The alert runs its own loop, so this must be armed before it opens.
+    // Answers the next modal alert with the button titled `answer` (the default one, as Enter
+    // does, when `answer` is empty) once it is up; `seen` gets its text. The alert runs its own
+    // loop, so this must be armed before it opens.
     static void answerAlert(const QString &answer, QString *seen = nullptr)
     {
         auto *poll = new QTimer(qApp);
@@ -285,72 +246,59 @@ public:
                 return;
             if (seen)
                 *seen = box->text() + QLatin1Char('\n') + box->informativeText();
+            QAbstractButton *chosen = answer.isEmpty() ? box->defaultButton() : nullptr;
             for (QAbstractButton *b : box->buttons())
-                if (b->text() == answer) {
-                    poll->deleteLater();
-                    poll->stop();
-                    b->click();
-                    return;
-                }
+                if (b->text() == answer)
+                    chosen = b;
+            if (!chosen)
+                return;
+            poll->stop();
+            poll->deleteLater();
+            chosen->click();
         });
         poll->start(20);
     }
 
-    // The tunnel client: running, and how to let it report the tunnel up.
-    qint64 clientPid() const
-    {
-        QFile file(root() + QStringLiteral("/helpers/pid"));
-        return file.open(QIODevice::ReadOnly) ? file.readAll().trimmed().toLongLong() : 0;
-    }
-    bool clientRunning() const
+    // The tunnel client: running, launched how often, and how to let it report the tunnel up.
+    qint64 clientPid() const { return read(QStringLiteral("helpers/pid")).trimmed().toLongLong(); }
+    bool clientRunning() const { return clientPid() > 0 && ::kill(static_cast<pid_t>(clientPid()), 0) == 0; }
+    int launches() const { return int(read(QStringLiteral("helpers/launches")).count('\n')); }
+    void letTunnelComeUp() { write(QStringLiteral("helpers/up"), "1"); }
+    void holdTunnelDown() const { QFile::remove(root() + QStringLiteral("/helpers/up")); }
+    // The client dies without a word, as when it is killed.
+    bool killClient()
     {
         const qint64 pid = clientPid();
-        return pid > 0 && ::kill(static_cast<pid_t>(pid), 0) == 0;
+        return pid > 0 && ::kill(static_cast<pid_t>(pid), SIGKILL) == 0 &&
+               runUntil([pid] { return ::kill(static_cast<pid_t>(pid), 0) != 0; }, 0);
     }
-    void letTunnelComeUp() { write(QStringLiteral("helpers/up"), "1"); }
     int storedState() const { return storage().getVPNStatus(); }
 
     // Runs the program's event loop, with the test clock moving, until the application leaves
     // it (as the program's main would then return); false when `limitMs` of product time pass
-    // first. `action` runs inside the loop, as a user's click would.
-    bool runEventLoopUntilExit(int limitMs, const std::function<void()> &action = {})
+    // first or it leaves with a status other than 0. `action` runs inside the loop, as a click.
+    bool runEventLoopUntilExit(int limitMs, const std::function<void()> &action)
     {
-        if (action)
-            QTimer::singleShot(0, action);
+        QTimer::singleShot(0, action);
         const std::int64_t until = m_clock.clock.now() + limitMs;
+        QElapsedTimer real; // for a loaded machine
+        real.start();
         QTimer clockTicks;
-        QObject::connect(&clockTicks, &QTimer::timeout, [this, until] {
-            if (m_clock.clock.now() >= until)
-                QCoreApplication::exit(kTimedOut);
-            else
-                m_clock.advance(kClockStepMs);
+        QObject::connect(&clockTicks, &QTimer::timeout, [this, until, &real] {
+            if (m_clock.clock.now() >= until || real.elapsed() > kWaitMs)
+                QCoreApplication::exit(-1);
+            m_clock.advance(kClockStepMs);
         });
         clockTicks.start(20);
-        QTimer guard; // real time, for a loaded machine
-        guard.setSingleShot(true);
-        QObject::connect(&guard, &QTimer::timeout, [] { QCoreApplication::exit(kTimedOut); });
-        guard.start(kWaitMs);
-        return QCoreApplication::exec() != kTimedOut;
+        return QCoreApplication::exec() == 0;
     }
 
-    QByteArray log() const
+    QByteArray log() const { return read(QStringLiteral("data/com.pelorin.vpn.mac/app_mac_logs.log")); }
+    QByteArray read(const QString &relative) const
     {
-        QFile file(root() + QStringLiteral("/data/com.pelorin.vpn.mac/app_mac_logs.log"));
+        QFile file(root() + QLatin1Char('/') + relative);
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
-
-    // The program's log goes to its file (standard error is not a terminal under ctest).
-    void printLogTail() const
-    {
-        QFile log(root() + QStringLiteral("/data/com.pelorin.vpn.mac/app_mac_logs.log"));
-        if (!log.open(QIODevice::ReadOnly))
-            return;
-        const QList<QByteArray> lines = log.readAll().split('\n');
-        std::fprintf(stdout, "--- last lines of the program's log ---\n");
-        for (qsizetype i = std::max<qsizetype>(0, lines.size() - 40); i < lines.size(); ++i)
-            std::fprintf(stdout, "%s\n", lines[i].left(200).constData());
-    }
-
     void write(const QString &relative, const QByteArray &content) const
     {
         QFile file(root() + QLatin1Char('/') + relative);
