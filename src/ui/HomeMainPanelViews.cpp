@@ -103,6 +103,10 @@ void HomeMainPanelVC::setDisconnected()
 {
     NQLog::line(QStringLiteral("|HomeMainPanelVC| setDisconnected"));
     onMain([](HomeMainPanelVC &vc) {
+        // Shown with no tunnel wanted (stopped, refused, given up), the button reads Connect
+        // and must mean it, not stop an attempt that is over.
+        if (!vc.m_keeper.wanted())
+            vc.m_isConnecting = false;
         vc.change([&](MainPanelDisplay &d) {
             vc.setButtonTitle(d, QStringLiteral("Connect"));
             d.buttonImage = QStringLiteral("button_normal");

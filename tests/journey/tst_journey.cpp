@@ -250,6 +250,13 @@ private slots:
         QCOMPARE(j.storedState(), int(VpnStateDisconnected));
         QVERIFY(Journey::button(QStringLiteral("Cancel")) == nullptr);
         QCOMPARE(j.clientPid(), 0);
+        // Connect means connect: refused again, it says so again; allowed, the tunnel comes up.
+        seen.clear();
+        Journey::answerAlert({}, &seen);
+        QVERIFY(Journey::click(kConnect));
+        QVERIFY(j.runUntil([&seen] { return seen.contains(QStringLiteral("a password is required")); }));
+        j.write(QStringLiteral("sudo"), journey::kStandInSudo);
+        QVERIFY(j.connectDefault());
     }
 
     // Every way to end the program while connected: the tunnel is stopped before it leaves, its
@@ -503,6 +510,9 @@ private slots:
         QVERIFY(!j.clientRunning());
         QCOMPARE(Journey::text(kState), QString());
         QCOMPARE(alert.contains(QStringLiteral("refused the credentials")), refused);
+        // The next Connect starts a new tunnel.
+        QFile::remove(j.root() + QStringLiteral("/helpers/refuse"));
+        QVERIFY(j.connectDefault());
     }
 
     // logind says the machine sleeps and wakes: a tunnel that survived is left alone; one lost
