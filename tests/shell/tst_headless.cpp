@@ -94,9 +94,6 @@ private slots:
         QTest::newRow("script check fails") << "false" << script << ""
                                             << "" << 5 << "Traffic check FAILED"
                                             << "";
-        QTest::newRow("list") << "" << list << ""
-                              << "" << 0 << "\t(default)\n"
-                              << "";
         QTest::newRow("list, no backend") << "" << list << "no backend"
                                           << "" << 3 << "Cannot load the server list"
                                           << "";
