@@ -114,16 +114,15 @@ class TestAppUpdateManager : public QObject {
 
     // A world whose updater asks the loopback server and whose installer is a script exiting
     // with `status` (-1: there is no installer).
-    void makeWorld(int status, const QString &packagePath = QStringLiteral("/package"), const QString &latestUrl = {})
+    void makeWorld(int status, const QString &packagePath = QStringLiteral("/package"))
     {
         m_latest = m_package = m_signature = {};
         const QString root = m_scratch.filePath(QString::number(++m_worlds));
         const QString resources = root + QStringLiteral("/res");
         QDir().mkpath(resources);
-        const QString urls =
-            QStringLiteral("<key>UpdateUrlLatestVersion</key><string>%1</string>"
-                           "<key>Update Url Direct</key><string>%2</string>")
-                .arg(latestUrl.isEmpty() ? url(QStringLiteral("/latest")) : latestUrl, url(packagePath));
+        const QString urls = QStringLiteral("<key>UpdateUrlLatestVersion</key><string>%1</string>"
+                                            "<key>Update Url Direct</key><string>%2</string>")
+                                 .arg(url(QStringLiteral("/latest")), url(packagePath));
         QVERIFY(writeFile(resources + QStringLiteral("/ReleaseConfig.plist"),
                           QStringLiteral("<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>%1</dict></plist>\n")
                               .arg(urls)
@@ -173,7 +172,7 @@ private slots:
     // The running version is 2.1.0.45; versions compare by the leading integer of each part.
     void checkAgainstTheServer_data()
     {
-        QTest::addColumn<QByteArray>("latest"); // empty: the server cannot be reached
+        QTest::addColumn<QByteArray>("latest");
         QTest::addColumn<bool>("available");
         QTest::newRow("same") << QByteArray("2.1.0.45") << false;
         QTest::newRow("same with line feed") << QByteArray("2.1.0.45\n") << false;
@@ -184,14 +183,12 @@ private slots:
         QTest::newRow("older") << QByteArray("2.0.9.99") << false;
         QTest::newRow("older, shorter") << QByteArray("2.1") << false;
         QTest::newRow("garbage counts 0") << QByteArray("<html>502 Bad Gateway</html>") << false;
-        QTest::newRow("unreachable") << QByteArray() << false;
     }
     void checkAgainstTheServer()
     {
         QFETCH(QByteArray, latest);
         QFETCH(bool, available);
-        makeWorld(0, QStringLiteral("/package"),
-                  latest.isEmpty() ? QStringLiteral("http://127.0.0.1:1/latest") : QString());
+        makeWorld(0);
         m_latest = latest;
         std::optional<bool> answer;
         AppUpdateManager::sharedManager().checkForUpdateWithCompletion([&](bool a) { answer = a; });
