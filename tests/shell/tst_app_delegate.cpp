@@ -114,10 +114,6 @@ private slots:
         QVERIFY(log.osTexts(QStringLiteral("Delegate")).contains(QStringLiteral("|VPN| Run service. BEGIN")));
         QCOMPARE(log.lines().first(),
                  QStringLiteral("[AppDelegate] Handle notification: 'NSApplicationDidFinishLaunchingNotification"));
-        QStringList menu;
-        for (const auto &item : f->lastMenu.items)
-            menu << item.title;
-        QCOMPARE(menu, (QStringList{"", "L(Open)", "L(Settings)", "", "L(Quit_software_name)"}));
     }
 
     // CLEAR_USERDEFAULTS: every setting back to its default, the keychain kept, the login item
@@ -217,7 +213,6 @@ private slots:
         EventBus::defaultCenter().post(QLatin1String(Events::APP_RESTART));
         QCOMPARE(f->count("window.drop"), 1);
         QCOMPARE(f->count("window.create"), 2);
-        QCOMPARE(f->count("statusItem"), 2);
         QVERIFY(m_delegate->splash() != first);
         QCOMPARE(f->count("engine.startExtension"), 1);
         // The tray's Settings entry opens the window and asks for the settings screen.
@@ -230,7 +225,8 @@ private slots:
         QCOMPARE(f->count("window.deminiaturize"), 1);
     }
 
-    void logFileIsFreshAndPrivateEachLaunchButNotFromATerminal()
+    // The journeys read the real program's log: they notice a log kept on the terminal.
+    void logFileIsFreshAndPrivateEachLaunch()
     {
         // An older version left the folder and the log readable by everyone.
         const QString logPath = w->dataDir() + QStringLiteral("/app_mac_logs.log");
@@ -238,9 +234,6 @@ private slots:
         QDir().mkpath(w->dataDir());
         QVERIFY(QFile::setPermissions(w->dataDir(), kOpen | QFile::ExeOwner | QFile::ExeGroup | QFile::ExeOther));
         QVERIFY(writeFile(logPath, "previous session", kOpen));
-        launch({}, true);
-        QVERIFY(m_reopened.isEmpty());
-        QCOMPARE(QFileInfo(logPath).size(), 16);
         launch({}, false);
         QCOMPARE(m_reopened, QStringList{logPath});
         QCOMPARE(QFileInfo(logPath).size(), 0);
