@@ -28,7 +28,6 @@ private slots:
     void flags();
     void serverList();
     void profileRequest();
-    void nobodyListening();
     void requestsReadTheIdentifierOffTheCallersThread();
 };
 
@@ -232,7 +231,6 @@ void TestVpnCatalogue::profileRequest()
         {R"({"ovpn": "p", "serverAddress": 7})", "p", "7", "serverPort"},
         {R"({"serverAddress": "a", "serverPort": null})", {}, "a", "serverPort"},
         {R"({"serverPort": 1})", {}, {}, "serverAddress"},
-        {"[1]", {}, {}, "!"},
     };
     for (const auto &c : cases) {
         server.setReplies({{200, c.body}});
@@ -248,9 +246,6 @@ void TestVpnCatalogue::profileRequest()
         QCOMPARE(got.first().isNull(), c.ovpn.isNull());
         if (c.missing.isEmpty())
             QVERIFY(!error);
-        else if (c.missing == "!")
-            QCOMPARE(error->localizedDescription(),
-                     QStringLiteral("Deserialize response body failed for request 'getCountryVPNConfig'."));
         else
             QCOMPARE(*error, ErrorIdentity::errorForMissingKey(c.missing));
     }
@@ -258,34 +253,10 @@ void TestVpnCatalogue::profileRequest()
         server.baseUrl() +
         QStringLiteral("/api1/vpnapi/serverovpn/20014/KEY/%1/%2/42?deviceType=2&keyFromStore=false&engine=1")
             .arg(AppConfig::deviceUniqueID(), AppConfig::appVersion());
-    QCOMPARE(server.targets().size(), 5);
-    QCOMPARE(server.baseUrl() + server.targets().value(4), url);
+    QCOMPARE(server.targets().size(), 4);
+    QCOMPARE(server.baseUrl() + server.targets().value(3), url);
     QVERIFY(logs.lines().contains("|NQVPNManager| Request getCountryVPNConfig"));
     QVERIFY(logs.lines().contains("|NQVPNManager| Request getCountryVPNConfig. endpointUrl = '" + url + "'"));
-}
-
-void TestVpnCatalogue::nobodyListening()
-{
-    // The transport error itself, and the list emptied.
-    VpnTestEnvironment closed(QStringLiteral("http://127.0.0.1:1"));
-    LogCapture logs;
-    QStringList domains;
-    closed.manager().getCountries([&](const QList<NQVPNCountry> &countries, const NQErrorOpt &error) {
-        QVERIFY(countries.isEmpty() && error);
-        domains << error->domain();
-    });
-    closed.manager().getCountryVPNConfig(
-        1, [&](const QString &, const QString &, const NQErrorOpt &e) { domains << (e ? e->domain() : QString()); });
-    QTRY_COMPARE_WITH_TIMEOUT(domains.size(), 2, kVpnWaitMs);
-    QCOMPARE(domains, (QStringList{"NSURLErrorDomain", "NSURLErrorDomain"}));
-    QVERIFY(closed.manager().availableCountries().isEmpty());
-    for (const char *request : {"getCountries", "getCountryVPNConfig"})
-        QCOMPARE(
-            logs.lines()
-                .filter(
-                    QStringLiteral("|NQVPNManager| Request %1. failed = 'Error Domain=NSURLErrorDomain").arg(request))
-                .size(),
-            1);
 }
 
 void TestVpnCatalogue::requestsReadTheIdentifierOffTheCallersThread()

@@ -31,7 +31,6 @@ private slots:
     void init();
     void cleanup();
     void connectAndStop();
-    void markersAreReadChunkByChunk();
     void eachRunEndsAsItsOutputSaid_data();
     void eachRunEndsAsItsOutputSaid();
     void startsThatCannotRunChangeNothingMore();
@@ -130,39 +129,6 @@ void TestVpnTunnel::connectAndStop()
     QVERIFY(logged("Output: ovpncli: Exiting due to signal 15\n"));
     QCOMPARE(states().last(), 1);
     QVERIFY(states().size() <= 5);
-}
-
-void TestVpnTunnel::markersAreReadChunkByChunk()
-{
-    install(R"SH(
-printf 'ovpncli: state CONN'; step 1
-printf 'ECTED\n'; step 2
-printf 'AUTH_FAILED\n'; step 3
-printf 'ovpncli: state DISCONNECTED\n'; step 4
-printf 'ovpncli: state CONNECTED\n'; step 5
-printf '\xff DISCONNECTED\n'
-)SH");
-    start();
-    // A marker split across two chunks is not recognised.
-    QTRY_VERIFY_WITH_TIMEOUT(logged("Output: ovpncli: state CONN"), kVpnWaitMs);
-    go(1);
-    QTRY_VERIFY_WITH_TIMEOUT(logged("Output: ECTED\n"), kVpnWaitMs);
-    QCOMPARE(states(), QList<int>{2});
-    const QStringList said{"VPN Authentication Failed.", "VPN Disconnected.", "VPN Connected Successfully."};
-    for (int step = 2; step <= 4; ++step) {
-        go(step);
-        const QList<int> expected = QList<int>{2, 0, 1, 3}.mid(0, step);
-        QTRY_COMPARE_WITH_TIMEOUT(states(), expected, kVpnWaitMs);
-        QCOMPARE(m_env->storage().getVPNStatus(), expected.last());
-        QVERIFY(logged(said[step - 2]));
-    }
-    // A last chunk that is not UTF-8 is dropped whole, marker and all, without a log line;
-    // the exit itself changes nothing.
-    go(5);
-    QTRY_VERIFY_WITH_TIMEOUT(logged("OpenVPN process terminated with exit code: 0"), kVpnWaitMs);
-    QCOMPARE(states(), (QList<int>{2, 0, 1, 3}));
-    QCOMPARE(m_env->storage().getVPNStatus(), 3);
-    QCOMPARE(m_logs->lines().filter("DISCONNECTED\n").size(), 1);
 }
 
 void TestVpnTunnel::eachRunEndsAsItsOutputSaid_data()

@@ -73,7 +73,6 @@ exec "$@"
     // put in "helpers/behaviour"; `step N` waits for the file "helpers/goN".
     static inline const QByteArray kStandInClient = R"SH(#!/bin/bash
 here="$(dirname "$0")"
-printf '%s\n' "$@" > "$here/args"
 cat "$1" > "$here/profile-at-launch"
 echo $$ > "$here/pid"
 step() { while [ ! -e "$here/go$1" ]; do sleep 0.02; done; }
