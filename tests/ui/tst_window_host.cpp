@@ -10,9 +10,11 @@
 #include "shell/AppDelegate.h"
 #include "shell/DefaultShellEngine.h"
 #include "shell/NQApplication.h"
+#include "shell/SplashVC.h"
 #include "ui/app/MainWindowHost.h"
 #include "ui/app/ManagerVpnEngine.h"
 #include "ui/widgets/InfoPopupWidget.h"
+#include "ui/widgets/SplashWidget.h"
 #include "vpn/NQVPNManager.h"
 
 #include <QApplication>
@@ -49,6 +51,22 @@ private slots:
     {
         m_fx.reset();
         m_clock.reset();
+    }
+
+    // The start-up window's ring turns, and stops while an alert waits.
+    void splashRingStopsWhileAnAlertWaits()
+    {
+        MainWindowHost host(m_fx->services);
+        DefaultShellEngine engine;
+        m_fx->alerts.hold = true;
+        SplashVC splash(engine, m_fx->alerts, host);
+        host.createMainWindow(splash);
+        auto *splashView = host.mainWindow()->findChild<SplashWidget *>();
+        QVERIFY(splashView && splashView->isBusy());
+        splash.showErrorMessage(QStringLiteral("m"), QStringLiteral("t"), [] {});
+        m_clock->advance(0);
+        QVERIFY(m_fx->alerts.pending);
+        QVERIFY(!splashView->isBusy());
     }
 
     void trayMenuIsRebuiltLocalisedOnRestart()
