@@ -459,7 +459,6 @@ private slots:
         QTest::newRow("sent true") << QByteArray("{\"sent\":true}") << -1 << true;
         QTest::newRow("sent one") << QByteArray("{\"sent\":1}") << -1 << true;
         QTest::newRow("sent zero") << QByteArray("{\"sent\":0}") << -1 << false;
-        QTest::newRow("sent false") << QByteArray("{\"sent\":false}") << -1 << false;
         QTest::newRow("sent text") << QByteArray("{\"sent\":\"1\"}") << -1 << false;
         QTest::newRow("not json") << QByteArray("sent") << -1 << false;
     }
@@ -503,8 +502,8 @@ private slots:
         QCOMPARE(parsed.has_value(), expected.isValid());
     }
 
-    // Any answer, an error page included, is online; no answer, a dropped connection or one
-    // that hangs past the time-out is offline. Without an override the build's address is asked.
+    // Any answer, an error page included, is online; no answer or one that hangs past the
+    // time-out is offline. Without an override the build's address is asked.
     void onlineWhenAnythingAnswers()
     {
         LogCapture log;
@@ -515,9 +514,6 @@ private slots:
         QCOMPARE(m_backend.requests().size(), 4);
 
         NQConfig::setHttpTimeoutForTesting(0.5);
-        // The session resends once when a kept-alive connection drops, so the fault stays on.
-        QVERIFY(m_backend.fault("/", "close"));
-        QCOMPARE(online(), std::pair(false, QString("No internet")));
         QVERIFY(m_backend.fault("/", "delay", 5000));
         QCOMPARE(online(), std::pair(false, QString("No internet")));
         NetworkUtils::setRequestAddressForTesting(closedPortUrl());
