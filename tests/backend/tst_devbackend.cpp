@@ -125,16 +125,11 @@ private slots:
         QCOMPARE(backend.call("GET", "/update/PelorinVPN.deb.sig"), qMakePair(200, QByteArray(64, 's')));
     }
 
-    void faultRulesWearOutAndAreValidated()
+    void faultRulesAreValidated()
     {
         DevBackendProcess backend;
         QVERIFY(backend.start({"--fault", "/api1/helper:status:502"}));
         QCOMPARE(backend.call("GET", "/api1/helper/iptocountry").first, 502);
-        QCOMPARE(backend.call("GET", "/").first, 200); // other paths unspoilt
-        backend.reset();
-        QVERIFY(backend.fault("/api1/helper", "body", "{\"ip\":7}", 1));
-        QCOMPARE(backend.call("GET", "/api1/helper/iptocountry").second, QByteArray("{\"ip\":7}"));
-        QVERIFY(object(backend.call("GET", "/api1/helper/iptocountry").second).contains("country"));
         QVERIFY(!backend.fault("/x", "explode"));
         QVERIFY(!backend.fault("no-slash", "close"));
         QVERIFY(!backend.fault("/x", "delay", "soon"));
