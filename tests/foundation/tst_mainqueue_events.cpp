@@ -1,5 +1,3 @@
-#include "foundation/EventBus.h"
-#include "foundation/EventNames.h"
 #include "foundation/HeapTrim.h"
 #include "foundation/MainQueue.h"
 #include "support/ClockGuard.h"
@@ -12,8 +10,6 @@
 class TestMainQueueEvents : public QObject {
     Q_OBJECT
 private slots:
-    void init() { EventBus::defaultCenter().reset(); }
-
     void delaysRunInDueOrderOnTheTestClock()
     {
         ClockGuard guard;
@@ -87,50 +83,6 @@ private slots:
         QTRY_COMPARE(done, kThreads * kTasks);
         QCOMPARE(outOfOrder, 0);
         QCOMPARE(offMain, 0);
-    }
-
-    void observers()
-    {
-        auto &bus = EventBus::defaultCenter();
-        int a = 0, b = 0;
-        QVariantMap got;
-        const int ownerA = 0, ownerB = 0;
-        bus.addObserver(&ownerA, Events::NT_HIDE_ABOUT, [&](const Event &) { ++a; });
-        bus.addObserver(&ownerA, Events::NT_HIDE_UPDATE, [&](const Event &) { ++a; });
-        bus.addObserver(&ownerB, Events::NT_HIDE_ABOUT, [&](const Event &e) {
-            ++b;
-            got = e.userInfo;
-        });
-        bus.post(Events::NT_HIDE_ABOUT, {{"de", "Deutsch"}});
-        QCOMPARE(a, 1);
-        QCOMPARE(got, (QVariantMap{{"de", "Deutsch"}}));
-        bus.removeObserver(&ownerA); // all of A's registrations at once
-        bus.post(Events::NT_HIDE_ABOUT);
-        bus.post(Events::NT_HIDE_UPDATE);
-        QCOMPARE(a, 1);
-        QCOMPARE(b, 2);
-
-        // Removed during delivery: not called.
-        const int first = 0, second = 0;
-        int secondCalls = 0;
-        bus.addObserver(&first, "E", [&](const Event &) { bus.removeObserver(&second); });
-        bus.addObserver(&second, "E", [&](const Event &) { ++secondCalls; });
-        bus.post("E");
-        QCOMPARE(secondCalls, 0);
-
-        // Block observers run on the main thread, at once when posted from it.
-        std::atomic<int> calls{0};
-        std::atomic<bool> onMain{false};
-        bus.addObserverForName(Events::NOTIFICATION_APP_READY, [&](const Event &) {
-            onMain = MainQueue::isMainThread();
-            ++calls;
-        });
-        std::thread poster([&] { bus.post(Events::NOTIFICATION_APP_READY); });
-        poster.join();
-        QTRY_COMPARE(calls.load(), 1);
-        QVERIFY(onMain);
-        bus.post(Events::NOTIFICATION_APP_READY);
-        QCOMPARE(calls.load(), 2);
     }
 };
 
