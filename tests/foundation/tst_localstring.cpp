@@ -1,15 +1,12 @@
 // Runs under a Brazilian Portuguese session (see the test's environment): the device test
 // uses no stand-ins, the others set what the machine would tell.
 #include "foundation/AppStorageManager.h"
-#include "foundation/ErrorIdentity.h"
 #include "foundation/EventBus.h"
 #include "foundation/EventNames.h"
-#include "foundation/FileSecretBackend.h"
 #include "foundation/KeychainStore.h"
 #include "foundation/LanguageNames.h"
 #include "foundation/LanguagesTableSource.h"
 #include "foundation/LocalString.h"
-#include "foundation/StringAddition.h"
 #include "platform/linux/LinuxPlatform.h"
 
 #include <QTemporaryDir>
@@ -133,35 +130,6 @@ private slots:
             LocalString::setOverridesForTesting(machine(preferred));
             QCOMPARE(LocalString::deviceLanguageCode(), code);
         }
-    }
-
-    void chosenLanguageSwitchesTextsAndErrors()
-    {
-        LocalString::setAppLanguageCode(QStringLiteral("de"));
-        QCOMPARE(store().appLanguageCode(), QStringLiteral("de"));
-        QCOMPARE(LocalString::forKey(QStringLiteral("Disconnect")), QStringLiteral("Trennen"));
-        QCOMPARE(LocalString::forKey(QStringLiteral("Quit_software_name")), QStringLiteral("PelorinVPN beenden"));
-        QCOMPARE(StringAddition::durationStringFromSeconds(7200), QStringLiteral("2 Stunden 0 Minuten 0 Sekunden"));
-        QCOMPARE(ErrorIdentity::errorForMissingKey(QStringLiteral("ovpn")).localizedDescription(),
-                 QStringLiteral("Fehlender Schlüssel ('ovpn')"));
-        NQErrorOpt error;
-        KeychainStore(QStringLiteral("svc"), std::make_shared<FileSecretBackend>(m_dir.filePath(QStringLiteral("s"))))
-            .setString(QStringLiteral("v"), QString(), &error);
-        QCOMPARE(error->localizedDescription(), QStringLiteral("Der Schlüssel darf nicht leer sein"));
-
-        LocalString::setAppLanguageCode(QStringLiteral("en"));
-        // The words agree with the numbers despite the swapped hour keys.
-        QCOMPARE(StringAddition::durationStringFromSeconds(3660), QStringLiteral("1 hour 1 minutes 0 seconds"));
-        QCOMPARE(StringAddition::durationStringFromSeconds(2 * 86400),
-                 QStringLiteral("2 days 48 hours 0 minutes 0 seconds"));
-        QCOMPARE(LocalString::forKey(QStringLiteral("No_such_key")), QStringLiteral("No_such_key"));
-        QCOMPARE(LocalString::forKey(QStringLiteral("<app_name> & <app_name>")),
-                 QStringLiteral("PelorinVPN & PelorinVPN"));
-        // A stored code without a table gives every key back; its name is English.
-        LocalString::setAppLanguageCode(QStringLiteral("ja"));
-        QCOMPARE(LocalString::forKey(QStringLiteral("Quit_software_name")), QStringLiteral("Quit_software_name"));
-        LocalString::setAppLanguageCode(QStringLiteral("xx"));
-        QCOMPARE(LocalString::appLanguageName(), QStringLiteral("English"));
     }
 
     // An English locale shows each language in its own words; any other locale shows its
