@@ -1,7 +1,6 @@
 #include "MaskedFrame.h"
 #include "extension/WebSocketFrame.h"
 #include "extension/WebSocketFrameDecoder.h"
-#include "extension/WebSocketHandshake.h"
 
 #include <QtTest>
 
@@ -33,42 +32,6 @@ Collected run(const QList<QByteArray> &pieces)
 class TestWebSocketParsers : public QObject {
     Q_OBJECT
 private slots:
-    void handshakeAcceptsOnlyTheExactRequest_data()
-    {
-        QTest::addColumn<QByteArray>("request");
-        QTest::addColumn<bool>("accepted");
-        const QByteArray key = "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n";
-        QTest::newRow("rfc sample") << "GET /Quellon/ HTTP/1.1\r\nHost: x\r\n" + key + "\r\n" << true;
-        QTest::newRow("only request and key") << "GET /Quellon/ HTTP/1.1\r\n" + key << true;
-        QTest::newRow("key value padded")
-            << QByteArray("GET /Quellon/ HTTP/1.1\r\nSec-WebSocket-Key:   dGhlIHNhbXBsZSBub25jZQ==  \r\n\r\n") << true;
-        QTest::newRow("first qualifying key wins")
-            << "GET /Quellon/ HTTP/1.1\r\n" + key + "Sec-WebSocket-Key: other\r\n\r\n"
-            << true;
-        QTest::newRow("no trailing slash") << "GET /Quellon HTTP/1.1\r\n" + key + "\r\n" << false;
-        QTest::newRow("lower-case method") << "get /Quellon/ HTTP/1.1\r\n" + key + "\r\n" << false;
-        QTest::newRow("double space") << "GET  /Quellon/ HTTP/1.1\r\n" + key + "\r\n" << false;
-        QTest::newRow("lower-case key header") << "GET /Quellon/ HTTP/1.1\r\n" + key.toLower() + "\r\n" << false;
-        QTest::newRow("space before colon")
-            << QByteArray("GET /Quellon/ HTTP/1.1\r\nSec-WebSocket-Key : dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n") << false;
-        QTest::newRow("no key") << QByteArray("GET /Quellon/ HTTP/1.1\r\nHost: x\r\n\r\n") << false;
-        QTest::newRow("garbage first") << "\x16\x03\x01garbage\r\nGET /Quellon/ HTTP/1.1\r\n" + key + "\r\n" << false;
-        QTest::newRow("request line only, split") << QByteArray("GET /Quellon/ HTTP/1.1\r\nHo") << false;
-    }
-    void handshakeAcceptsOnlyTheExactRequest()
-    {
-        QFETCH(QByteArray, request);
-        QFETCH(bool, accepted);
-        const auto result = WebSocketHandshake::handshakeResponseForData(request);
-        QCOMPARE(result.ok, accepted);
-        if (!accepted)
-            QCOMPARE(result.failure, "Invalid handshake from client");
-        else
-            QCOMPARE(result.response,
-                     "HTTP/1.1 101 Web Socket Protocol Handshake\r\nUpgrade: websocket\r\n"
-                     "Connection: Upgrade\r\nSec-WebSocket-Accept: s3pPLMBiTxaQ9kYGzzhZRbK+xOo=\r\n\r\n");
-    }
-
     // Server frames are unmasked text with the shortest length form; client frames of every
     // length unmask and decode the same whatever the split.
     void framesRoundTripAtEverySplit()
