@@ -85,22 +85,14 @@ private slots:
         QCOMPARE(LinuxPlatform({.temporaryDirectory = dir}).temporaryDirectory(), QString());
     }
 
-    void loginItemsRoundTripThroughAutostartEntries()
+    // Listing, adding and removing entries is driven through the shell's login-item tests; what
+    // they do not look at is whether a removal reports that it removed something.
+    void deletingALoginItemSaysWhetherOneWasRemoved()
     {
         QTemporaryDir root;
-        const QString autostart = root.path() + "/autostart"; // does not exist yet
-        LinuxPlatform platform({.autostartDirectory = autostart});
-        QCOMPARE(platform.loginItemNames(), QStringList());
+        LinuxPlatform platform({.autostartDirectory = root.path()});
         QVERIFY(platform.addLoginItem("/usr/bin/PelorinVPN"));
-        QVERIFY(platform.addLoginItem("/usr/bin/PelorinVPN")); // replaces rather than duplicates
-        QCOMPARE(platform.loginItemNames(), QStringList{"PelorinVPN"});
-        QFile entry(autostart + "/PelorinVPN.desktop");
-        QVERIFY(entry.open(QIODevice::ReadOnly));
-        QVERIFY(entry.readAll().contains("Exec=\"/usr/bin/PelorinVPN\" " + platform.loginItemArgument().toUtf8()));
-        QVERIFY(writeFile(autostart + "/other.desktop", "[Desktop Entry]\nName=Other\nHidden=true\n"));
-        QCOMPARE(platform.loginItemNames(), QStringList{"PelorinVPN"}); // hidden entries are not listed
         QVERIFY(platform.deleteLoginItem("PelorinVPN"));
-        QCOMPARE(platform.loginItemNames(), QStringList());
         QVERIFY(!platform.deleteLoginItem("PelorinVPN"));
     }
 
