@@ -14,6 +14,8 @@
 set -euo pipefail
 
 SRC=$(cd "$(dirname "$0")/.." && pwd)
+# shellcheck source=lab-start.sh
+. "$SRC/scripts/lab-start.sh"
 BUILD_DIR=${BUILD_DIR:-$SRC/build/demo-run}
 BUILD=1
 MODE=""
@@ -108,14 +110,8 @@ trap 'exit 143' TERM HUP
 
 say "starting the backend and the OpenVPN server (network namespaces, test PKI)..."
 # Its own session: Ctrl-C reaches the client first, which then disconnects from a live server.
-setsid "$LAB" "$BUILD_DIR" >"$WORK/lab.out" 2>"$WORK/lab.log" &
-LAB_PID=$!
-for _ in $(seq 600); do
-  grep -q '^READY$' "$WORK/lab.out" 2>/dev/null && break
-  kill -0 "$LAB_PID" 2>/dev/null || break
-  sleep 0.1
-done
-grep -q '^READY$' "$WORK/lab.out" || { cat "$WORK/lab.log" >&2; fail "the lab did not come up"; }
+lab_start "$WORK/lab.out" "$WORK/lab.log" setsid "$LAB" "$BUILD_DIR" ||
+  { cat "$WORK/lab.log" >&2; fail "the lab did not come up"; }
 while IFS='=' read -r key value; do
   case "$key" in
     ROOT) LAB_ROOT=$value ;; BACKEND_URL) BACKEND_URL=$value ;; SUDO) LAB_SUDO=$value ;;

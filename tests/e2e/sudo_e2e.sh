@@ -12,6 +12,8 @@ set -euo pipefail
 
 src=$(realpath "$1")
 build=$(realpath "$2")
+# shellcheck source=../../scripts/lab-start.sh
+. "$src/scripts/lab-start.sh"
 # A connect takes seconds; this only bounds a broken run.
 run_limit=120
 
@@ -39,11 +41,11 @@ lab_check=$("$build/bin/pelorin-tunnel-lab" --check 2>&1) || skip "$lab_check"
 
 work=$(mktemp -d /tmp/pelorin-sudo-e2e.XXXXXX)
 chmod 755 "$work"
-lab_pid=""
+LAB_PID=""
 backend_pid=""
 cleanup() {
     local status=$?
-    for pid in $backend_pid $lab_pid; do
+    for pid in $backend_pid $LAB_PID; do
         kill "$pid" 2>/dev/null || true
         wait "$pid" 2>/dev/null || true
     done
@@ -53,14 +55,8 @@ cleanup() {
 trap cleanup EXIT
 
 # --- the lab: OpenVPN server, namespaces ---------------------------------------------------
-"$build/bin/pelorin-tunnel-lab" "$build" >"$work/lab.out" 2>"$work/lab.log" &
-lab_pid=$!
-for _ in $(seq 600); do
-    grep -q '^READY$' "$work/lab.out" 2>/dev/null && break
-    kill -0 "$lab_pid" 2>/dev/null || break
-    sleep 0.1
-done
-grep -q '^READY$' "$work/lab.out" || { cat "$work/lab.log" >&2; fail "the tunnel lab did not come up"; }
+lab_start "$work/lab.out" "$work/lab.log" "$build/bin/pelorin-tunnel-lab" "$build" ||
+    { cat "$work/lab.log" >&2; fail "the tunnel lab did not come up"; }
 while IFS='=' read -r key value; do
     case "$key" in
     ROOT) lab_root=$value ;; CLIENT_NS) client_ns=$value ;; SERVER_NS) server_ns=$value ;;
