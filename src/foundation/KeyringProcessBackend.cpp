@@ -3,10 +3,7 @@
 #include <QDeadlineTimer>
 #include <QFileInfo>
 #include <QProcess>
-#include <QThread>
 #include <QTimer>
-
-#include <future>
 
 using KeyringMessage::Operation;
 
@@ -18,18 +15,13 @@ KeyringProcessBackend::KeyringProcessBackend(QString helperPath, std::chrono::mi
 
 KeyringProcessBackend::~KeyringProcessBackend()
 {
-    if (!m_thread)
+    if (!m_worker)
         return;
-    QMetaObject::invokeMethod(
-        m_context,
-        [this] {
-            stopHelper();
-            m_idle.reset();
-        },
-        Qt::BlockingQueuedConnection);
-    m_thread->quit();
-    m_thread->wait();
-    delete m_context;
+    m_worker->runAndWait([this] {
+        stopHelper();
+        m_idle.reset();
+    });
+    m_worker.reset();
 }
 
 SecretBackend::Result KeyringProcessBackend::ping()
@@ -91,20 +83,11 @@ std::vector<SecretBackend::Result> KeyringProcessBackend::runAll(const std::vect
                 Result::failure(InternalComponent, QStringLiteral("The item is too large for the keyring helper.")));
         stream += *bytes;
     }
-    std::call_once(m_threadStarted, [this] {
-        m_thread = std::make_unique<QThread>();
-        m_thread->setObjectName(QStringLiteral("keyring helper"));
-        m_context = new QObject;
-        m_context->moveToThread(m_thread.get());
-        m_thread->start();
-    });
-    if (QThread::currentThread() == m_thread.get())
-        return exchange(stream, requests.size());
-    std::promise<std::vector<Result>> answered;
-    std::future<std::vector<Result>> results = answered.get_future();
-    QMetaObject::invokeMethod(
-        m_context, [&] { answered.set_value(exchange(stream, requests.size())); }, Qt::QueuedConnection);
-    return results.get();
+    std::call_once(m_threadStarted,
+                   [this] { m_worker = std::make_unique<WorkerThread>(QStringLiteral("keyring helper")); });
+    std::vector<Result> results;
+    m_worker->runAndWait([&] { results = exchange(stream, requests.size()); });
+    return results;
 }
 
 std::vector<SecretBackend::Result> KeyringProcessBackend::exchange(const std::string &stream, size_t count)

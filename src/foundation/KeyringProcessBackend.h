@@ -2,6 +2,7 @@
 
 #include "foundation/KeyringMessage.h"
 #include "foundation/SecretBackend.h"
+#include "foundation/WorkerThread.h"
 
 #include <atomic>
 #include <chrono>
@@ -10,9 +11,7 @@
 #include <string>
 #include <vector>
 
-class QObject;
 class QProcess;
-class QThread;
 class QTimer;
 
 // The Secret Service reached through the keyring helper (pelorin-keyring). One helper serves the
@@ -75,9 +74,8 @@ private:
     std::chrono::milliseconds m_timeout;
     std::chrono::milliseconds m_keepAlive;
     std::once_flag m_threadStarted;
-    std::unique_ptr<QThread> m_thread;
-    QObject *m_context = nullptr; // lives on m_thread
-    // Only touched on m_thread:
+    std::unique_ptr<WorkerThread> m_worker;
+    // Only touched on m_worker's thread:
     std::unique_ptr<QProcess> m_process;
     std::unique_ptr<QTimer> m_idle;
     std::string m_pending; // answer bytes read but not yet taken

@@ -1,13 +1,12 @@
 #pragma once
 
+#include "foundation/WorkerThread.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
 
 #include <functional>
-
-class QObject;
-class QThread;
 
 // Starts tunnel client processes and watches them on one I/O thread of its own, so the
 // output keeps being read while the main thread is busy or blocked. Standard input is empty
@@ -36,6 +35,5 @@ public:
     Launch launch(const QString &program, const QStringList &arguments, Handlers handlers);
 
 private:
-    QThread *m_thread;
-    QObject *m_context; // lives on m_thread; parent of the running processes
+    WorkerThread m_worker; // parent of the running processes
 };

@@ -87,23 +87,18 @@ private:
     int m_active = 0;
 };
 
-UdpLatencyProbe::UdpLatencyProbe(quint16 port, int timeoutMs) : m_worker(new Worker(port, timeoutMs))
+UdpLatencyProbe::UdpLatencyProbe(quint16 port, int timeoutMs) : m_thread(QStringLiteral("UdpLatencyProbe"))
 {
-    m_thread.setObjectName(QStringLiteral("UdpLatencyProbe"));
-    m_worker->moveToThread(&m_thread);
-    QObject::connect(&m_thread, &QThread::finished, m_worker, &QObject::deleteLater);
-    m_thread.start();
+    m_thread.post([this, port, timeoutMs] {
+        m_worker = new Worker(port, timeoutMs);
+        m_worker->setParent(m_thread.context());
+    });
 }
 
-UdpLatencyProbe::~UdpLatencyProbe()
-{
-    m_thread.quit();
-    m_thread.wait();
-}
+UdpLatencyProbe::~UdpLatencyProbe() = default;
 
 void UdpLatencyProbe::measure(const QStringList &addresses, Each each)
 {
     auto shared = std::make_shared<Each>(std::move(each));
-    QMetaObject::invokeMethod(
-        m_worker, [worker = m_worker, addresses, shared] { worker->enqueue(addresses, shared); }, Qt::QueuedConnection);
+    m_thread.post([this, addresses, shared] { m_worker->enqueue(addresses, shared); });
 }

@@ -1,8 +1,7 @@
 #pragma once
 
+#include "foundation/WorkerThread.h"
 #include "vpn/ServerLatencyProbe.h"
-
-#include <QThread>
 
 // Latency of OpenVPN servers over UDP, their protocol: the time from the opener to the
 // server's reply (OpenVpnPing), on a thread of its own. Needs no privileges. A refusal (ICMP
@@ -24,6 +23,6 @@ public:
 
 private:
     class Worker;
-    QThread m_thread;
-    Worker *m_worker;
+    WorkerThread m_thread;
+    Worker *m_worker = nullptr; // lives on m_thread
 };
