@@ -38,12 +38,6 @@ QStringList names(const QList<ClusterRecord> &records)
         out << r->countryName;
     return out;
 }
-NQVPNCountry favourite(const char *name)
-{
-    NQVPNCountry c = eu(name);
-    c.clusterFavourited = true;
-    return c;
-}
 QVariantMap catalogue(const QList<NQVPNCountry> &countries)
 {
     return {{QString::fromLatin1(Events::NQVpnKeyClustersArray), QVariant::fromValue(countries)}};
@@ -339,7 +333,9 @@ private slots:
     void favouriteMissingFromTheCatalogueStaysInTheFavouritesTabOnly()
     {
         const QString key = QString::fromLatin1(ClustersVC::kClusterItemsKey);
-        QVERIFY(m_fx->storage.setArray(QList<NQVPNCountry>{favourite("Atlantis"), favourite("Germany")}, key));
+        NQVPNCountry atlantis = eu("Atlantis"), germany = eu("Germany");
+        atlantis.clusterFavourited = germany.clusterFavourited = true;
+        QVERIFY(m_fx->storage.setArray(QList<NQVPNCountry>{atlantis, germany}, key));
         m_fx->vpn.countries = {eu("France"), eu("Germany", 1), eu("Germany", 2)};
         clusters().viewDidLoad();
         QCOMPARE(names(clusters().tableSourceFavourites().tableData), (QStringList{"Atlantis", "Germany"}));
