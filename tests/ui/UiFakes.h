@@ -30,7 +30,6 @@ struct FakeVpnEngine : VpnEngine {
     bool killSwitch = false;
     bool blocked = false;
     BlockedCallback blockedCallback;
-    bool holdBlock = false;
 
     QList<NQVPNCountry> availableCountries() const override { return countries; }
     std::optional<NQVPNCountry> currentCountry() const override { return current; }
@@ -50,7 +49,6 @@ struct FakeVpnEngine : VpnEngine {
     void stopVPNConnection() override
     {
         ++stops;
-        holdBlock = false; // as the engine: a stop lets go of the hold
         report(5);
         current.reset();
         report(1);
@@ -73,7 +71,7 @@ struct FakeVpnEngine : VpnEngine {
     void setKillSwitchEnabled(bool on) override { killSwitch = on; }
     bool trafficBlocked() const override { return blocked; }
     void setOnTrafficBlockedChange(BlockedCallback cb) override { blockedCallback = std::move(cb); }
-    void setHoldBlockBetweenRuns(bool hold) override { holdBlock = hold; }
+    void setHoldBlockBetweenRuns(bool) override {}
 };
 
 struct FakeLocation : LocationLookup {

@@ -104,11 +104,6 @@ QList<QStringList> shownRows(const ClustersWidget &widget)
     return rows;
 }
 
-int milliseconds(const QString &text)
-{
-    return text.section(QLatin1Char(' '), 0, 0).toInt();
-}
-
 } // namespace
 
 class TstLatency : public QObject {
@@ -144,7 +139,8 @@ private slots:
         QList<QStringList> rows = shownRows(widget);
         QCOMPARE(rows[0], (QStringList{QStringLiteral("Refusing"), none, noneDescription}));
         QCOMPARE(rows[1], (QStringList{QStringLiteral("Silent"), none, noneDescription}));
-        const int slowMs = milliseconds(rows[2][1]), fastMs = milliseconds(rows[3][1]);
+        const int slowMs = rows[2][1].section(QLatin1Char(' '), 0, 0).toInt();
+        const int fastMs = rows[3][1].section(QLatin1Char(' '), 0, 0).toInt();
         QVERIFY2(fastMs >= 1 && fastMs < kSlowMs / 2, qPrintable(rows[3][1]));
         QVERIFY2(slowMs >= kSlowMs && slowMs < kTimeoutMs, qPrintable(rows[2][1]));
         QCOMPARE(rows[2][2], QStringLiteral("Round-trip time %1 ms").arg(slowMs));
