@@ -10,19 +10,9 @@
 #include "support/LogCapture.h"
 
 #include <QDir>
-#include <QSettings>
 #include <QTest>
 
 namespace {
-QVariantMap settingsOf(const QString &path)
-{
-    QSettings settings(path, QSettings::NativeFormat);
-    QVariantMap all;
-    for (const QString &key : settings.allKeys())
-        all.insert(key, settings.value(key));
-    return all;
-}
-
 bool anyStartsWith(const QStringList &lines, const QString &start)
 {
     return std::ranges::any_of(lines, [&](const QString &l) { return l.startsWith(start); });
@@ -138,7 +128,7 @@ private slots:
         AppStorageManager fresh(ref.filePath(QStringLiteral("s.conf")), store.keychain());
         fresh.resetSettings();
         fresh.setVpnDisabled(false);
-        QCOMPARE(settingsOf(store.settingsFilePath()), settingsOf(fresh.settingsFilePath()));
+        QCOMPARE(readAll(store.settingsFilePath()), readAll(fresh.settingsFilePath()));
         store.storeAppAutorunEnabled(false); // not wanted any more: taken out again
         launch({});
         QVERIFY(!NQAppKit::appIsInLoginItems());
