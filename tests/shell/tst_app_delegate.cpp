@@ -134,7 +134,8 @@ private slots:
         QVERIFY(!NQAppKit::appIsInLoginItems());
     }
 
-    void labelAnswersAcrossLaunches()
+    // The label and extension answers; without an extension link the store page is kept.
+    void configAnswersAcrossLaunches()
     {
         LogCapture log;
         const QString marker = w->dataDir() + QStringLiteral("/nqpostuninstall");
@@ -142,9 +143,14 @@ private slots:
         launch({});
         answerLabels(QString()); // no links yet: nothing opened, the flag stays off
         QCOMPARE(QString::fromUtf8(readAll(marker)), QStringLiteral("<empty>,%1,2.1.0.45").arg(device));
+        f->extensionCompletion(false, QStringLiteral("https://ignored"), std::nullopt);
+        QCOMPARE(w->store().labelConfigBrowserChromeLink(),
+                 QStringLiteral("https://chromewebstore.google.com/detail/quellon/kembcdlbgbcnnchcnbdhbmbhbejnedjf"));
         launch({});
         answerLabels(QStringLiteral("https://welcome.example/"), QStringLiteral("https://bye.example"));
         QCOMPARE(QString::fromUtf8(readAll(marker)), QStringLiteral("https://bye.example,%1,2.1.0.45").arg(device));
+        f->extensionCompletion(true, QStringLiteral("https://ext.example"), std::nullopt);
+        QCOMPARE(w->store().labelConfigBrowserChromeLink(), QStringLiteral("https://ext.example"));
         launch({});
         answerLabels(QStringLiteral("https://welcome.example/")); // opened once only
         QCOMPARE(f->opened, QStringList{QStringLiteral("https://welcome.example/")});
@@ -155,17 +161,6 @@ private slots:
         QCOMPARE(w->store().supportLink(), QStringLiteral("https://support.example"));
         QVERIFY(anyStartsWith(log.lines(), QStringLiteral("|AppDelegate| getLabelConfig FAILED: ")));
         QVERIFY(readAll(marker).startsWith("https://bye.example,"));
-    }
-
-    void extensionLinkFallsBackToTheStorePage()
-    {
-        launch({});
-        f->extensionCompletion(false, QStringLiteral("https://ignored"), std::nullopt);
-        QCOMPARE(w->store().labelConfigBrowserChromeLink(),
-                 QStringLiteral("https://chromewebstore.google.com/detail/quellon/kembcdlbgbcnnchcnbdhbmbhbejnedjf"));
-        launch({});
-        f->extensionCompletion(true, QStringLiteral("https://ext.example"), std::nullopt);
-        QCOMPARE(w->store().labelConfigBrowserChromeLink(), QStringLiteral("https://ext.example"));
     }
 
     void quitWhileConnectedStopsAndRetriesEveryThreeSeconds()
