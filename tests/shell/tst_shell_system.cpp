@@ -1,15 +1,23 @@
-// The shell's helpers on the system: external commands, login items, and the service launcher
-// against missing, broken and recording helpers and the real helper.
+// The shell's helpers on the system: external commands, login items, desktop notifications
+// (against a stand-in notification service on a private session bus), and the service
+// launcher against missing, broken and recording helpers and the real helper.
 #include "ShellFakes.h"
+#include "shell/LoginItemsListController.h"
 #include "shell/NQAppKit.h"
+#include "shell/NQSystemNotification.h"
 #include "shell/NQTask.h"
 #include "shell/ServiceLauncher.h"
 #include "support/LogCapture.h"
 
+#include <QDBusConnection>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QProcess>
+#include <QScopeGuard>
+#include <QSignalSpy>
+#include <QStandardPaths>
 #include <QTest>
+#include <QThread>
 
 namespace {
 constexpr auto kExecutable = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner;
@@ -31,6 +39,23 @@ QString markerIn(const QTemporaryDir &dir)
     return dir.filePath(QStringLiteral("com.pelorin.vpn.mac/openvpn.last_pid"));
 }
 } // namespace
+
+// Answers from its own thread, so the product's blocking call can be served.
+class NotificationsService : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
+
+public:
+    QStringList received;
+
+public slots:
+    uint Notify(const QString &app, uint, const QString &, const QString &summary, const QString &body,
+                const QStringList &, const QVariantMap &, int)
+    {
+        received << app + QLatin1Char('|') + summary + QLatin1Char('|') + body;
+        return 42;
+    }
+};
 
 class TestShellSystem : public QObject {
     Q_OBJECT
@@ -66,6 +91,82 @@ private slots:
         QVERIFY(NQAppKit::appIsInLoginItems());
         NQAppKit::removeAppFromLoginItems();
         QCOMPARE(NQTask::getLoginItems(), QStringLiteral("Mail, PelorinVPN Helper"));
+    }
+
+    void listControllerFindsItemsByTheProgramTheyStart()
+    {
+        ShellWorld world;
+        const QString program = world.dir.filePath(QStringLiteral("pelorin"));
+        const QString link = world.dir.filePath(QStringLiteral("link"));
+        QVERIFY(writeFile(program, {}));
+        QVERIFY(QFile::link(program, link));
+        Platform::instance().addLoginItemNamed(QStringLiteral("/usr/bin/pelorin"), QStringLiteral("Look-alike"));
+
+        LoginItemsListController controller;
+        QVERIFY(!controller.willLaunchAtLogin(program)); // same name, other program
+        controller.setLaunchAtLogin(true, link);
+        QVERIFY(controller.willLaunchAtLogin(program)); // links resolved on both sides
+        controller.setLaunchAtLogin(true, program);     // already there: no second entry
+        QCOMPARE(Platform::instance().loginItems().size(), 2);
+        controller.setLaunchAtLogin(false, program);
+        QVERIFY(!controller.willLaunchAtLogin(link));
+        QCOMPARE(NQTask::getLoginItems(), QStringLiteral("Look-alike"));
+
+        QSignalSpy changed(&controller, &LoginItemsListController::launchAtLoginChanged);
+        controller.setLaunchAtLogin(true);
+        QVERIFY(controller.launchAtLogin());
+        QCOMPARE(changed.size(), 1);
+    }
+
+    void notificationTextAndDelivery()
+    {
+        QCOMPARE(NQSystemNotification::scriptText(QStringLiteral("m"), QString(), QString()),
+                 QStringLiteral("display notification \"m\""));
+        QCOMPARE(NQSystemNotification::scriptText(QStringLiteral("m"), QStringLiteral("t"), QStringLiteral("s")),
+                 QStringLiteral("display notification \"m\" with title \"t\" subtitle \"s\""));
+
+        ShellWorld world;
+        const QString daemon = QStandardPaths::findExecutable(QStringLiteral("dbus-daemon"));
+        if (daemon.isEmpty())
+            QSKIP("dbus-daemon is not installed");
+        QProcess bus;
+        bus.start(daemon,
+                  {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1")});
+        QVERIFY(bus.waitForReadyRead(10000));
+        const QString address = QString::fromUtf8(bus.readLine().trimmed());
+        qputenv("DBUS_SESSION_BUS_ADDRESS", address.toUtf8());
+        const auto stopBus = qScopeGuard([&bus] {
+            bus.kill();
+            bus.waitForFinished();
+        });
+        // A session without a notification service: a clear failure, not a hang.
+        QString failure;
+        NQSystemNotification::ShowSystemNotificationWithMessage(
+            QStringLiteral("m"), QStringLiteral("s"), {},
+            [&](bool shown, const QString &, const QString &error) { failure = shown ? QString() : error; });
+        QVERIFY2(failure.contains(QStringLiteral("org.freedesktop.Notifications")), qPrintable(failure));
+
+        QThread thread;
+        NotificationsService service;
+        service.moveToThread(&thread);
+        thread.start();
+        const auto stopThread = qScopeGuard([&thread] {
+            QDBusConnection::disconnectFromBus(QStringLiteral("svc"));
+            thread.quit();
+            thread.wait();
+        });
+        QDBusConnection connection = QDBusConnection::connectToBus(address, QStringLiteral("svc"));
+        QVERIFY(connection.registerObject(QStringLiteral("/org/freedesktop/Notifications"), &service,
+                                          QDBusConnection::ExportAllSlots));
+        QVERIFY(connection.registerService(QStringLiteral("org.freedesktop.Notifications")));
+        QString descriptor;
+        for (const QString &title : {QStringLiteral("Title"), QString()})
+            NQSystemNotification::ShowSystemNotificationWithMessage(
+                QStringLiteral("Connected"), title, QStringLiteral("Sweden"), {},
+                [&](bool ok, const QString &text, const QString &) { descriptor += ok ? text : QStringLiteral("!"); });
+        QCOMPARE(descriptor, QStringLiteral("notification 42notification 42"));
+        QCOMPARE(service.received, (QStringList{QStringLiteral("PelorinVPN|Title|Sweden\nConnected"),
+                                                QStringLiteral("PelorinVPN|PelorinVPN|Sweden\nConnected")}));
     }
 
     // A launcher that cannot run is a logged fault, tried once per session; closing still
