@@ -203,6 +203,7 @@ private slots:
         api.startServer();
         qunsetenv(BrowserExtensionApi::kPortEnvironmentVariable);
         QVERIFY(!api.browserExtWebsocket());
+        QVERIFY(log.lines().value(1).startsWith("CVWebSockerServer failed to initialize: "));
         QCOMPARE(log.lines().filter("|BrowserExtension| cannot listen on port " + port + ": another program").size(),
                  1);
         api.sendScrambleNow(); // the bridge goes on without a server
