@@ -108,8 +108,6 @@ private slots:
         QCOMPARE(some.openInChromeCommand("https://example.org"),
                  (QStringList{bin.path() + "/chromium", "https://example.org"}));
 
-        QCOMPARE(LinuxPlatform({.installer = "/opt/fake-installer"}).installerCommand("/d/P.deb"),
-                 (QStringList{"/opt/fake-installer", "/d/P.deb"}));
         // A shipped installer is used only when it can be run.
         const QString shipped = bin.path() + "/install-update";
         QVERIFY(writeFile(shipped, "#!/bin/sh\n"));
