@@ -1,6 +1,6 @@
-// Faults on this machine: a temporary folder that is read-only or full, a keychain that is locked or gone, and the
-// extension port taken. Each leaves a log line that names the cause, and the user's settings and credentials read back
-// as they were.
+// Faults on this machine: a temporary folder that is read-only or full, and the extension
+// port taken. Each leaves a log line that names the cause, and the user's settings and
+// credentials read back as they were.
 #include "extension/BrowserExtensionApi.h"
 #include "foundation/FileSecretBackend.h"
 #include "support/LogCapture.h"
@@ -97,31 +97,22 @@ private slots:
     {
         QTest::addColumn<QString>("mount"); // tmpfs options ("ro" last: remounted read-only); empty: none
         QTest::addColumn<int>("fill");
-        QTest::addColumn<int>("keychain"); // the keychain's failure status; 0: it works
         QTest::addColumn<QList<int>>("states");
         QTest::addColumn<QStringList>("logs"); // texts the log must hold
         const QString writeFailed = "|NQVPNManager| Failed to write temporary OpenVPN config file: ";
         const QString notCreated = "|NQVPNManager| Failed to create temporary configuration file.";
-        const QString keptInMemory = "are kept in memory until quit";
-        const QString keyring = "OSStatus error: [%1] The keyring cannot be reached.";
-        QTest::newRow("tmp read-only") << "size=64k,ro" << 0 << 0 << QList<int>{}
+        QTest::newRow("tmp read-only") << "size=64k,ro" << 0 << QList<int>{}
                                        << QStringList{writeFailed + "Read-only file system", notCreated};
-        QTest::newRow("tmp full") << "size=8k" << 8192 << 0 << QList<int>{}
+        QTest::newRow("tmp full") << "size=8k" << 8192 << QList<int>{}
                                   << QStringList{writeFailed + "No space left on device", notCreated};
         // Room for the profile and the credentials but not for the rewritten profile.
         QTest::newRow("tmp full at the rewrite")
-            << "size=8k" << 0 << 0 << QList<int>{2, 3} << QStringList{writeFailed + "No space left on device"};
-        // The account the run was given stays in memory and the connect goes on with it.
-        QTest::newRow("keychain locked") << QString() << 0 << -25308 << QList<int>{2, 3}
-                                         << QStringList{keyring.arg(-25308), keptInMemory};
-        QTest::newRow("keychain gone") << QString() << 0 << -25291 << QList<int>{2, 3}
-                                       << QStringList{keyring.arg(-25291), keptInMemory};
+            << "size=8k" << 0 << QList<int>{2, 3} << QStringList{writeFailed + "No space left on device"};
     }
     void tunnelFaults()
     {
         QFETCH(QString, mount);
         QFETCH(int, fill);
-        QFETCH(int, keychain);
         QFETCH(QList<int>, states);
         QFETCH(QStringList, logs);
         if (!mount.isEmpty() && !mountTemporaryFolder(mount, fill))
@@ -131,10 +122,6 @@ private slots:
         m_env->writeFile("helpers/ovpncli", VpnTestEnvironment::kStandInClient, true);
         m_env->writeFile("helpers/behaviour", VpnTestEnvironment::kConnectThenWait);
         LogCapture log;
-        if (keychain) { // a new account cannot be stored, nor the old one read
-            m_secrets->failure = keychain;
-            m_env->storage().storeVPNCredentials("new-user", "new-pass");
-        }
         m_env->manager().startVPNConnectionWithConfigContent("client\nauth-user-pass\n", "DE");
         QTRY_COMPARE_WITH_TIMEOUT(m_reports->snapshot(), states, kVpnWaitMs);
         for (const QString &text : logs)
