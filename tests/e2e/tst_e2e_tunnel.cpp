@@ -28,7 +28,6 @@ private slots:
     void cleanupTestCase();
     void cleanup();
     void latencyProbeReachesTheServer();
-    void connectCarryTrafficAndStop();
     void wrongPasswordIsRejectedByTheServer();
     void outsideTrafficIsBlockedOnlyWhileTheSwitchHolds();
 
@@ -145,24 +144,6 @@ void TestE2eTunnel::latencyProbeReachesTheServer()
     const auto ms = results.value(server);
     QVERIFY2(ms && *ms >= 1 && *ms < UdpLatencyProbe::kProbeTimeoutMs, qPrintable(m_lab->serverLog()));
     QCOMPARE(results.value(kTunnel), std::nullopt);
-}
-
-void TestE2eTunnel::connectCarryTrafficAndStop()
-{
-    LogCapture logs;
-    // Before the tunnel, the server's tunnel address cannot be reached from the client side.
-    QVERIFY(!m_lab->ping(kTunnel));
-    start();
-    QTRY_VERIFY2_WITH_TIMEOUT(states().contains(3), qPrintable(logs.lines().join(QLatin1Char('\n'))), kStepMs);
-    QCOMPARE(states(), (QList<int>{2, 3}));
-    QTRY_VERIFY_WITH_TIMEOUT(m_lab->ping(kTunnel), kStepMs);
-
-    vpn().stopVPNConnection();
-    QCOMPARE(states().mid(0, 4), (QList<int>{2, 3, 5, 1}));
-    QVERIFY(m_env->temporaryEntries().isEmpty());
-    QTRY_VERIFY2_WITH_TIMEOUT(m_lab->clientProcesses().isEmpty(),
-                              qPrintable(m_lab->clientProcesses().join(QLatin1Char('\n'))), kStepMs);
-    QVERIFY(!m_lab->ping(kTunnel));
 }
 
 void TestE2eTunnel::wrongPasswordIsRejectedByTheServer()
