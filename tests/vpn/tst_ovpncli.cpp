@@ -127,12 +127,6 @@ void TestOvpncli::runsEndWithOneMarker_data()
         << QByteArray("/usr/bin/printf 'bad \\xff\\xfe\\xc3 byte\\nInitialization Sequence Completed\\n'\n"
                       "exec sleep 0.3\n")
         << QList<int>{3, 1} << QByteArray("openvpn: bad \\xff\\xfe\\xc3 byte\n");
-    // A soft restart is no disconnect, and the second "up" is not reported again; giving up
-    // after the restart ends with the disconnect.
-    QTest::newRow("restart, then gives up")
-        << QByteArray("for i in 1 2; do echo 'Initialization Sequence Completed'\n"
-                      "echo 'SIGUSR1[soft,ping-restart] received, process restarting'; done\nexit 1\n")
-        << QList<int>{3, 1} << QByteArray("ovpncli: state DISCONNECTED, openvpn ended with status 1\n");
     QTest::newRow("dies before the tunnel is up")
         << QByteArray("echo 'TCP: connect to [AF_INET]10.0.0.1:1194 failed'\nexit 1\n") << QList<int>{1}
         << QByteArray("ovpncli: connect error, openvpn ended with status 1 before the tunnel was up\n");
