@@ -122,11 +122,6 @@ void TestOvpncli::runsEndWithOneMarker_data()
     QTest::addColumn<QByteArray>("script");
     QTest::addColumn<QList<int>>("states");
     QTest::addColumn<QByteArray>("expected"); // a line the output must hold
-    // The stray bytes arrive in the same write as the line that brings the tunnel up.
-    QTest::newRow("invalid UTF-8 next to the state line")
-        << QByteArray("/usr/bin/printf 'bad \\xff\\xfe\\xc3 byte\\nInitialization Sequence Completed\\n'\n"
-                      "exec sleep 0.3\n")
-        << QList<int>{3, 1} << QByteArray("openvpn: bad \\xff\\xfe\\xc3 byte\n");
     QTest::newRow("dies before the tunnel is up")
         << QByteArray("echo 'TCP: connect to [AF_INET]10.0.0.1:1194 failed'\nexit 1\n") << QList<int>{1}
         << QByteArray("ovpncli: connect error, openvpn ended with status 1 before the tunnel was up\n");
