@@ -1,7 +1,7 @@
-// The ovpncli program itself, with a stand-in for openvpn: whatever openvpn writes and however
-// the run ends, the application gets valid UTF-8 lines and exactly one disconnect marker, last;
-// and run as root for an unprivileged user, it hands openvpn nothing but a private copy of a
-// checked profile.
+// The ovpncli program itself, with a stand-in for openvpn (what it makes of openvpn's output
+// is tst_ovpncli_rules's): however the run ends, the application gets valid UTF-8 lines and
+// exactly one disconnect marker, last; and run as root for an unprivileged user, it hands
+// openvpn nothing but a private copy of a checked profile.
 #include "support/VpnTestEnvironment.h"
 #include "vpn/TunnelOutputParser.h"
 
