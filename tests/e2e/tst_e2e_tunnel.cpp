@@ -28,8 +28,6 @@ private slots:
     void cleanupTestCase();
     void cleanup();
     void latencyProbeReachesTheServer();
-    void connectCarryTrafficAndStop();
-    void wrongPasswordIsRejectedByTheServer();
     void outsideTrafficIsBlockedOnlyWhileTheSwitchHolds();
 
 private:
@@ -59,8 +57,6 @@ private:
     std::unique_ptr<TunnelLab> m_lab;
     std::unique_ptr<VpnTestEnvironment> m_env;
     std::shared_ptr<VpnReports> m_states;
-    QString m_user;
-    QString m_password;
     QString m_profile;
 };
 
@@ -77,16 +73,11 @@ void TestE2eTunnel::initTestCase()
 
     // The device's account, made by the backend and stored by our own provisioning call.
     bool done = false;
-    NQIdentityServer::sharedManager().registerVpnApi(
-        [&](const QString &user, const QString &password, const QString &error) {
-            QVERIFY2(error.isEmpty(), qPrintable(error));
-            m_user = user;
-            m_password = password;
-            done = true;
-        });
+    NQIdentityServer::sharedManager().registerVpnApi([&](const QString &, const QString &, const QString &error) {
+        QVERIFY2(error.isEmpty(), qPrintable(error));
+        done = true;
+    });
     QTRY_VERIFY_WITH_TIMEOUT(done, kStepMs);
-    QVERIFY(!m_user.isEmpty() && !m_password.isEmpty());
-    QCOMPARE(m_env->storage().getVpnCredentials().password, m_password);
 
     // The profile of the lab's server, through the server list.
     bool listed = false;
@@ -121,8 +112,6 @@ void TestE2eTunnel::cleanup()
         vpn().stopVPNConnection();
         QTRY_VERIFY_WITH_TIMEOUT(m_lab->clientProcesses().isEmpty(), kStepMs);
     }
-    if (m_env)
-        m_env->storage().storeVPNCredentials(m_user, m_password);
 }
 
 void TestE2eTunnel::latencyProbeReachesTheServer()
@@ -145,40 +134,6 @@ void TestE2eTunnel::latencyProbeReachesTheServer()
     const auto ms = results.value(server);
     QVERIFY2(ms && *ms >= 1 && *ms < UdpLatencyProbe::kProbeTimeoutMs, qPrintable(m_lab->serverLog()));
     QCOMPARE(results.value(kTunnel), std::nullopt);
-}
-
-void TestE2eTunnel::connectCarryTrafficAndStop()
-{
-    LogCapture logs;
-    // Before the tunnel, the server's tunnel address cannot be reached from the client side.
-    QVERIFY(!m_lab->ping(kTunnel));
-    start();
-    QTRY_VERIFY2_WITH_TIMEOUT(states().contains(3), qPrintable(logs.lines().join(QLatin1Char('\n'))), kStepMs);
-    QCOMPARE(states(), (QList<int>{2, 3}));
-    QTRY_VERIFY_WITH_TIMEOUT(m_lab->ping(kTunnel), kStepMs);
-
-    vpn().stopVPNConnection();
-    QCOMPARE(states().mid(0, 4), (QList<int>{2, 3, 5, 1}));
-    QVERIFY(m_env->temporaryEntries().isEmpty());
-    QTRY_VERIFY2_WITH_TIMEOUT(m_lab->clientProcesses().isEmpty(),
-                              qPrintable(m_lab->clientProcesses().join(QLatin1Char('\n'))), kStepMs);
-    QVERIFY(!m_lab->ping(kTunnel));
-}
-
-void TestE2eTunnel::wrongPasswordIsRejectedByTheServer()
-{
-    LogCapture logs;
-    m_env->storage().storeVPNCredentials(m_user, m_password + QStringLiteral("-wrong"));
-    start();
-    // openvpn gives up after the rejection; ovpncli's last line reports the end. The rejection
-    // reaches the state (0) unless both lines arrive in one read, which counts as the end (1).
-    QTRY_VERIFY2_WITH_TIMEOUT(
-        !logs.lines().filter(QStringLiteral("|NQVPNManager| OpenVPN process terminated")).isEmpty(),
-        qPrintable(logs.lines().join(QLatin1Char('\n'))), kStepMs);
-    QVERIFY(!logs.lines().filter(QStringLiteral("ovpncli: AUTH_FAILED")).isEmpty());
-    QVERIFY(states() == (QList<int>{2, 0, 1}) || states() == (QList<int>{2, 1}));
-    QCOMPARE(m_env->storage().getVPNStatus(), 1);
-    QTRY_VERIFY_WITH_TIMEOUT(m_lab->clientProcesses().isEmpty(), kStepMs);
 }
 
 void TestE2eTunnel::outsideTrafficIsBlockedOnlyWhileTheSwitchHolds()

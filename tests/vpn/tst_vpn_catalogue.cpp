@@ -1,13 +1,13 @@
 // The server catalogue: records from JSON and from the archive, flags, and the backend
-// requests against a real HTTP server on loopback, none of which waits for the keychain on
-// the caller's (the window's) thread.
+// requests against the development backend on loopback, none of which waits for the keychain
+// on the caller's (the window's) thread.
+#include "backend/DevBackendProcess.h"
 #include "backend/NQIdentityServer.h"
 #include "foundation/AppConfig.h"
 #include "foundation/ErrorIdentity.h"
 #include "foundation/EventNames.h"
 #include "foundation/KeyedArchive.h"
 #include "foundation/SecretQueue.h"
-#include "support/CannedHttpServer.h"
 #include "support/LogCapture.h"
 #include "support/VpnTestEnvironment.h"
 #include "vpn/FlagUtils.h"
@@ -20,7 +20,16 @@
 
 class TestVpnCatalogue : public QObject {
     Q_OBJECT
+    DevBackendProcess m_backend;
+    // Path and query of the backend's request `i` since its last reset.
+    QString target(int i)
+    {
+        const QJsonObject request = m_backend.requests().at(i).toObject();
+        return request["path"].toString() + '?' + request["query"].toString();
+    }
+
 private slots:
+    void initTestCase() { QVERIFY(m_backend.start()); }
     void recordFromJson_data();
     void recordFromJson();
     void recordKeepsOnlyTheListsKeys();
@@ -165,8 +174,8 @@ void TestVpnCatalogue::flags()
 
 void TestVpnCatalogue::serverList()
 {
-    CannedHttpServer server;
-    VpnTestEnvironment env(server.baseUrl());
+    VpnTestEnvironment env(m_backend.baseUrl());
+    m_backend.reset();
     env.storage().storeKeyFromStoreFlag(true);
     QStringList events;
     QList<NQVPNCountry> posted;
@@ -177,11 +186,11 @@ void TestVpnCatalogue::serverList()
         posted = e.userInfo.value(QLatin1String(Events::NQVpnKeyClustersArray)).value<QList<NQVPNCountry>>();
     });
     LogCapture logs;
-    // The status is never looked at: a 500 with an array body is a list. A failure empties the
-    // list all the same, and both events follow every answer.
+    // A failure empties the list all the same, and both events follow every answer.
     const QByteArray list = R"([{"id": 1, "countryName": "Germany"}, {"id": "2", "countryName": "United States"}])";
-    server.setReplies({{500, list}, {200, "[]"}, {200, "[{}]"}, {200, "{}"}, {200, "not json"}});
-    for (const int expected : {2, 0, 1, -1, -1}) {
+    const std::pair<QByteArray, int> answers[] = {{list, 2}, {"[]", 0}, {"[{}]", 1}, {"{}", -1}, {"not json", -1}};
+    for (const auto &[body, expected] : answers) {
+        QVERIFY(m_backend.fault(QStringLiteral("/api1/vpnapi/serverlist"), QStringLiteral("body"), QString(body), 1));
         events.clear();
         NQErrorOpt error;
         bool done = false;
@@ -205,20 +214,20 @@ void TestVpnCatalogue::serverList()
             QCOMPARE(posted.value(1).countryId, 2);
         }
     }
-    QCOMPARE(server.targets().value(0),
+    QCOMPARE(target(0),
              QStringLiteral("/api1/vpnapi/serverlist/20014/KEY/%1/%2?deviceType=2&keyFromStore=true&engine=1")
                  .arg(AppConfig::deviceUniqueID(), AppConfig::appVersion()));
     const QString request = QStringLiteral("|NQVPNManager| Request getCountries");
     QCOMPARE(logs.lines().filter(request).mid(0, 5),
-             (QStringList{request, request + ". endpointUrl = '" + server.baseUrl() + server.targets().value(0) + "'",
+             (QStringList{request, request + ". endpointUrl = '" + m_backend.baseUrl() + target(0) + "'",
                           request + ". request success", request + ". request success. response body deserialized",
                           request + ". request finish. response body = " + list}));
 }
 
 void TestVpnCatalogue::profileRequest()
 {
-    CannedHttpServer server;
-    VpnTestEnvironment env(server.baseUrl());
+    VpnTestEnvironment env(m_backend.baseUrl());
+    m_backend.reset();
     LogCapture logs;
     const struct {
         QByteArray body;
@@ -233,7 +242,7 @@ void TestVpnCatalogue::profileRequest()
         {R"({"serverPort": 1})", {}, {}, "serverAddress"},
     };
     for (const auto &c : cases) {
-        server.setReplies({{200, c.body}});
+        QVERIFY(m_backend.fault(QStringLiteral("/api1/vpnapi/serverovpn"), QStringLiteral("body"), QString(c.body), 1));
         QStringList got;
         NQErrorOpt error;
         env.manager().getCountryVPNConfig(42, [&](const QString &o, const QString &a, const NQErrorOpt &e) {
@@ -250,11 +259,11 @@ void TestVpnCatalogue::profileRequest()
             QCOMPARE(*error, ErrorIdentity::errorForMissingKey(c.missing));
     }
     const QString url =
-        server.baseUrl() +
+        m_backend.baseUrl() +
         QStringLiteral("/api1/vpnapi/serverovpn/20014/KEY/%1/%2/42?deviceType=2&keyFromStore=false&engine=1")
             .arg(AppConfig::deviceUniqueID(), AppConfig::appVersion());
-    QCOMPARE(server.targets().size(), 4);
-    QCOMPARE(server.baseUrl() + server.targets().value(3), url);
+    QCOMPARE(m_backend.requests().size(), 4);
+    QCOMPARE(m_backend.baseUrl() + target(3), url);
     QVERIFY(logs.lines().contains("|NQVPNManager| Request getCountryVPNConfig"));
     QVERIFY(logs.lines().contains("|NQVPNManager| Request getCountryVPNConfig. endpointUrl = '" + url + "'"));
 }

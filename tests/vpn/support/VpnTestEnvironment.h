@@ -34,7 +34,6 @@ inline bool processAlive(qint64 pid)
 struct VpnReports {
     mutable std::mutex mutex;
     QList<int> states;
-    QList<bool> onMainThread;
     QList<TunnelClientEnd> ends;
     QList<int> snapshot() const
     {
@@ -69,11 +68,10 @@ if [ "$1" = pkill ]; then exec pkill -f "$here/helpers/$2"; fi
 exec "$@"
 )SH";
 
-    // Stand-in client (helpers/ovpncli): records how it was started, then does what the test
-    // put in "helpers/behaviour"; `step N` waits for the file "helpers/goN".
+    // Stand-in client (helpers/ovpncli): records its pid, then does what the test put in
+    // "helpers/behaviour"; `step N` waits for the file "helpers/goN".
     static inline const QByteArray kStandInClient = R"SH(#!/bin/bash
 here="$(dirname "$0")"
-cat "$1" > "$here/profile-at-launch"
 echo $$ > "$here/pid"
 step() { while [ ! -e "$here/go$1" ]; do sleep 0.02; done; }
 source "$here/behaviour"
@@ -142,7 +140,6 @@ while :; do sleep 1 & wait $!; done
         manager().setOnConnectionStateChange([reports](int state) {
             std::lock_guard lock(reports->mutex);
             reports->states << state;
-            reports->onMainThread << MainQueue::isMainThread();
         });
         manager().setOnClientEnded([reports](const TunnelClientEnd &end) {
             std::lock_guard lock(reports->mutex);
