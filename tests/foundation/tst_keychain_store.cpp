@@ -208,72 +208,25 @@ private slots:
         QCOMPARE(open("svc").stringForKey(QStringLiteral("k")), QStringLiteral("v"));
     }
 
-    void madeOnceThenKept()
+    // A missing identifier is made, said once and kept.
+    void missingIdentifierIsMadeOnce()
     {
         LogCapture capture;
-        const QString first = AppConfig::deviceUniqueID();
-        QCOMPARE(AppConfig::deviceUniqueID(), first);
-        QVERIFY(QRegularExpression(QStringLiteral("^[0-9A-Z]{32}MAC2$")).match(first).hasMatch());
+        const QString made = AppConfig::deviceUniqueID();
+        QCOMPARE(AppConfig::deviceUniqueID(), made);
         QCOMPARE(capture.lines().filter("|AppConfig|"),
-                 QStringList{"|AppConfig| Missing device UUID create new: " + first});
+                 QStringList{"|AppConfig| Missing device UUID create new: " + made});
         SecretQueue::drain();
-        QCOMPARE(m_secrets->writes(), 1);
-        QCOMPARE(m_secrets->items.value("com.pelorin.vpn.mac/deviceUUID"), first.toUtf8());
-
-        AppStorageManager::sharedManager().storeDeviceUUID(QStringLiteral("legacy-id-from-an-older-build"));
-        capture.clear();
-        QCOMPARE(AppConfig::deviceUniqueID(), QStringLiteral("legacy-id-from-an-older-build"));
-        QVERIFY(capture.lines().filter(QStringLiteral("|AppConfig|")).isEmpty());
-
-        // A write the keychain refuses stops keeping the run's secrets, and the user is told.
-        QStringList told;
-        AppStorageManager::setSecretsNotKeptHandler(
-            [&told](const NQError &why) { told << why.localizedDescription(); });
-        SecretQueue::drain(); // the legacy identifier's write must not meet the refusal
-        m_secrets->failing.insert(QStringLiteral("update"), SecretBackend::InteractionNotAllowed);
-        AppStorageManager::sharedManager().storeDeviceUUID(QStringLiteral("next"));
-        QTRY_COMPARE(told, QStringList{QStringLiteral("The keyring stayed locked.")});
     }
 
-    // Locked and not unlocked, or no answer: "no such item" was never said, so nothing is made
-    // for keeping; the run gets one identifier of its own and the keychain keeps its item.
-    void keychainThatCannotAnswerKeepsItsItemAndTheRunOneIdentifier_data()
+    // Credentials the keychain cannot answer stop it keeping the run's secrets.
+    void unansweredCredentialsStopKeepingSecrets()
     {
-        QTest::addColumn<int>("status");
-        QTest::addColumn<bool>("credentialsFirst");
-        QTest::newRow("locked") << int(SecretBackend::InteractionNotAllowed) << false;
-        QTest::newRow("unlock refused, credentials read first") << int(SecretBackend::UserCanceled) << true;
-        QTest::newRow("helper failed") << int(SecretBackend::InternalComponent) << false;
-    }
-    void keychainThatCannotAnswerKeepsItsItemAndTheRunOneIdentifier()
-    {
-        QFETCH(int, status);
-        QFETCH(bool, credentialsFirst);
-        m_secrets->items.insert(QStringLiteral("com.pelorin.vpn.mac/deviceUUID"), "KEPT-ID");
-        m_secrets->failing.insert(QStringLiteral("find"), status);
-        QStringList told;
-        AppStorageManager::setSecretsNotKeptHandler(
-            [&told](const NQError &why) { told << why.localizedDescription(); });
+        m_secrets->failing.insert(QStringLiteral("find"), SecretBackend::UserCanceled);
         AppStorageManager &storage = AppStorageManager::sharedManager();
-        if (credentialsFirst) {
-            QVERIFY(storage.getVpnCredentials().username.isNull());
-            QCOMPARE(storage.secretsNotKept()->code(), status);
-        }
-        LogCapture capture;
-        const QString first = AppConfig::deviceUniqueID();
-        QString later;
-        AppConfig::deviceUniqueID([&later](const QString &identifier) { later = identifier; });
-        QTRY_COMPARE(later, first);
-        QVERIFY(first != QLatin1String("KEPT-ID"));
-        QVERIFY(capture.lines().filter(QStringLiteral("Missing device UUID")).isEmpty());
-
-        storage.storeVPNCredentials(QStringLiteral("u"), QStringLiteral("p"));
-        QCOMPARE(storage.getVpnCredentials().password, QStringLiteral("p"));
-        SecretQueue::drain();
-        QCOMPARE(m_secrets->writes(), 0);
-        QCOMPARE(m_secrets->items.size(), 1);
-        QCOMPARE(storage.secretsNotKept()->code(), status);
-        QTRY_COMPARE(told, QStringList{QStringLiteral("The keyring stayed locked.")});
+        QVERIFY(storage.getVpnCredentials().username.isNull());
+        const NQErrorOpt notKept = storage.secretsNotKept();
+        QVERIFY(notKept && notKept->code() == SecretBackend::UserCanceled);
     }
 
     // The helper's messages: a cut one waits for more; an unknown, overlong or the other side's
