@@ -32,8 +32,6 @@ public:
     QMap<QString, int> failing; // call -> the status it answers
     QString failureMessage;
 
-    int writes() const { return int(calls.count(QStringLiteral("add")) + calls.count(QStringLiteral("update"))); }
-
     Result find(const QString &s, const QString &a) override { return call("find", s, a); }
     Result update(const QString &s, const QString &a, const QByteArray &d) override { return call("update", s, a, d); }
     Result add(const QString &s, const QString &a, const QByteArray &d) override { return call("add", s, a, d); }
@@ -87,15 +85,10 @@ private slots:
     void init()
     {
         m_secrets = std::make_shared<FakeSecrets>();
-        m_secrets->failureMessage = QStringLiteral("The keyring stayed locked.");
         AppStorageManager::setSharedManagerForTesting(
             std::make_unique<AppStorageManager>(m_dir.filePath("settings.conf"), KeychainStore(kService, m_secrets)));
     }
-    void cleanup()
-    {
-        AppStorageManager::setSharedManagerForTesting(nullptr);
-        AppStorageManager::setSecretsNotKeptHandler({});
-    }
+    void cleanup() { AppStorageManager::setSharedManagerForTesting(nullptr); }
 
     // A found or locked item is updated, a missing one added; any other lookup failure is the
     // write's failure, with the store's own text where it gives one.
