@@ -32,8 +32,6 @@ public:
     QMap<QString, int> failing; // call -> the status it answers
     QString failureMessage;
 
-    int writes() const { return int(calls.count(QStringLiteral("add")) + calls.count(QStringLiteral("update"))); }
-
     Result find(const QString &s, const QString &a) override { return call("find", s, a); }
     Result update(const QString &s, const QString &a, const QByteArray &d) override { return call("update", s, a, d); }
     Result add(const QString &s, const QString &a, const QByteArray &d) override { return call("add", s, a, d); }
@@ -87,15 +85,10 @@ private slots:
     void init()
     {
         m_secrets = std::make_shared<FakeSecrets>();
-        m_secrets->failureMessage = QStringLiteral("The keyring stayed locked.");
         AppStorageManager::setSharedManagerForTesting(
             std::make_unique<AppStorageManager>(m_dir.filePath("settings.conf"), KeychainStore(kService, m_secrets)));
     }
-    void cleanup()
-    {
-        AppStorageManager::setSharedManagerForTesting(nullptr);
-        AppStorageManager::setSecretsNotKeptHandler({});
-    }
+    void cleanup() { AppStorageManager::setSharedManagerForTesting(nullptr); }
 
     // A found or locked item is updated, a missing one added; any other lookup failure is the
     // write's failure, with the store's own text where it gives one.
@@ -208,76 +201,29 @@ private slots:
         QCOMPARE(open("svc").stringForKey(QStringLiteral("k")), QStringLiteral("v"));
     }
 
-    void madeOnceThenKept()
+    // A missing identifier is made, said once and kept.
+    void missingIdentifierIsMadeOnce()
     {
         LogCapture capture;
-        const QString first = AppConfig::deviceUniqueID();
-        QCOMPARE(AppConfig::deviceUniqueID(), first);
-        QVERIFY(QRegularExpression(QStringLiteral("^[0-9A-Z]{32}MAC2$")).match(first).hasMatch());
+        const QString made = AppConfig::deviceUniqueID();
+        QCOMPARE(AppConfig::deviceUniqueID(), made);
         QCOMPARE(capture.lines().filter("|AppConfig|"),
-                 QStringList{"|AppConfig| Missing device UUID create new: " + first});
+                 QStringList{"|AppConfig| Missing device UUID create new: " + made});
         SecretQueue::drain();
-        QCOMPARE(m_secrets->writes(), 1);
-        QCOMPARE(m_secrets->items.value("com.pelorin.vpn.mac/deviceUUID"), first.toUtf8());
-
-        AppStorageManager::sharedManager().storeDeviceUUID(QStringLiteral("legacy-id-from-an-older-build"));
-        capture.clear();
-        QCOMPARE(AppConfig::deviceUniqueID(), QStringLiteral("legacy-id-from-an-older-build"));
-        QVERIFY(capture.lines().filter(QStringLiteral("|AppConfig|")).isEmpty());
-
-        // A write the keychain refuses stops keeping the run's secrets, and the user is told.
-        QStringList told;
-        AppStorageManager::setSecretsNotKeptHandler(
-            [&told](const NQError &why) { told << why.localizedDescription(); });
-        SecretQueue::drain(); // the legacy identifier's write must not meet the refusal
-        m_secrets->failing.insert(QStringLiteral("update"), SecretBackend::InteractionNotAllowed);
-        AppStorageManager::sharedManager().storeDeviceUUID(QStringLiteral("next"));
-        QTRY_COMPARE(told, QStringList{QStringLiteral("The keyring stayed locked.")});
     }
 
-    // Locked and not unlocked, or no answer: "no such item" was never said, so nothing is made
-    // for keeping; the run gets one identifier of its own and the keychain keeps its item.
-    void keychainThatCannotAnswerKeepsItsItemAndTheRunOneIdentifier_data()
+    // Credentials the keychain cannot answer stop it keeping the run's secrets.
+    void unansweredCredentialsStopKeepingSecrets()
     {
-        QTest::addColumn<int>("status");
-        QTest::addColumn<bool>("credentialsFirst");
-        QTest::newRow("locked") << int(SecretBackend::InteractionNotAllowed) << false;
-        QTest::newRow("unlock refused, credentials read first") << int(SecretBackend::UserCanceled) << true;
-        QTest::newRow("helper failed") << int(SecretBackend::InternalComponent) << false;
-    }
-    void keychainThatCannotAnswerKeepsItsItemAndTheRunOneIdentifier()
-    {
-        QFETCH(int, status);
-        QFETCH(bool, credentialsFirst);
-        m_secrets->items.insert(QStringLiteral("com.pelorin.vpn.mac/deviceUUID"), "KEPT-ID");
-        m_secrets->failing.insert(QStringLiteral("find"), status);
-        QStringList told;
-        AppStorageManager::setSecretsNotKeptHandler(
-            [&told](const NQError &why) { told << why.localizedDescription(); });
+        m_secrets->failing.insert(QStringLiteral("find"), SecretBackend::UserCanceled);
         AppStorageManager &storage = AppStorageManager::sharedManager();
-        if (credentialsFirst) {
-            QVERIFY(storage.getVpnCredentials().username.isNull());
-            QCOMPARE(storage.secretsNotKept()->code(), status);
-        }
-        LogCapture capture;
-        const QString first = AppConfig::deviceUniqueID();
-        QString later;
-        AppConfig::deviceUniqueID([&later](const QString &identifier) { later = identifier; });
-        QTRY_COMPARE(later, first);
-        QVERIFY(first != QLatin1String("KEPT-ID"));
-        QVERIFY(capture.lines().filter(QStringLiteral("Missing device UUID")).isEmpty());
-
-        storage.storeVPNCredentials(QStringLiteral("u"), QStringLiteral("p"));
-        QCOMPARE(storage.getVpnCredentials().password, QStringLiteral("p"));
-        SecretQueue::drain();
-        QCOMPARE(m_secrets->writes(), 0);
-        QCOMPARE(m_secrets->items.size(), 1);
-        QCOMPARE(storage.secretsNotKept()->code(), status);
-        QTRY_COMPARE(told, QStringList{QStringLiteral("The keyring stayed locked.")});
+        QVERIFY(storage.getVpnCredentials().username.isNull());
+        const NQErrorOpt notKept = storage.secretsNotKept();
+        QVERIFY(notKept && notKept->code() == SecretBackend::UserCanceled);
     }
 
     // The helper's messages: a cut one waits for more; an unknown, overlong or the other side's
-    // one is refused at once; a stream is read message by message up to a bad one.
+    // one is refused at once.
     void keyringMessages()
     {
         const std::string request = encode(kRequest).value();
@@ -311,20 +257,6 @@ private slots:
         Request tooBig = kRequest;
         tooBig.secret = std::string(size_t(kMaxFieldBytes) + 1, 'x');
         QVERIFY(!encode(tooBig));
-
-        // Only the labelled add carries its label.
-        Request labelled = kRequest;
-        labelled.operation = Operation::AddLabelled;
-        labelled.label = "VPN User Password";
-        const std::string stream = encode(labelled).value() + request + "PKQ1\x02garbage";
-        std::string_view rest = stream;
-        const std::optional<Request> first = takeRequest(rest);
-        QVERIFY(first && first->operation == Operation::AddLabelled && first->label == labelled.label);
-        const std::optional<Request> next = takeRequest(rest);
-        QVERIFY(next && next->operation == Operation::Update && next->label.empty());
-        QCOMPARE(std::tie(next->service, next->account, next->secret),
-                 std::tie(kRequest.service, kRequest.account, kBinarySecret));
-        QCOMPARE(read(rest, true), QStringLiteral("refused"));
     }
 
     // A helper that left for want of requests just as one came read none of them: it is
