@@ -3,6 +3,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -73,17 +74,21 @@ void runAndWait(Job job)
         job();
         return;
     }
-    std::mutex doneMutex;
-    std::condition_variable doneWake;
-    bool done = false;
-    post([&] {
+    // The worker owns the job and the hand-back state, so it never reads the caller's stack.
+    struct Handback {
+        std::mutex mutex;
+        std::condition_variable wake;
+        bool done = false;
+    };
+    const auto handback = std::make_shared<Handback>();
+    post([handback, job = std::move(job)] {
         job();
-        std::lock_guard lock(doneMutex);
-        done = true;
-        doneWake.notify_one();
+        std::lock_guard lock(handback->mutex);
+        handback->done = true;
+        handback->wake.notify_one();
     });
-    std::unique_lock lock(doneMutex);
-    doneWake.wait(lock, [&] { return done; });
+    std::unique_lock lock(handback->mutex);
+    handback->wake.wait(lock, [&] { return handback->done; });
 }
 
 void drain()

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <memory>
 #include <mutex>
 
 class WorkerThread::Inbox : public QObject {
@@ -69,19 +70,22 @@ void WorkerThread::runAndWait(const std::function<void()> &task)
         task();
         return;
     }
-    // libstdc++ waits inside its own library, out of the sanitizer's sight; the flag's
-    // release and acquire are what it sees hand the work back.
-    std::mutex mutex;
-    std::condition_variable ran;
-    std::atomic<bool> done = false;
-    post([&] {
+    // The thread owns a copy of the task and the hand-back state, so it never reads the
+    // caller's stack; the flag's release and acquire are what the sanitizer sees hand it back.
+    struct Handback {
+        std::mutex mutex;
+        std::condition_variable ran;
+        std::atomic<bool> done = false;
+    };
+    const auto handback = std::make_shared<Handback>();
+    post([handback, task] {
         task();
-        std::lock_guard lock(mutex);
-        done.store(true, std::memory_order_release);
-        ran.notify_one();
+        std::lock_guard lock(handback->mutex);
+        handback->done.store(true, std::memory_order_release);
+        handback->ran.notify_one();
     });
-    std::unique_lock lock(mutex);
-    ran.wait(lock, [&] { return done.load(std::memory_order_acquire); });
+    std::unique_lock lock(handback->mutex);
+    handback->ran.wait(lock, [&] { return handback->done.load(std::memory_order_acquire); });
 }
 
 bool WorkerThread::isCurrent() const
