@@ -1,9 +1,10 @@
 #include "foundation/SecretQueue.h"
 
+#include "foundation/Handback.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <deque>
-#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -74,21 +75,7 @@ void runAndWait(Job job)
         job();
         return;
     }
-    // The worker owns the job and the hand-back state, so it never reads the caller's stack.
-    struct Handback {
-        std::mutex mutex;
-        std::condition_variable wake;
-        bool done = false;
-    };
-    const auto handback = std::make_shared<Handback>();
-    post([handback, job = std::move(job)] {
-        job();
-        std::lock_guard lock(handback->mutex);
-        handback->done = true;
-        handback->wake.notify_one();
-    });
-    std::unique_lock lock(handback->mutex);
-    handback->wake.wait(lock, [&] { return handback->done; });
+    runOnAndWait(post, std::move(job));
 }
 
 void drain()

@@ -1,13 +1,12 @@
 #include "foundation/WorkerThread.h"
 
+#include "foundation/Handback.h"
+
 #include <QMetaObject>
 #include <QObject>
 #include <QThread>
 
-#include <atomic>
-#include <condition_variable>
 #include <deque>
-#include <memory>
 #include <mutex>
 
 class WorkerThread::Inbox : public QObject {
@@ -70,22 +69,7 @@ void WorkerThread::runAndWait(const std::function<void()> &task)
         task();
         return;
     }
-    // The thread owns a copy of the task and the hand-back state, so it never reads the
-    // caller's stack; the flag's release and acquire are what the sanitizer sees hand it back.
-    struct Handback {
-        std::mutex mutex;
-        std::condition_variable ran;
-        std::atomic<bool> done = false;
-    };
-    const auto handback = std::make_shared<Handback>();
-    post([handback, task] {
-        task();
-        std::lock_guard lock(handback->mutex);
-        handback->done.store(true, std::memory_order_release);
-        handback->ran.notify_one();
-    });
-    std::unique_lock lock(handback->mutex);
-    handback->ran.wait(lock, [&] { return handback->done.load(std::memory_order_acquire); });
+    runOnAndWait([this](std::function<void()> work) { post(std::move(work)); }, task);
 }
 
 bool WorkerThread::isCurrent() const
