@@ -63,13 +63,13 @@ void WorkerThread::post(std::function<void()> task)
     m_inbox->push(std::move(task));
 }
 
-void WorkerThread::runAndWait(const std::function<void()> &task)
+void WorkerThread::runAndWait(std::function<void()> task)
 {
     if (isCurrent()) {
         task();
         return;
     }
-    runOnAndWait([this](std::function<void()> work) { post(std::move(work)); }, task);
+    runOnAndWait([this](std::function<void()> work) { post(std::move(work)); }, std::move(task));
 }
 
 bool WorkerThread::isCurrent() const

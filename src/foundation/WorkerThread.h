@@ -26,7 +26,7 @@ public:
     // Runs `task` on the thread, in the order posted. Any thread.
     void post(std::function<void()> task);
     // Runs `task` on the thread and waits for it; runs it at once when called there.
-    void runAndWait(const std::function<void()> &task);
+    void runAndWait(std::function<void()> task);
     bool isCurrent() const;
     // Parent for objects that live on the thread; only to be used there.
     QObject *context() const;
