@@ -212,7 +212,6 @@ private slots:
         QVERIFY(writeFile(settingsPath(), garbage));
         LogCapture log;
         manager = makeManager();
-        QVERIFY(!manager->appExitOnClose());
         manager->storeAppLanguageCode(QStringLiteral("fi"));
         QVERIFY(onDisk().contains("LanguageCode=fi"));
         QCOMPARE(fileContents(settingsPath() + QStringLiteral(".corrupt")), garbage);

@@ -266,17 +266,14 @@ private slots:
         BundleExtended::setInfoDictionaryForTesting(QVariantMap());
         QCOMPARE(ApplicationExtended::appName(), QStringLiteral("<ERROR>='Cannot retrieve app name'"));
 
-        QTemporaryDir dir;
-        QFile model(dir.filePath("product_name"));
-        QVERIFY(model.open(QIODevice::WriteOnly) && model.write("Pelorin Test Machine\n") > 0);
-        model.close();
-        Platform::setInstance(
-            std::make_unique<LinuxPlatform>(LinuxPlatform::Overrides{.dmiProductNameFile = model.fileName()}));
+        const QString model = m_dir.filePath("product_name");
+        QVERIFY(writeFile(model, "Pelorin Test Machine\n"));
+        Platform::setInstance(std::make_unique<LinuxPlatform>(LinuxPlatform::Overrides{.dmiProductNameFile = model}));
         NQErrorOpt error = ErrorIdentity::errorWithCode(1);
         QCOMPARE(NQDevice::modelIdentifierWithError(&error), QStringLiteral("Pelorin Test Machine"));
         QVERIFY(!error);
         Platform::setInstance(
-            std::make_unique<LinuxPlatform>(LinuxPlatform::Overrides{.dmiProductNameFile = dir.filePath("missing")}));
+            std::make_unique<LinuxPlatform>(LinuxPlatform::Overrides{.dmiProductNameFile = m_dir.filePath("missing")}));
         QCOMPARE(NQDevice::modelIdentifierWithError(&error), std::nullopt);
         QVERIFY(error && !error->localizedDescription().isEmpty());
     }
