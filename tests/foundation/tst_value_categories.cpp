@@ -4,7 +4,6 @@
 #include "foundation/BundleExtended.h"
 #include "foundation/DataExtended.h"
 #include "foundation/DateUtils.h"
-#include "foundation/DictionaryMerge.h"
 #include "foundation/ErrorIdentity.h"
 #include "foundation/NQConfig.h"
 #include "foundation/NQDevice.h"
