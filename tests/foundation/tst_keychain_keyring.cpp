@@ -134,8 +134,6 @@ private slots:
     // them in, so both runs send the same identifier.
     void fileSecretsMoveIntoTheSecretServiceOnce()
     {
-        for (const char *account : {"deviceUUID", "username", "password"})
-            m_backend->remove(kService, QLatin1String(account));
         const QByteArray bus = qgetenv("DBUS_SESSION_BUS_ADDRESS");
         qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/pelorin-test-bus");
         newRun();
