@@ -155,10 +155,8 @@ private slots:
         QCOMPARE(firstMatchedGroupWithRegex(text, QStringLiteral(R"(name=(\w+))")), QStringLiteral("pelorin"));
         QCOMPARE(matchWithRegex(QStringLiteral("b"), QStringLiteral("(a)?b")).size(),
                  2); // unmatched group keeps its slot
-        for (const QString &bad : {QStringLiteral("nomatch"), QStringLiteral("(")}) {
-            QVERIFY(!firstMatchedResultWithRegex(text, bad).has_value());
-            QVERIFY(matchWithRegex(text, bad).isEmpty());
-        }
+        QVERIFY(!firstMatchedResultWithRegex(text, QStringLiteral("nomatch")).has_value());
+        QVERIFY(matchWithRegex(text, QStringLiteral("nomatch")).isEmpty());
     }
 
     void durationsAndDeviceID()
