@@ -153,8 +153,6 @@ private slots:
         const QCborValue valid = record(QStringLiteral("LabelConfigModel"), {});
         QTest::newRow("wrong marker") << envelope(valid, QStringLiteral("SomethingElse"));
         QTest::newRow("future version") << envelope(valid, QString::fromLatin1(KeyedArchive::kFormatMarker), 2);
-        QTest::newRow("version is a huge real")
-            << envelope(valid, QString::fromLatin1(KeyedArchive::kFormatMarker), 1e19);
         QTest::newRow("root is no record") << envelope(QCborValue(QStringLiteral("LabelConfigModel")));
         QTest::newRow("record without values")
             << envelope(QCborValue(QCborTag(27), QCborArray{QStringLiteral("LabelConfigModel")}));
