@@ -88,14 +88,12 @@ private slots:
         QVERIFY(manager->storeEulaConfirmed(true) && onDisk().contains("eulaConfirmed=true"));
         QVERIFY(manager->storeVpnDataCompressionEnabled(true) && onDisk().contains("vpnDataCompressionEnabled=true"));
         for (const auto &[key, get, set] : kStringKeys) {
-            QVERIFY2(((*manager).*get)().isNull(), key);
             ((*manager).*set)(QStringLiteral("v-%1").arg(QLatin1String(key)));
             QVERIFY2(onDisk().contains(QByteArray(key) + "=v-"), key);
             QCOMPARE(((*manager).*get)(), QStringLiteral("v-%1").arg(QLatin1String(key)));
             ((*manager).*set)(QString());
             QVERIFY2(!manager->contains(QLatin1String(key)) && ((*manager).*get)().isNull(), key);
         }
-        QVERIFY(!onDisk().contains("=v-"));
     }
 
     void deferredWritesReachTheDiskWithinTheFlushDelay()
