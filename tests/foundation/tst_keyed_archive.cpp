@@ -65,7 +65,6 @@ Server withExtra(const QVariant &extra)
 LabelConfigModel label(const QString &support)
 {
     LabelConfigModel model;
-    model.setInstanceID(QStringLiteral("20014"));
     model.setLinkSupport(support);
     return model;
 }
