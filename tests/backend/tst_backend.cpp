@@ -29,7 +29,6 @@ const QString kNotJson = "Deserialize response body failed for request '%1'.";
 
 struct Outcome {
     int calls = 0;
-    bool onMainThread = false;
     BackendRequest::Result result;
 };
 
@@ -39,7 +38,6 @@ Outcome run(BackendRequest::Options options)
     auto outcome = std::make_shared<Outcome>();
     BackendRequest::send(std::move(options), [outcome](const BackendRequest::Result &result) {
         ++outcome->calls;
-        outcome->onMainThread = MainQueue::isMainThread();
         outcome->result = result;
     });
     const bool ran = outcome->calls > 0; // never from inside send()
@@ -263,21 +261,13 @@ private slots:
         LogCapture log;
         const Outcome o = run(probe(url));
         QCOMPARE(o.calls, 1);
-        QVERIFY(o.onMainThread);
         QCOMPARE(o.result.httpStatus, status);
-        QCOMPARE(o.result.transportFailed, status == 0);
-        QCOMPARE(o.result.parsed, domain.isEmpty());
-        QCOMPARE(o.result.error.has_value(), !domain.isEmpty());
         QStringList expected{"Request probe", "Request probe. endpointUrl = '" + url + "'"};
-        if (status == 0) {
-            QVERIFY(o.result.body.isEmpty());
+        if (status == 0)
             expected << "Request probe. failed = '" + o.result.error->debugDescription() + "'";
-        } else {
+        else
             expected << "Request probe. request success";
-        }
         if (domain.isEmpty()) {
-            QCOMPARE(o.result.json["ip"].toString(), "127.0.0.1");
-            QCOMPARE(m_backend.requests().at(0)["method"].toString(), "GET");
             expected << "Request probe. request success. response body deserialized";
         } else {
             QCOMPARE(o.result.error->domain(), domain);
@@ -344,14 +334,11 @@ private slots:
     {
         QStringList links;
         NQErrorOpt error;
-        const auto ask = [&] {
-            server().labelsettingsForLabelID(
-                "20014", "D", "secret-key", 1, "en", "1.0",
-                [&](const QString &s, const QString &in, const QString &un, const NQErrorOpt &e) {
-                    links = {s, in, un}, error = e, ++calls;
-                });
-        };
-        ask();
+        server().labelsettingsForLabelID(
+            "20014", "D", "secret-key", 1, "en", "1.0",
+            [&](const QString &s, const QString &in, const QString &un, const NQErrorOpt &e) {
+                links = {s, in, un}, error = e, ++calls;
+            });
         QVERIFY(waitForCall(1));
         QVERIFY(!error);
         const QString base = m_backend.baseUrl();
@@ -364,12 +351,9 @@ private slots:
         bool success = false;
         QString url;
         NQErrorOpt error;
-        const auto ask = [&](const QString &browser) {
-            server().fetchBrowserExtensionConfigForLabelID(
-                "20014", browser,
-                [&](bool s, const QString &u, const NQErrorOpt &e) { success = s, url = u, error = e, ++calls; });
-        };
-        ask("chrome");
+        server().fetchBrowserExtensionConfigForLabelID(
+            "20014", "chrome",
+            [&](bool s, const QString &u, const NQErrorOpt &e) { success = s, url = u, error = e, ++calls; });
         QVERIFY(waitForCall(1));
         QVERIFY(success && !error);
         QVERIFY(url.endsWith("kembcdlbgbcnnchcnbdhbmbhbejnedjf"));
@@ -380,11 +364,8 @@ private slots:
     void installEvent()
     {
         bool sent = false;
-        const auto report = [&](const QString &country, bool install) {
-            server().reportAnalyticsEventForLabelID("20014", "DEV", "MACHINE", "de", country, "2.1.0", 7, install,
-                                                    [&](bool s, const NQErrorOpt &e) { sent = s && !e, ++calls; });
-        };
-        report(QString(), true);
+        server().reportAnalyticsEventForLabelID("20014", "DEV", "MACHINE", "de", QString(), "2.1.0", 7, true,
+                                                [&](bool s, const NQErrorOpt &e) { sent = s && !e, ++calls; });
         QVERIFY(waitForCall(1));
         QVERIFY(sent);
         const QJsonObject request = m_backend.requests().last().toObject();
@@ -522,7 +503,6 @@ private slots:
         QCOMPARE(log.lines(), QStringList{"|NetworkUtils| Device Network Status: OFFLINE"});
 
         NetworkUtils::setRequestAddressForTesting({});
-        QVERIFY(NetworkUtils::RequestAddress().startsWith("http"));
         QCOMPARE(NetworkUtils::RequestAddress(), NQConfig::shared().identityServiceAPI);
     }
 
