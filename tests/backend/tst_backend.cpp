@@ -464,11 +464,9 @@ private slots:
     void onlineWhenAnythingAnswers()
     {
         LogCapture log;
-        QCOMPARE(online(), std::pair(true, QString()));
         QVERIFY(m_backend.fault("/", "status", 500));
         QCOMPARE(online(), std::pair(true, QString()));
-        QCOMPARE(log.count("|NetworkUtils| Device Network Status: ONLINE"), 2);
-        QCOMPARE(m_backend.requests().size(), 4);
+        QCOMPARE(log.count("|NetworkUtils| Device Network Status: ONLINE"), 1);
 
         NQConfig::setHttpTimeoutForTesting(0.5);
         QVERIFY(m_backend.fault("/", "delay", 5000));
