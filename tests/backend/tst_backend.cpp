@@ -130,13 +130,6 @@ QByteArray contentOf(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-void writeFile(const QString &path, const QByteArray &content)
-{
-    QFile file(path);
-    if (file.open(QIODevice::WriteOnly))
-        file.write(content);
-}
-
 } // namespace
 
 class TestBackend : public QObject {
@@ -156,8 +149,10 @@ class TestBackend : public QObject {
         m_dir = std::make_unique<QTemporaryDir>();
         QDir().mkpath(path("res"));
         const auto plist = [this](const QString &name, const QString &body) {
-            writeFile(path("res/" + name), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>" +
-                                               body.toUtf8() + "</dict></plist>\n");
+            QFile file(path("res/" + name));
+            if (file.open(QIODevice::WriteOnly))
+                file.write("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>" + body.toUtf8() +
+                           "</dict></plist>\n");
         };
         plist("CommonConfig.plist", "<key>Host URL</key><string>" + host + "</string>");
         plist("ReleaseConfig.plist", "<key>UpdateUrlLatestVersion</key><string>" + host + "/update/latest</string>");
@@ -424,7 +419,6 @@ private slots:
         QFETCH(QByteArray, body);
         QFETCH(int, success);
         QFETCH(bool, sent);
-        LogCapture log;
         const auto result = BackendRequest::resultForBody(body, "x");
         QCOMPARE(BackendAnswers::installEventSent(result), sent);
         if (success >= 0) {
