@@ -77,17 +77,17 @@ private slots:
         QCOMPARE(restarted.call("GET", "/api1/vpnapi/create/20014//DEV-C" + kVpnQuery).first, 500);
     }
 
-    // The catalogue and profiles point at the configured server; malformed or unknown requests
-    // are refused with their status.
-    void catalogueProfilesAndRefusals()
+    // The catalogue and profiles point at the configured server, the update files are the
+    // ones given; malformed or unknown requests are refused with their status.
+    void catalogueProfilesUpdatesAndRefusals()
     {
-        QTemporaryDir pki;
+        QTemporaryDir dir;
         const QByteArray ca = "-----BEGIN CERTIFICATE-----\nTESTCA\n-----END CERTIFICATE-----\n";
         DevBackendProcess backend;
         QVERIFY(backend.start({"--vpn-remote", "10.9.8.7", "--vpn-port", "1201", "--vpn-proto", "tcp-client", "--ca",
-                               writeFile(pki, "ca.crt", ca)}));
+                               writeFile(dir, "ca.crt", ca), "--latest-version", "2.2.0.1", "--update-package",
+                               writeFile(dir, "pkg.deb", QByteArray(70000, 'p'))}));
         const auto list = backend.call("GET", "/api1/vpnapi/serverlist/20014/KEY/DEV/2.1.0" + kVpnQuery);
-        QCOMPARE(list.first, 200);
         const QJsonArray clusters = QJsonDocument::fromJson(list.second).array();
 
         const QString profilePath = "/api1/vpnapi/serverovpn/20014/KEY/DEV/2.1.0/%1" + kVpnQuery;
@@ -105,19 +105,11 @@ private slots:
             {"GET", profilePath.arg(999999), 404},
             {"GET", "/api1/vpnapi/serverlist/20014/KEY/DEV/2.1.0?deviceType=2&engine=1", 400},
             {"GET", "/api1/vpnapi/create/20014//DEV?deviceType=2&keyFromStore=no&engine=1", 400},
-            {"GET", "/update/PelorinVPN.deb", 404}, // no package given
             {"POST", "/Configuration/installstats", 400},
             {"GET", "/Configuration/installstats", 405}};
         for (const auto &[method, path, status] : refused)
             QVERIFY2(backend.call(method, path, "{\"labelId\":\"20014\"}").first == status, qPrintable(path));
-    }
 
-    void updateFiles()
-    {
-        QTemporaryDir dir;
-        const QString package = writeFile(dir, "pkg.deb", QByteArray(70000, 'p'));
-        DevBackendProcess backend;
-        QVERIFY(backend.start({"--latest-version", "2.2.0.1", "--update-package", package}));
         QCOMPARE(backend.call("GET", "/update/latest"), qMakePair(200, QByteArray("2.2.0.1")));
         QCOMPARE(backend.call("GET", "/update/PelorinVPN.deb"), qMakePair(200, QByteArray(70000, 'p')));
         QCOMPARE(backend.call("GET", "/update/PelorinVPN.deb.sig").first, 404); // unsigned
@@ -130,6 +122,7 @@ private slots:
         DevBackendProcess backend;
         QVERIFY(backend.start({"--fault", "/api1/helper:status:502"}));
         QCOMPARE(backend.call("GET", "/api1/helper/iptocountry").first, 502);
+        QCOMPARE(backend.call("GET", "/update/PelorinVPN.deb").first, 404); // no package given
         QVERIFY(!backend.fault("/x", "explode"));
         QVERIFY(!backend.fault("no-slash", "close"));
         QVERIFY(!backend.fault("/x", "delay", "soon"));

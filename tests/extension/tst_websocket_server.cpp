@@ -142,16 +142,19 @@ private slots:
     }
 
     // The exact answer to a good request; a bad one, or one split across writes, is refused
-    // with nothing written and the connection closed.
-    void handshakes()
+    // with nothing written and the connection closed. Then every client past its handshake
+    // gets each frame; one still in its handshake gets nothing that would break it, and one
+    // that has left is skipped.
+    void handshakesThenSends()
     {
-        RawClient good, bad, split;
+        RawClient good, bad, split, b, pending;
         QVERIFY(good.connectTo(server->port(), QHostAddress::LocalHostIPv6)); // one port, both families
         good.write("GET /Quellon/ HTTP/1.1\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n");
         const QByteArray expected = "HTTP/1.1 101 Web Socket Protocol Handshake\r\nUpgrade: websocket\r\nConnection: "
                                     "Upgrade\r\nSec-WebSocket-Accept: s3pPLMBiTxaQ9kYGzzhZRbK+xOo=\r\n\r\n";
         QVERIFY(good.waitForBytes(expected.size()));
         QCOMPARE(good.received, expected);
+        good.received.clear();
         QTRY_COMPARE(recorder.accepted, 1);
 
         const QByteArray request = "get /Quellon/ HTTP/1.1\r\nSec-WebSocket-Key: a\r\n\r\n";
@@ -169,8 +172,21 @@ private slots:
         split.write("Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n");
         QVERIFY(split.waitForClose());
         QVERIFY(split.received.isEmpty());
-        QCOMPARE(recorder.accepted, 1);
-        QCOMPARE(server->clientCount(), 1);
+
+        QVERIFY(b.handshake(server->port()));
+        QVERIFY(pending.connectTo(server->port()));
+        QTRY_COMPARE(server->clientCount(), 3);
+        server->send("one");
+        QVERIFY(good.waitForBytes(5) && b.waitForBytes(5));
+        QCOMPARE(b.received, QByteArray("\x81\x03one"));
+        QVERIFY(pending.handshake(server->port())); // its answer comes first, no frame before it
+        QTRY_COMPARE(recorder.accepted, 3);
+        b.socket.disconnectFromHost();
+        QTRY_COMPARE(server->clientCount(), 2);
+        server->send("two");
+        QVERIFY(good.waitForBytes(10) && pending.waitForBytes(5));
+        QCOMPARE(good.received, QByteArray("\x81\x03one\x81\x03two"));
+        QCOMPARE(pending.received, QByteArray("\x81\x03two"));
     }
 
     // Text reaches the delegate as bytes (invalid UTF-8 too); ping gets a pong, close its key
@@ -197,8 +213,6 @@ private slots:
         QTRY_COMPARE(recorder.disconnected, 1);
         QCOMPARE(recorder.messages,
                  (QList<QByteArray>{"one", big, "\xff\xfe\xc3", "part", unmasked, "still here", "last"}));
-        QCOMPARE(server->clientCount(), 0);
-        QCOMPARE(log.osTexts().size(), 1);
         QVERIFY(log.osTexts().value(0).endsWith(" closed: Connection closed by the peer"));
     }
 
@@ -214,28 +228,6 @@ private slots:
         }
         QTRY_COMPARE(recorder.errors, QStringList(opcodes.size(), "Cannot handle this websocket frame format!"));
         QVERIFY(recorder.messages.isEmpty());
-    }
-
-    // Every client past its handshake gets each frame; one still in its handshake gets nothing
-    // that would break it, and one that has left is skipped.
-    void sendReachesEveryClientPastItsHandshake()
-    {
-        RawClient a, b, pending;
-        QVERIFY(a.handshake(server->port()));
-        QVERIFY(b.handshake(server->port()));
-        QVERIFY(pending.connectTo(server->port()));
-        QTRY_COMPARE(server->clientCount(), 3);
-        server->send("one");
-        QVERIFY(a.waitForBytes(5) && b.waitForBytes(5));
-        QCOMPARE(b.received, QByteArray("\x81\x03one"));
-        QVERIFY(pending.handshake(server->port())); // its answer comes first, no frame before it
-        QTRY_COMPARE(recorder.accepted, 3);
-        b.socket.disconnectFromHost();
-        QTRY_COMPARE(server->clientCount(), 2);
-        server->send("two");
-        QVERIFY(a.waitForBytes(10) && pending.waitForBytes(5));
-        QCOMPARE(a.received, QByteArray("\x81\x03one\x81\x03two"));
-        QCOMPARE(pending.received, QByteArray("\x81\x03two"));
     }
 
     // Long bursts on two connections at once: per-connection order holds across every batch,
@@ -301,7 +293,6 @@ private slots:
         huge.socket.abort();
         wraps.socket.abort();
         QTRY_COMPARE(recorder.disconnected, 3);
-        QCOMPARE(server->clientCount(), 1);
         QCOMPARE(recorder.messages.size(), 1);
         QVERIFY(recorder.errors.isEmpty());
     }
@@ -348,7 +339,6 @@ private slots:
         for (int i = 0; i < kFlood; ++i)
             QCOMPARE(recorder.messages[2 + i], "n" + QByteArray::number(i));
         QTRY_COMPARE(recorder.disconnected, 1);
-        QCOMPARE(recorder.accepted, 1);
         QVERIFY(recorder.errors.isEmpty());
     }
 
@@ -371,7 +361,6 @@ private slots:
                  (QList<QByteArray>{"hello from chromium", "got:echo:hello from chromium"}));
         // The page closes; whatever Chromium makes of the close reply, the connection ends.
         QTRY_COMPARE_WITH_TIMEOUT(recorder.disconnected, 1, 30000);
-        QCOMPARE(recorder.accepted, 1);
         browser.kill();
         browser.waitForFinished(10000);
     }

@@ -58,7 +58,6 @@ private slots:
         QTest::addColumn<QString>("kind");
         QTest::newRow("group writable") << 0770 << "dir";
         QTest::newRow("world readable") << 0704 << "dir";
-        QTest::newRow("shared like /tmp") << 01777 << "dir";
         QTest::newRow("link to a private folder") << 0700 << "link";
         QTest::newRow("file") << 0700 << "file";
         QTest::newRow("another user's") << 0700 << "theirs";
