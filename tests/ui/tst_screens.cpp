@@ -155,11 +155,7 @@ private slots:
 
     void sessionTimeTextAndTimer()
     {
-        const QList<QPair<quint64, QString>> cases{{0, "00:00:00"},
-                                                   {3725, "01:02:05"},
-                                                   {99 * 3600 + 3599, "99:59:59"},
-                                                   {100 * 3600, "100:00:00"}, // widens
-                                                   {3600 + 59 * 60 + 60, "02:00:00"}};
+        const QList<QPair<quint64, QString>> cases{{3725, "01:02:05"}, {100 * 3600, "100:00:00"}}; // the hours widen
         for (const auto &[seconds, shown] : cases)
             QCOMPARE(HomeMainPanelVC::sessionTimeText(seconds), shown);
 
