@@ -4,12 +4,15 @@
 #include "Journey.h"
 
 #include "app/SingleInstance.h"
+#include "foundation/AppConfig.h"
+#include "foundation/BundleExtended.h"
 #include "foundation/LocalString.h"
 #include "foundation/SecretBackend.h"
 #include "ui/widgets/HomeWidget.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDesktopServices>
 #include <QMenu>
 
 using journey::Journey;
@@ -90,6 +93,19 @@ bool chosenRowOnScreen()
     return list->viewport()->rect().contains(list->visualItemRect(list->currentItem()));
 }
 
+// An overlay of the home screen ("about", "update") and its visible button titled by `key`.
+QWidget *overlay(Journey &j, const char *name)
+{
+    return j.window()->findChild<QWidget *>(QString::fromLatin1(name));
+}
+QAbstractButton *overlayButton(Journey &j, const char *name, const char *key)
+{
+    for (QAbstractButton *button : overlay(j, name)->findChildren<QAbstractButton *>())
+        if (button->isVisible() && button->text() == LocalString::forKey(QString::fromLatin1(key)))
+            return button;
+    return nullptr;
+}
+
 // A private bus given to the program as its system bus, where the test owns logind's name.
 struct Logind {
     QProcess daemon;
@@ -143,11 +159,18 @@ enum class Ending { Sigterm, Sigint, WindowMenu, TrayMenu, CloseWindow };
 
 class TestJourney : public QObject {
     Q_OBJECT
+public:
+    // The browser, for the pages the program opens.
+    Q_INVOKABLE void openUrl(const QUrl &url) { m_opened << url.toString(); }
+
+private:
+    QStringList m_opened;
+
 private slots:
     // Provisioning, at first refused by the backend (the alert offers Retry, which goes on
     // once the backend answers again), the default cluster, a connection cancelled while it is
     // being made, then connect, the session time, disconnect and the same country again (the
-    // button used to stay disabled after the first disconnect).
+    // button used to stay disabled after the first disconnect). Then the menu and its overlays.
     void firstStartConnectDisconnectConnectAgain()
     {
         Journey j;
@@ -203,6 +226,39 @@ private slots:
             QCOMPARE(Journey::selectedServer(), QStringLiteral("United States"));
             QVERIFY(j.readyToConnect());
         }
+
+        // The menu: each entry first closes what is open over the screen, so About chosen
+        // while open stays open and the update panel takes its place; the pages open outside.
+        const auto chooseInMenu = [&j](const char *entry) {
+            const QString name = LocalString::forKey(QString::fromLatin1(entry));
+            return Journey::click(QStringLiteral("Menu")) && j.runUntil([&name] { return Journey::button(name); }) &&
+                   Journey::click(name) && j.runUntil([&name] { return !Journey::button(name); });
+        };
+        QDesktopServices::setUrlHandler(QStringLiteral("https"), this, "openUrl");
+        QVERIFY(chooseInMenu("About"));
+        QStringList shownTexts;
+        for (const QLabel *label : overlay(j, "about")->findChildren<QLabel *>())
+            shownTexts << label->text();
+        QVERIFY2(shownTexts.contains(QStringLiteral("PelorinVPN ") + BundleExtended::appVersionString()) &&
+                     !j.storage().deviceUUID().isEmpty() && shownTexts.contains(j.storage().deviceUUID()),
+                 qPrintable(shownTexts.join(QLatin1Char('|'))));
+        for (const char *link : {"License agreement", "Privacy policy"})
+            QVERIFY(Journey::click(overlayButton(j, "about", link)));
+        for (const char *entry : {"About", "Update", "Support", "Uninstall"}) {
+            QVERIFY2(chooseInMenu(entry), entry);
+            QVERIFY2(overlay(j, "about")->isVisible() == (entry == QByteArrayView("About")), entry);
+            QVERIFY2(overlay(j, "update")->isVisible() == (entry == QByteArrayView("Update")), entry);
+        }
+        QCOMPARE(m_opened, (QStringList{AppConfig::eulaUrl(), AppConfig::privacyPolicyUrl(), AppConfig::supportUrl(),
+                                        AppConfig::uninstallUrl()}));
+        // The backend offers a newer version: Yes or No; No, and About's Close, close the overlays.
+        QVERIFY(chooseInMenu("Update"));
+        QVERIFY(j.runUntil([&j] { return overlayButton(j, "update", "Yes") && !overlayButton(j, "update", "Ok"); }));
+        QVERIFY(Journey::click(overlayButton(j, "update", "No")));
+        QVERIFY(j.runUntil([&j] { return !overlay(j, "update")->isVisible(); }));
+        QVERIFY(chooseInMenu("About"));
+        QVERIFY(Journey::click(overlayButton(j, "about", "Close")));
+        QVERIFY(j.runUntil([&j] { return !overlay(j, "about")->isVisible(); }));
     }
 
     // Star a country, connect to it from the favourites tab, un-star it there. Then sudo

@@ -1,19 +1,13 @@
 // The screens' rules without a display: the connection panel, the server list, the settings,
-// the menus and overlays of the home screen, and the keeper that brings a fallen tunnel back.
+// the update panel, and the keeper that brings a fallen tunnel back.
 #include "UiFakes.h"
 #include "support/ClockGuard.h"
 
-#include "foundation/AppConfig.h"
-#include "foundation/BundleExtended.h"
 #include "foundation/EventBus.h"
 #include "foundation/EventNames.h"
 #include "foundation/LocalString.h"
-#include "ui/AboutView.h"
 #include "ui/ClustersVC.h"
-#include "ui/ContextMenuView.h"
 #include "ui/HomeMainPanelVC.h"
-#include "ui/HomeVC.h"
-#include "ui/NameAndVersionLabel.h"
 #include "ui/SettingsVC.h"
 #include "ui/TunnelKeeper.h"
 #include "ui/UiText.h"
@@ -42,16 +36,6 @@ QVariantMap catalogue(const QList<NQVPNCountry> &countries)
 {
     return {{QString::fromLatin1(Events::NQVpnKeyClustersArray), QVariant::fromValue(countries)}};
 }
-// Records URLs in the same timeline as the events a test watches, so it can tell what came first.
-struct Timeline : UrlOpener {
-    QStringList &steps;
-    explicit Timeline(QStringList &into) : steps(into) {}
-    bool openUrl(const QString &url) override
-    {
-        steps << QStringLiteral("open ") + url;
-        return true;
-    }
-};
 } // namespace
 
 class TstScreens : public QObject {
@@ -171,11 +155,7 @@ private slots:
 
     void sessionTimeTextAndTimer()
     {
-        const QList<QPair<quint64, QString>> cases{{0, "00:00:00"},
-                                                   {3725, "01:02:05"},
-                                                   {99 * 3600 + 3599, "99:59:59"},
-                                                   {100 * 3600, "100:00:00"}, // widens
-                                                   {3600 + 59 * 60 + 60, "02:00:00"}};
+        const QList<QPair<quint64, QString>> cases{{3725, "01:02:05"}, {100 * 3600, "100:00:00"}}; // the hours widen
         for (const auto &[seconds, shown] : cases)
             QCOMPARE(HomeMainPanelVC::sessionTimeText(seconds), shown);
 
@@ -378,6 +358,10 @@ private slots:
         QVERIFY(m_announced.contains(QStringLiteral("B")));
         QCOMPARE(flags(&NQVPNCountry::clusterSelected), (QList<bool>{false, true, false}));
         QCOMPARE(clusters().tableSourceAllLocations().selectedRow(), 1);
+        // Shown again, the list announces it again: the engine forgets it when a tunnel stops.
+        m_announced.clear();
+        clusters().viewDidAppear();
+        QCOMPARE(m_announced, QStringList{"B"});
 
         // The choice survives a new catalogue by name, even without a default.
         clusters().clickRow(2);
@@ -398,30 +382,6 @@ private slots:
         bus.post(Events::NOTIFICATION_CLUSTERS_LOADED, catalogue({}));
         QVERIFY(!empty.selectedCountry());
         QVERIFY(m_announced.isEmpty());
-    }
-
-    // Rows are marked by the chosen name.
-    void clickBelowTheLastRowKeepsAndReannouncesTheChoice()
-    {
-        m_fx->vpn.countries = {eu("A", 1), eu("B", 2), eu("B", 3)};
-        clusters().viewDidLoad();
-        clusters().clickRow(1);
-        QCOMPARE(m_announced, QStringList{"B"});
-        clusters().clickRow(-1);
-        QCOMPARE(clusters().selectedCountry()->countryName, QStringLiteral("B"));
-        QCOMPARE(clusters().tableSourceAllLocations().selectedRow(), 1);
-        QVERIFY(m_announced.size() >= 2);
-        QVERIFY(m_announced.count(QStringLiteral("B")) == m_announced.size());
-        QCOMPARE(flags(&NQVPNCountry::clusterSelected), (QList<bool>{false, true, true}));
-        // Shown again: the choice is announced again.
-        m_announced.clear();
-        clusters().viewDidAppear();
-        QCOMPARE(m_announced, QStringList{"B"});
-        clusters().clickRow(0);
-        QCOMPARE(flags(&NQVPNCountry::clusterSelected), (QList<bool>{true, false, false}));
-        clusters().deselectAll();
-        QCOMPARE(flags(&NQVPNCountry::clusterSelected), (QList<bool>{false, false, false}));
-        QVERIFY(!clusters().selectedCountry());
     }
 
     // --- Settings
@@ -502,63 +462,7 @@ private slots:
         }
     }
 
-    // --- The home screen's menu and overlays
-
-    void everyEntryClosesTheOverlaysAndTheMenuFirst_data()
-    {
-        QTest::addColumn<int>("entry");
-        QTest::addColumn<QString>("action"); // what the entry does, after the closing
-        QTest::newRow("Support") << 0 << "open ";
-        QTest::newRow("Update") << 1 << "NT_TOGGLE_UPDATE";
-        QTest::newRow("About") << 2 << "NT_TOGGLE_ABOUT";
-        QTest::newRow("Uninstall") << 3 << "open ";
-    }
-    void everyEntryClosesTheOverlaysAndTheMenuFirst()
-    {
-        QFETCH(int, entry);
-        QFETCH(QString, action);
-        HomeVC home(m_fx->services);
-        home.viewDidLoad();
-        home.notificationSubscribe(); // subscribed twice, a toggle would undo itself
-        panel().viewDidLoad();
-        flush();
-        // About and update shown, menu open.
-        EventBus &bus = EventBus::defaultCenter();
-        bus.post(Events::NT_TOGGLE_ABOUT);
-        bus.post(Events::NT_TOGGLE_UPDATE);
-        panel().clickInfo();
-        QVERIFY(home.aboutVisible() && home.updateVisible() && display().contextMenuVisible);
-
-        watch({Events::NT_HIDE_ABOUT, Events::NT_HIDE_CONTEXT, Events::NT_HIDE_UPDATE, Events::NT_TOGGLE_ABOUT,
-               Events::NT_TOGGLE_UPDATE});
-        Timeline urls(m_events);
-        ContextMenuView menu(urls);
-        constexpr void (ContextMenuView::*kClicks[])() = {&ContextMenuView::clickSupport, &ContextMenuView::clickUpdate,
-                                                          &ContextMenuView::clickAbout,
-                                                          &ContextMenuView::clickUninstall};
-        (menu.*kClicks[entry])();
-        flush();
-        const QStringList closing{"NT_HIDE_ABOUT", "NT_HIDE_CONTEXT", "NT_HIDE_UPDATE", "NT_HIDE_CONTEXT"};
-        QCOMPARE(m_events.mid(0, 4), closing);
-        // The home screen answers a toggle by hiding the menu again, inside the toggle's delivery.
-        const QStringList after = m_events.mid(4);
-        QVERIFY2(std::any_of(after.begin(), after.end(), [&](const QString &step) { return step.startsWith(action); }),
-                 qPrintable(m_events.join(QLatin1Char(','))));
-        QVERIFY(!display().contextMenuVisible);
-        // Closed first, so the toggle opens its own overlay and nothing else stays open.
-        QCOMPARE(home.aboutVisible(), action == QLatin1String("NT_TOGGLE_ABOUT"));
-        QCOMPARE(home.updateVisible(), action == QLatin1String("NT_TOGGLE_UPDATE"));
-    }
-
-    void aboutViewShowsTheDeviceAndOpensItsLinks()
-    {
-        m_fx->storage.storeDeviceUUID(QStringLiteral("DEVICE-1234"));
-        AboutView about(m_fx->storage, m_fx->urls);
-        QCOMPARE(about.computerIdText(), QStringLiteral("DEVICE-1234"));
-        about.clickAgreement();
-        about.clickPrivacy();
-        QCOMPARE(m_fx->urls.opened, (QStringList{AppConfig::eulaUrl(), AppConfig::privacyPolicyUrl()}));
-    }
+    // --- The update panel
 
     void updatePanelViewsAndUpdateWhileConnected()
     {
@@ -584,21 +488,6 @@ private slots:
         QCOMPARE(m_fx->updates.downloads, 0); // on the main queue, after the stop
         flush();
         QCOMPARE(m_fx->updates.downloads, 1);
-
-        HomeVC home(m_fx->services);
-        home.viewDidLoad();
-        EventBus::defaultCenter().post(Events::NT_TOGGLE_UPDATE);
-        QVERIFY(home.updateVisible());
-        update.clickNo();
-        QVERIFY(!home.updateVisible());
-    }
-
-    void nameAndVersionLabelJoinsNameAndBothVersions()
-    {
-        BundleExtended::setInfoDictionaryForTesting(QVariantMap{
-            {"CFBundleName", "PelorinVPN"}, {"CFBundleShortVersionString", "2.1.0"}, {"CFBundleVersion", "45"}});
-        QCOMPARE(NameAndVersionLabel::text(), QStringLiteral("PelorinVPN 2.1.0.45"));
-        BundleExtended::setInfoDictionaryForTesting(std::nullopt);
     }
 
     // --- The tunnel keeper
