@@ -7,6 +7,7 @@
 #include "foundation/EventNames.h"
 #include "foundation/LocalString.h"
 #include "ui/ClustersVC.h"
+#include "ui/ContextMenuView.h"
 #include "ui/HomeMainPanelVC.h"
 #include "ui/SettingsVC.h"
 #include "ui/TunnelKeeper.h"
@@ -460,6 +461,14 @@ private slots:
             QCOMPARE(settings().switchKillSwitch.on, on);
             QVERIFY(!settings().buttonApplyEnabled());
         }
+    }
+
+    // The journeys see the overlays close; only the events show the menu closing itself too.
+    void menuEntryClosesTheOverlaysThenItself()
+    {
+        watch({Events::NT_HIDE_ABOUT, Events::NT_HIDE_CONTEXT, Events::NT_HIDE_UPDATE});
+        ContextMenuView(m_fx->urls).clickSupport();
+        QCOMPARE(m_events, (QStringList{"NT_HIDE_ABOUT", "NT_HIDE_CONTEXT", "NT_HIDE_UPDATE", "NT_HIDE_CONTEXT"}));
     }
 
     // --- The update panel
