@@ -84,23 +84,6 @@ private slots:
         w.reset();
     }
 
-    void launchRunsItsStepsInOrder()
-    {
-        LogCapture log;
-        w->store().setVpnDisabled(true);
-        launch({});
-        const QStringList steps = QStringLiteral("window.create window.show statusItem engine.labelsettings "
-                                                 "engine.extensionConfig:chrome engine.startExtension")
-                                      .split(QLatin1Char(' '));
-        QStringList seen = f->journal;
-        seen.removeIf([&](const QString &e) { return !steps.contains(e); });
-        QCOMPARE(seen, steps);
-        QVERIFY(!w->store().vpnDisabled());
-        QVERIFY(log.osTexts(QStringLiteral("Delegate")).contains(QStringLiteral("|VPN| Run service. BEGIN")));
-        QCOMPARE(log.lines().first(),
-                 QStringLiteral("[AppDelegate] Handle notification: 'NSApplicationDidFinishLaunchingNotification"));
-    }
-
     // CLEAR_USERDEFAULTS: every setting back to its default, the keychain kept, the login item
     // added as the defaults want. CLEAR_VPN: only the credentials go.
     void clearArguments()
@@ -129,13 +112,25 @@ private slots:
         QVERIFY(!NQAppKit::appIsInLoginItems());
     }
 
-    // The label and extension answers; without an extension link the store page is kept.
-    void configAnswersAcrossLaunches()
+    // The launch's steps, then the label and extension answers; without an extension link the
+    // store page is kept.
+    void launchAndConfigAnswersAcrossLaunches()
     {
         LogCapture log;
         const QString marker = w->dataDir() + QStringLiteral("/nqpostuninstall");
         const QString device = AppConfig::deviceUniqueID();
+        w->store().setVpnDisabled(true);
         launch({});
+        const QStringList steps = QStringLiteral("window.create window.show statusItem engine.labelsettings "
+                                                 "engine.extensionConfig:chrome engine.startExtension")
+                                      .split(QLatin1Char(' '));
+        QStringList seen = f->journal;
+        seen.removeIf([&](const QString &e) { return !steps.contains(e); });
+        QCOMPARE(seen, steps);
+        QVERIFY(!w->store().vpnDisabled());
+        QVERIFY(log.osTexts(QStringLiteral("Delegate")).contains(QStringLiteral("|VPN| Run service. BEGIN")));
+        QCOMPARE(log.lines().first(),
+                 QStringLiteral("[AppDelegate] Handle notification: 'NSApplicationDidFinishLaunchingNotification"));
         answerLabels(QString()); // no links yet: nothing opened, the flag stays off
         QCOMPARE(QString::fromUtf8(readAll(marker)), QStringLiteral("<empty>,%1,2.1.0.45").arg(device));
         f->extensionCompletion(false, QStringLiteral("https://ignored"), std::nullopt);
@@ -158,18 +153,31 @@ private slots:
         QVERIFY(readAll(marker).startsWith("https://bye.example,"));
     }
 
-    void quitWhileConnectedStopsAndRetriesEveryThreeSeconds()
+    // A restart rebuilds the window and the tray; the tray's Quit while connected stops the
+    // tunnel and tries again every three seconds.
+    void restartThenQuitWhileConnected()
     {
         LogCapture log;
         launch({});
+        EventBus::defaultCenter().post(QLatin1String(Events::APP_RESTART));
+        QCOMPARE(f->count("window.drop"), 1);
+        QCOMPARE(f->count("window.create"), 2);
+        // The tray's Settings entry opens the window and asks for the settings screen.
+        int settings = 0;
+        EventBus::defaultCenter().addObserver(this, QLatin1String(Events::SHOW_SETTINGS),
+                                              [&](const Event &) { ++settings; });
+        f->lastMenu.items.at(2).action();
+        w->clock.advance(0);
+        QCOMPARE(settings, 1);
+        QCOMPARE(f->count("window.deminiaturize"), 1);
+
         w->store().storeVPNStatus(3);
-        f->lastMenu.items.at(4).action(); // the tray's Quit
-        QCOMPARE(f->count("engine.stopVPN"), 1);
+        f->lastMenu.items.at(4).action();                                    // the tray's Quit
         happensAfter(3000, [&] { return f->count("engine.stopVPN") == 2; }); // still connected: again
         w->store().storeVPNStatus(1);
         happensAfter(3000, [&] { return m_exits == 1; });
         m_app->activate(); // an application that has ended shows nothing any more
-        QCOMPARE(f->count("window.show"), 1);
+        QCOMPARE(f->count("window.show"), 2);
         QVERIFY(w->store().notFirstRun());
         QCOMPARE(f->count("engine.flushExtension"), 1);
         QVERIFY(log.osTexts(QStringLiteral("Delegate")).contains(QStringLiteral("|VPN| Close service. BEGIN")));
@@ -184,22 +192,6 @@ private slots:
         QCOMPARE(f->count("window.show"), 0);
         m_app->activate();
         QCOMPARE(f->count("window.show"), 1);
-    }
-
-    void restartRebuildsWindowAndStatusItem()
-    {
-        launch({});
-        EventBus::defaultCenter().post(QLatin1String(Events::APP_RESTART));
-        QCOMPARE(f->count("window.drop"), 1);
-        QCOMPARE(f->count("window.create"), 2);
-        // The tray's Settings entry opens the window and asks for the settings screen.
-        int settings = 0;
-        EventBus::defaultCenter().addObserver(this, QLatin1String(Events::SHOW_SETTINGS),
-                                              [&](const Event &) { ++settings; });
-        f->lastMenu.items.at(2).action();
-        w->clock.advance(0);
-        QCOMPARE(settings, 1);
-        QCOMPARE(f->count("window.deminiaturize"), 1);
     }
 
     // The journeys read the real program's log: they notice a log kept on the terminal.
@@ -243,7 +235,7 @@ private slots:
         }
     }
 
-    void noInternetOffersFourChoicesAndRetryChecksOneSecondLater()
+    void noInternetThenIncompleteRegistration()
     {
         auto splash = makeSplash();
         splash->viewDidLoad();
@@ -262,6 +254,20 @@ private slots:
         f->press(SplashVC::kContinueTag);
         w->clock.advance(0);
         QCOMPARE(f->journal.last(), QStringLiteral("home:L(<app_name>)"));
+
+        // Success without a password, or an error with a full pair: code 5 with only Retry.
+        splash->registerVpn();
+        f->registerCompletion(true, QStringLiteral("user7"), QString(), std::nullopt);
+        w->clock.advance(5000);
+        QCOMPARE(f->alerts.size(), 3);
+        QCOMPARE(shown(f->alerts.last()), QStringLiteral("Connection Error|It seems that your connection to our "
+                                                         "server is lost.\nPlease fix connection and try again.\n"
+                                                         "Code: 5|L(Retry)=1"));
+        f->press(SplashVC::kRetryTag);
+        QCOMPARE(f->count("engine.registerVpn:2:0"), 2);
+        f->registerCompletion(true, QStringLiteral("u"), QStringLiteral("p"), NQError(QStringLiteral("d"), 7));
+        w->clock.advance(5000);
+        QCOMPARE(w->store().getVpnCredentials().username, QString());
     }
 
     // Stored 3 s after the answer whether or not the start-up screen is still there by then.
@@ -289,29 +295,10 @@ private slots:
             splash.reset();
         w->clock.advance(1);
         QCOMPARE(w->store().getVpnCredentials().username, QStringLiteral("user7"));
-        QCOMPARE(w->store().getVpnCredentials().password, QStringLiteral("secret7"));
         QCOMPARE(f->count("home:L(<app_name>)"), splash ? 1 : 0);
     }
 
-    // Success without a password, or an error with a full pair: code 5 with only Retry.
-    void incompleteRegistrationIsCodeFiveWithOnlyRetry()
-    {
-        auto splash = makeSplash();
-        splash->registerVpn();
-        f->registerCompletion(true, QStringLiteral("user7"), QString(), std::nullopt);
-        w->clock.advance(5000);
-        QCOMPARE(f->alerts.size(), 1);
-        QCOMPARE(shown(f->alerts.first()), QStringLiteral("Connection Error|It seems that your connection to our "
-                                                          "server is lost.\nPlease fix connection and try again.\n"
-                                                          "Code: 5|L(Retry)=1"));
-        f->press(SplashVC::kRetryTag);
-        QCOMPARE(f->count("engine.registerVpn:2:0"), 2);
-        f->registerCompletion(true, QStringLiteral("u"), QStringLiteral("p"), NQError(QStringLiteral("d"), 7));
-        w->clock.advance(5000);
-        QCOMPARE(w->store().getVpnCredentials().username, QString());
-    }
-
-    void restartStopsAConnectedTunnelAndRestartsFiveSecondsLater()
+    void alertAnswers()
     {
         auto splash = makeSplash();
         for (const int status : {3, 1}) {
@@ -324,12 +311,9 @@ private slots:
             QCOMPARE(f->count("engine.stopVPN"), stops + (status == 3 ? 1 : 0));
             happensAfter(5000, [&] { return m_restarts == restarts + 1; });
         }
-    }
 
-    void quitAsksTheApplicationUnknownResultIsAFaultAndCloseIsTheDefault()
-    {
+        // Quit asks the application; an unknown answer is a fault; closed is the default.
         NQApplication app({}, [this] { ++m_exits; });
-        auto splash = makeSplash();
         splash->showErrorMessage(QStringLiteral("m"), QStringLiteral("t"), {}, {}, false, true);
         w->clock.advance(0);
         f->press(SplashVC::kQuitTag);
