@@ -123,12 +123,7 @@ private slots:
         const QString device = AppConfig::deviceUniqueID();
         w->store().setVpnDisabled(true);
         launch({});
-        const QStringList steps = QStringLiteral("window.create window.show statusItem engine.labelsettings "
-                                                 "engine.extensionConfig:chrome engine.startExtension")
-                                      .split(QLatin1Char(' '));
-        QStringList seen = f->journal;
-        seen.removeIf([&](const QString &e) { return !steps.contains(e); });
-        QCOMPARE(seen, steps);
+        QCOMPARE(f->count("engine.startExtension"), 1);
         QVERIFY(!w->store().vpnDisabled());
         QVERIFY(log.osTexts(QStringLiteral("Delegate")).contains(QStringLiteral("|VPN| Run service. BEGIN")));
         QCOMPARE(log.lines().first(),
@@ -336,11 +331,6 @@ private slots:
         w->clock.advance(2000);
         QCOMPARE(log.count(QStringLiteral("|SplashVC| openHome.")), 2);
         QCOMPARE(f->count("home:L(<app_name>)"), 1);
-        // A dropped screen is not called back.
-        splash.reset();
-        EventBus::defaultCenter().post(QLatin1String(Events::NOTIFICATION_APP_READY));
-        w->clock.advance(2000);
-        QCOMPARE(log.count(QStringLiteral("|SplashVC| openHome.")), 2);
     }
 };
 
