@@ -21,23 +21,6 @@
 
 namespace {
 constexpr auto kExecutable = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner;
-
-// The real helper, with its data folder (and the marker file's) under `dir`.
-std::unique_ptr<QProcess> startHelper(const QTemporaryDir &dir)
-{
-    auto helper = std::make_unique<QProcess>();
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert(QStringLiteral("PELORIN_DATA_HOME"), dir.path());
-    helper->setProcessEnvironment(env);
-    helper->start(qEnvironmentVariable("PELORIN_BINARY_DIR") + QStringLiteral("/helpers/vpnctrl_launcher"), {});
-    return helper->waitForStarted() ? std::move(helper) : nullptr;
-}
-
-QString markerIn(const QTemporaryDir &dir)
-{
-    QDir().mkpath(dir.filePath(QStringLiteral("com.pelorin.vpn.mac")));
-    return dir.filePath(QStringLiteral("com.pelorin.vpn.mac/openvpn.last_pid"));
-}
 } // namespace
 
 // Answers from its own thread, so the product's blocking call can be served.
@@ -232,7 +215,11 @@ private slots:
     void realHelperEndsOnlyItsOwnLeftoverClient()
     {
         QTemporaryDir dir;
-        const QString marker = markerIn(dir);
+        QVERIFY(QDir().mkpath(dir.filePath(QStringLiteral("com.pelorin.vpn.mac"))));
+        const QString marker = dir.filePath(QStringLiteral("com.pelorin.vpn.mac/openvpn.last_pid"));
+        // The real helper, with its data folder (and the marker file's) under `dir`.
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QStringLiteral("PELORIN_DATA_HOME"), dir.path());
         const QString ourClient = dir.filePath(QStringLiteral("ovpncli")); // our client's process name
         QVERIFY(QFile::link(QStringLiteral("/bin/sleep"), ourClient));
         for (const QString &program : {ourClient, QStringLiteral("/bin/sleep"), QString()}) {
@@ -242,18 +229,20 @@ private slots:
                 QVERIFY(leftover.waitForStarted());
             }
             QVERIFY(writeFile(marker, program.isEmpty() ? "999999999" : QByteArray::number(leftover.processId())));
-            const auto helper = startHelper(dir);
-            QVERIFY(helper);
+            QProcess helper;
+            helper.setProcessEnvironment(env);
+            helper.start(qEnvironmentVariable("PELORIN_BINARY_DIR") + QStringLiteral("/helpers/vpnctrl_launcher"), {});
+            QVERIFY(helper.waitForStarted());
             if (program.isEmpty()) {
                 QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(marker), 10000);
-                helper->closeWriteChannel();
+                helper.closeWriteChannel();
             } else {
-                helper->write("status\n");
-                QVERIFY(!helper->waitForFinished(300)); // any other line is not an end
-                helper->write("quit\n");
+                helper.write("status\n");
+                QVERIFY(!helper.waitForFinished(300)); // any other line is not an end
+                helper.write("quit\n");
             }
-            QVERIFY(helper->waitForFinished(10000));
-            QCOMPARE(helper->exitCode(), 0);
+            QVERIFY(helper.waitForFinished(10000));
+            QCOMPARE(helper.exitCode(), 0);
             QVERIFY(!QFile::exists(marker));
             if (program == ourClient) {
                 QVERIFY(leftover.waitForFinished(10000));
