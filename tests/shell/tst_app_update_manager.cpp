@@ -54,8 +54,7 @@ struct Publisher {
 // Updates that must leave the running version in place.
 struct Failure {
     const char *name;
-    const char *packageName;
-    const char *version;
+    const char *package; // "NAME VERSION"; null: pelorin-vpn 2.1.1.45
     bool isSigned;
     bool tamper;
     int installerStatus; // -1: no installer at all
@@ -64,21 +63,17 @@ struct Failure {
     const char *said; // in the updater's log
 };
 constexpr Failure kFailures[] = {
-    {"tampered", "pelorin-vpn", "2.1.1.45", true, true, 0, "/package", false,
-     "Update refused: not signed by the publisher's key"},
-    {"unsigned", "pelorin-vpn", "2.1.1.45", false, false, 0, "/package", false, "Update refused: has no signature"},
-    {"older", "pelorin-vpn", "2.0.9.99", true, false, 0, "/package", false,
+    {"tampered", nullptr, true, true, 0, "/package", false, "Update refused: not signed by the publisher's key"},
+    {"unsigned", nullptr, false, false, 0, "/package", false, "Update refused: has no signature"},
+    {"older", "pelorin-vpn 2.0.9.99", true, false, 0, "/package", false,
      "Update refused: version 2.0.9.99 is older than the running version 2.1.0.45"},
-    {"another product", "pelorin-vpn-evil", "9.0.0.1", true, false, 0, "/package", false,
+    {"another product", "pelorin-vpn-evil 9.0.0.1", true, false, 0, "/package", false,
      "Update refused: 'pelorin-vpn-evil' is not the pelorin-vpn package"},
-    {"installer fails", "pelorin-vpn", "2.1.1.45", true, false, 1, "/package", false,
-     "Installation failed with status: 1"},
-    {"installer missing", "pelorin-vpn", "2.1.1.45", true, false, -1, "/package", false, "Error launching installer: "},
-    {"package missing on the server", "pelorin-vpn", "2.1.1.45", true, false, 0, "/nothing-here", false,
-     "Download error: "},
-    {"old package undeletable", "pelorin-vpn", "2.1.1.45", true, false, 0, "/package", true,
-     "Failed to delete existing file: "},
-    {"downloads folder unusable", "pelorin-vpn", "2.1.1.45", true, false, 0, "", false, "Download error: "},
+    {"installer fails", nullptr, true, false, 1, "/package", false, "Installation failed with status: 1"},
+    {"installer missing", nullptr, true, false, -1, "/package", false, "Error launching installer: "},
+    {"package missing on the server", nullptr, true, false, 0, "/nothing-here", false, "Download error: "},
+    {"old package undeletable", nullptr, true, false, 0, "/package", true, "Failed to delete existing file: "},
+    {"downloads folder unusable", nullptr, true, false, 0, "", false, "Download error: "},
 };
 } // namespace
 
@@ -221,11 +216,10 @@ private slots:
         QFETCH(int, row);
         const Failure &c = kFailures[row];
         makeWorld(c.installerStatus, QString::fromLatin1(c.packagePath));
-        const QString name = QString::fromLatin1(c.packageName);
-        const QString version = QString::fromLatin1(c.version);
-        QByteArray package = c.oldPackageUndeletable                          ? QByteArray("pkg")
-                             : name == "pelorin-vpn" && version == "2.1.1.45" ? m_newer
-                                                                              : m_publisher.package(name, version);
+        const QStringList identity = QString::fromLatin1(c.package).split(QLatin1Char(' '));
+        QByteArray package = c.oldPackageUndeletable ? QByteArray("pkg")
+                             : !c.package            ? m_newer
+                                                     : m_publisher.package(identity.value(0), identity.value(1));
         if (c.oldPackageUndeletable)
             m_signature = QByteArray(AppUpdateManager::kSignatureBytes, 's');
         else if (c.isSigned)

@@ -190,25 +190,25 @@ private slots:
         QTest::addColumn<QStringList>("arguments");
         QTest::addColumn<QString>("display");
         QTest::addColumn<int>("code");
-        QTest::addColumn<QStringList>("out"); // each in standard output; none: it stays empty
+        QTest::addColumn<QString>("out"); // in standard output; none: it stays empty
         QTest::addColumn<QString>("err");
         const QString version = QStringLiteral("PelorinVPN %1\n").arg(AppUpdateManager::ownVersion());
         // An unknown option is refused the same way with a display as without one.
         for (const QString display : {"", ":99"})
             QTest::addRow("unknown option, display '%s'", qPrintable(display))
-                << QStringList{"--colour"} << display << 2 << QStringList() << "Unknown option 'colour'";
-        QTest::newRow("version") << QStringList{"--version"} << "" << 0 << QStringList{version} << "";
-        QTest::newRow("help") << QStringList{"--help"} << "" << 0 << QStringList{"Exit codes"} << "";
-        QTest::newRow("script without check")
-            << QStringList{"--script"} << "" << 2 << QStringList() << "--on-connected";
-        QTest::newRow("list") << QStringList{"--headless", "--list"} << "" << 0 << QStringList{"\t(default)\n"} << "";
+                << QStringList{"--colour"} << display << 2 << QString() << "Unknown option 'colour'";
+        QTest::newRow("version") << QStringList{"--version"} << "" << 0 << version << "";
+        QTest::newRow("help") << QStringList{"--help"} << "" << 0 << QStringLiteral("Exit codes") << "";
+        QTest::newRow("script without check") << QStringList{"--script"} << "" << 2 << QString() << "--on-connected";
+        QTest::newRow("list") << QStringList{"--headless", "--list"} << "" << 0 << QStringLiteral("\t(default)\n")
+                              << "";
     }
     void program()
     {
         QFETCH(QStringList, arguments);
         QFETCH(QString, display);
         QFETCH(int, code);
-        QFETCH(QStringList, out);
+        QFETCH(QString, out);
         QFETCH(QString, err);
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("PELORIN_RESOURCES_DIR"), m_env->root() + QStringLiteral("/resources"));
@@ -227,9 +227,7 @@ private slots:
         const QString stdErr = QString::fromUtf8(process.readAllStandardError());
         QCOMPARE(process.exitCode(), code);
         QVERIFY2(stdErr.contains(err), qPrintable(stdErr));
-        QVERIFY2(out.isEmpty() ? stdOut.isEmpty()
-                               : std::ranges::all_of(out, [&](auto &o) { return stdOut.contains(o); }),
-                 qPrintable(stdOut));
+        QVERIFY2(out.isEmpty() ? stdOut.isEmpty() : stdOut.contains(out), qPrintable(stdOut));
     }
 };
 
