@@ -71,7 +71,6 @@ private slots:
     {
         w = std::make_unique<ShellWorld>();
         f = &w->fake;
-        AppUpdateManager::setSharedManagerForTesting(nullptr);
         m_exits = m_restarts = 0;
         EventBus::defaultCenter().addObserver(this, QLatin1String(Events::APP_RESTART),
                                               [this](const Event &) { ++m_restarts; });

@@ -122,7 +122,6 @@ class TestAppUpdateManager : public QObject {
         w.reset();
         w = std::make_unique<ShellWorld>(
             LinuxPlatform::Overrides{.resourcesDirectory = resources, .installer = installer});
-        AppUpdateManager::setSharedManagerForTesting(nullptr);
         m_appReady = m_hideUpdate = 0;
         EventBus::defaultCenter().addObserver(this, QLatin1String(Events::NOTIFICATION_APP_READY),
                                               [this](const Event &) { ++m_appReady; });
