@@ -200,8 +200,7 @@ private slots:
         QVERIFY(!updates.isDownloading());
         QCOMPARE(m_hideUpdate, 1);
         QCOMPARE(readAll(m_installerLog), downloads().toUtf8() + "/PelorinVPN.deb\n");
-        QVERIFY(!progress.isEmpty());
-        QCOMPARE(progress.last().at(0).toLongLong(), qint64(m_package.size()));
+        QCOMPARE(progress.isEmpty() ? 0 : progress.last().at(0).toLongLong(), qint64(m_package.size()));
     }
 
     void failedUpdatesKeepTheRunningVersion_data()

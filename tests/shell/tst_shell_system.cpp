@@ -44,7 +44,10 @@ class TestShellSystem : public QObject {
     Q_OBJECT
 
 private slots:
-    void runReturnsOutputOrEmptyTextOnEveryFailure()
+    // A command's output, or empty text on every failure. Login-item membership is a substring
+    // test over the names, so deleting by our name leaves a look-alike; the list controller
+    // goes by the program an item starts.
+    void commandsAndLoginItems()
     {
         LogCapture log;
         QCOMPARE(NQTask::run(QStringLiteral("printf 'a, b\\n'")), QStringLiteral("a, b\n"));
@@ -57,12 +60,7 @@ private slots:
         timer.start();
         QCOMPARE(NQTask::run(QStringLiteral("echo early; exec >&- 2>&-; sleep 20")), QStringLiteral("early\n"));
         QVERIFY2(timer.elapsed() < 10000, "run waited for the command's exit");
-    }
 
-    // Membership is a substring test over the names, so deleting by our name leaves a
-    // look-alike; the list controller goes by the program an item starts.
-    void loginItemsByNameAndByProgram()
-    {
         ShellWorld world;
         QCOMPARE(NQTask::getLoginItems(), QString()); // the autostart folder does not exist yet
         Platform::instance().addLoginItemNamed(QStringLiteral("/usr/bin/other"), QStringLiteral("Mail"));
