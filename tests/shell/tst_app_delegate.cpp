@@ -38,16 +38,14 @@ class TestAppDelegate : public QObject {
     int m_exits = 0;
     int m_restarts = 0;
 
-    // `terminal` unset: the real reopen of standard error is used.
-    void launch(const QStringList &arguments, std::optional<bool> terminal = true)
+    void launch(const QStringList &arguments, bool terminal = true)
     {
         m_delegate.reset();
         m_app = std::make_unique<NQApplication>(arguments, [this] { ++m_exits; });
         AppDelegate::Options options;
         options.launcherPath = w->dir.filePath(QStringLiteral("no-launcher"));
-        options.standardErrorIsTerminal = [terminal] { return terminal.value_or(false); };
-        if (terminal)
-            options.reopenStandardError = [](const QString &) { return true; };
+        options.standardErrorIsTerminal = [terminal] { return terminal; };
+        options.reopenStandardError = [](const QString &) { return true; };
         m_delegate = std::make_unique<AppDelegate>(*m_app, *f, *f, *f, *f, options);
         m_delegate->applicationDidFinishLaunching();
     }
@@ -197,7 +195,7 @@ private slots:
         QVERIFY(QDir(w->dataDir()).removeRecursively());
         QVERIFY(writeFile(w->dataDir(), {}));
         LogCapture log;
-        launch({}, std::nullopt);
+        launch({}, false);
         QVERIFY(anyStartsWith(log.lines(), QStringLiteral("|AppDelegate| Cannot redirect the log to ")));
     }
 

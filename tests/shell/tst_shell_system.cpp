@@ -19,10 +19,6 @@
 #include <QTest>
 #include <QThread>
 
-namespace {
-constexpr auto kExecutable = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner;
-} // namespace
-
 // Answers from its own thread, so the product's blocking call can be served.
 class NotificationsService : public QObject {
     Q_OBJECT
@@ -194,7 +190,7 @@ private slots:
                 "#!/bin/sh\nwhile IFS= read -r line; do printf '%s\\n' \"$line\" >> '%1'; done\necho eof >> '%1'\n")
                 .arg(out)
                 .toUtf8(),
-            kExecutable));
+            QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
         LogCapture log;
         {
             ServiceLauncher service(script, dir.path());
