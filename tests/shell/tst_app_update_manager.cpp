@@ -34,12 +34,11 @@ struct Publisher {
     {
         const QString root = dir.filePath(name + version);
         QDir().mkpath(root + QStringLiteral("/DEBIAN"));
-        if (!writeFile(root + QStringLiteral("/DEBIAN/control"),
-                       QStringLiteral("Package: %1\nVersion: %2\nArchitecture: all\nMaintainer: t <t@example>\n"
-                                      "Description: test\n")
-                           .arg(name, version)
-                           .toUtf8()))
-            return {};
+        writeFile(root + QStringLiteral("/DEBIAN/control"),
+                  QStringLiteral("Package: %1\nVersion: %2\nArchitecture: all\nMaintainer: t <t@example>\n"
+                                 "Description: test\n")
+                      .arg(name, version)
+                      .toUtf8());
         run({"dpkg-deb", "--root-owner-group", "--build", root, root + QStringLiteral(".deb")});
         return readAll(root + QStringLiteral(".deb"));
     }

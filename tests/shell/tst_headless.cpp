@@ -168,7 +168,6 @@ private slots:
                     runner.command(step);
             }
             clockUntil([&] { return ended >= 0; });
-            QCOMPARE(runner.exitCode(), ended);
         }
         // The quit sequence's own delays, so nothing of this run is left for the next one.
         m_clock->advance(10000);

@@ -89,8 +89,6 @@ private slots:
 
     void notificationTextAndDelivery()
     {
-        QCOMPARE(NQSystemNotification::scriptText(QStringLiteral("m"), QString(), QString()),
-                 QStringLiteral("display notification \"m\""));
         QCOMPARE(NQSystemNotification::scriptText(QStringLiteral("m"), QStringLiteral("t"), QStringLiteral("s")),
                  QStringLiteral("display notification \"m\" with title \"t\" subtitle \"s\""));
 
