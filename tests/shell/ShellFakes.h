@@ -134,8 +134,6 @@ struct ShellWorld {
         SecretBackend::setSystemDefaultForTesting(nullptr);
         Platform::setInstance(nullptr);
     }
-    ShellWorld(const ShellWorld &) = delete;
-    ShellWorld &operator=(const ShellWorld &) = delete;
 
     AppStorageManager &store() { return AppStorageManager::sharedManager(); }
     QString dataDir() const { return overrides.applicationSupportDirectory + QStringLiteral("/com.pelorin.vpn.mac"); }

@@ -266,30 +266,9 @@ private slots:
         QCOMPARE(retries, 1);
     }
 
-    // Stored 3 s after the answer whether or not the start-up screen is still there by then.
-    void credentialsAreStoredThreeSecondsAfterSuccess()
-    {
-        for (const bool screenGone : {false, true}) {
-            w->store().removeVpnCredentials();
-            auto splash = makeSplash();
-            splash->viewDidLoad();
-            w->clock.advance(1000);
-            f->internetCompletion(QString());
-            QCOMPARE(f->count("engine.registerVpn:2:0"), 1 + int(screenGone));
-            f->registerCompletion(true, QStringLiteral("user7"), QStringLiteral("secret7"), std::nullopt);
-            w->clock.advance(2999);
-            QCOMPARE(w->store().getVpnCredentials().username, QString());
-            if (screenGone)
-                splash.reset();
-            w->clock.advance(1);
-            QCOMPARE(w->store().getVpnCredentials().username, QStringLiteral("user7"));
-            QCOMPARE(f->count("home:L(<app_name>)"), 1); // the first screen's only
-        }
-    }
-
-    // The update check runs only after the first run with auto-update on; the app-ready notice
-    // opens home two seconds later, subscribed once.
-    void updateCheckThenAppReady()
+    // The start-up screen's sequence: the update check only after the first run with auto-update
+    // on; the app-ready notice opens home two seconds later, subscribed once.
+    void startUpSequence()
     {
         struct Case {
             bool notFirstRun, autoupdate, checks;
@@ -314,6 +293,25 @@ private slots:
         w->clock.advance(2000);
         QCOMPARE(log.count(QStringLiteral("|SplashVC| openHome.")), 2);
         QCOMPARE(f->count("home:L(<app_name>)"), 1);
+
+        // The credentials are stored 3 s after the answer whether or not the start-up screen is
+        // still there by then.
+        for (const bool screenGone : {false, true}) {
+            w->store().removeVpnCredentials();
+            auto screen = makeSplash();
+            screen->viewDidLoad();
+            w->clock.advance(1000);
+            f->internetCompletion(QString());
+            QCOMPARE(f->count("engine.registerVpn:2:0"), 1 + int(screenGone));
+            f->registerCompletion(true, QStringLiteral("user7"), QStringLiteral("secret7"), std::nullopt);
+            w->clock.advance(2999);
+            QCOMPARE(w->store().getVpnCredentials().username, QString());
+            if (screenGone)
+                screen.reset();
+            w->clock.advance(1);
+            QCOMPARE(w->store().getVpnCredentials().username, QStringLiteral("user7"));
+            QCOMPARE(f->count("home:L(<app_name>)"), 2); // the app-ready one and the first round's
+        }
     }
 };
 

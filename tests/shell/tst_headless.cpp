@@ -84,7 +84,6 @@ private slots:
         // On standard error, or standard output for results; after "!", on neither.
         QTest::addColumn<QString>("said");
         const int idle = int(HeadlessRunner::Mode::Idle);
-        const int list = int(HeadlessRunner::Mode::List);
         const int script = int(HeadlessRunner::Mode::Script);
         const int connect = int(HeadlessRunner::Mode::Connect);
         const QString connected = QStringLiteral("wait Connected to|");
@@ -92,7 +91,7 @@ private slots:
                                        << "" << 0 << "Traffic check passed";
         QTest::newRow("script check fails") << "false" << script << ""
                                             << "" << 5 << "Traffic check FAILED";
-        QTest::newRow("list, no backend") << "" << list << "no backend"
+        QTest::newRow("list, no backend") << "" << int(HeadlessRunner::Mode::List) << "no backend"
                                           << "" << 3 << "Cannot load the server list";
         QTest::newRow("no such cluster") << "Atlantis" << connect << ""
                                          << "" << 2 << "No cluster named 'Atlantis'";
