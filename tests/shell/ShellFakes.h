@@ -108,14 +108,10 @@ public:
 struct ShellWorld {
     explicit ShellWorld(LinuxPlatform::Overrides folders = {}) : overrides(std::move(folders))
     {
-        const auto orInside = [this](QString &folder, const char *name) {
-            if (folder.isEmpty())
-                folder = dir.filePath(QLatin1String(name));
-        };
-        orInside(overrides.applicationSupportDirectory, "data");
-        orInside(overrides.downloadsDirectory, "Downloads");
-        orInside(overrides.autostartDirectory, "autostart");
-        orInside(overrides.temporaryDirectory, "tmp");
+        overrides.applicationSupportDirectory = dir.filePath(QStringLiteral("data"));
+        overrides.downloadsDirectory = dir.filePath(QStringLiteral("Downloads"));
+        overrides.autostartDirectory = dir.filePath(QStringLiteral("autostart"));
+        overrides.temporaryDirectory = dir.filePath(QStringLiteral("tmp"));
         Platform::setInstance(std::make_unique<LinuxPlatform>(overrides));
         auto secrets = std::make_shared<FileSecretBackend>(dir.filePath(QStringLiteral("secrets.json")));
         SecretBackend::setSystemDefaultForTesting(secrets);
@@ -138,8 +134,6 @@ struct ShellWorld {
         SecretBackend::setSystemDefaultForTesting(nullptr);
         Platform::setInstance(nullptr);
     }
-    ShellWorld(const ShellWorld &) = delete;
-    ShellWorld &operator=(const ShellWorld &) = delete;
 
     AppStorageManager &store() { return AppStorageManager::sharedManager(); }
     QString dataDir() const { return overrides.applicationSupportDirectory + QStringLiteral("/com.pelorin.vpn.mac"); }

@@ -37,21 +37,15 @@ class TestAppDelegate : public QObject {
     std::unique_ptr<AppDelegate> m_delegate;
     int m_exits = 0;
     int m_restarts = 0;
-    QStringList m_reopened;
 
-    // `terminal` unset: the real reopen of standard error is used.
-    void launch(const QStringList &arguments, std::optional<bool> terminal = true)
+    void launch(const QStringList &arguments, bool terminal = true)
     {
         m_delegate.reset();
         m_app = std::make_unique<NQApplication>(arguments, [this] { ++m_exits; });
         AppDelegate::Options options;
         options.launcherPath = w->dir.filePath(QStringLiteral("no-launcher"));
-        options.standardErrorIsTerminal = [terminal] { return terminal.value_or(false); };
-        if (terminal)
-            options.reopenStandardError = [this](const QString &path) {
-                m_reopened << path;
-                return true;
-            };
+        options.standardErrorIsTerminal = [terminal] { return terminal; };
+        options.reopenStandardError = [](const QString &) { return true; };
         m_delegate = std::make_unique<AppDelegate>(*m_app, *f, *f, *f, *f, options);
         m_delegate->applicationDidFinishLaunching();
     }
@@ -75,9 +69,7 @@ private slots:
     {
         w = std::make_unique<ShellWorld>();
         f = &w->fake;
-        AppUpdateManager::setSharedManagerForTesting(nullptr);
         m_exits = m_restarts = 0;
-        m_reopened.clear();
         EventBus::defaultCenter().addObserver(this, QLatin1String(Events::APP_RESTART),
                                               [this](const Event &) { ++m_restarts; });
     }
@@ -89,58 +81,49 @@ private slots:
         w.reset();
     }
 
-    void launchRunsItsStepsInOrder()
-    {
-        LogCapture log;
-        w->store().setVpnDisabled(true);
-        launch({});
-        const QStringList steps = QStringLiteral("window.create window.show statusItem engine.labelsettings "
-                                                 "engine.extensionConfig:chrome engine.startExtension")
-                                      .split(QLatin1Char(' '));
-        QStringList seen = f->journal;
-        seen.removeIf([&](const QString &e) { return !steps.contains(e); });
-        QCOMPARE(seen, steps);
-        QVERIFY(!w->store().vpnDisabled());
-        QVERIFY(log.osTexts(QStringLiteral("Delegate")).contains(QStringLiteral("|VPN| Run service. BEGIN")));
-        QCOMPARE(log.lines().first(),
-                 QStringLiteral("[AppDelegate] Handle notification: 'NSApplicationDidFinishLaunchingNotification"));
-    }
-
     // CLEAR_USERDEFAULTS: every setting back to its default, the keychain kept, the login item
-    // added as the defaults want. CLEAR_VPN: only the credentials go.
-    void clearArguments()
+    // added as the defaults want. CLEAR_VPN: only the credentials go. Started by the session's
+    // autostart entry the window stays hidden until the second activation.
+    void launchArguments()
     {
         AppStorageManager &store = w->store();
         for (const char *argument : {"CLEAR_VPN", "CLEAR_USERDEFAULTS"}) {
             store.storeAppExitOnClose(true);
-            store.storeAutoupdate(true);
-            store.storeAppLanguageCode(QStringLiteral("de"));
+            store.storeLastConnectedCluster(QStringLiteral("Canada"));
             store.storeAppAutorunEnabled(false);
             store.storeVPNCredentials(QStringLiteral("u"), QStringLiteral("p"));
             launch({QLatin1String(argument)});
             const bool all = qstrcmp(argument, "CLEAR_USERDEFAULTS") == 0;
-            const auto credentials = store.getVpnCredentials();
-            QCOMPARE(credentials.username + credentials.password, all ? QStringLiteral("up") : QString());
+            QCOMPARE(store.getVpnCredentials().password, all ? QStringLiteral("p") : QString());
             QCOMPARE(store.appExitOnClose(), !all);
+            QCOMPARE(store.lastConnectedCluster(), all ? QString() : QStringLiteral("Canada"));
             QCOMPARE(NQAppKit::appIsInLoginItems(), all);
         }
-        QTemporaryDir ref;
-        AppStorageManager fresh(ref.filePath(QStringLiteral("s.conf")), store.keychain());
-        fresh.resetSettings();
-        fresh.setVpnDisabled(false);
-        QCOMPARE(readAll(store.settingsFilePath()), readAll(fresh.settingsFilePath()));
         store.storeAppAutorunEnabled(false); // not wanted any more: taken out again
-        launch({});
+        f->journal.clear();
+        launch({Platform::instance().loginItemArgument()});
         QVERIFY(!NQAppKit::appIsInLoginItems());
+        QCOMPARE(f->count("window.activateHidden"), 1);
+        m_app->activate();
+        QCOMPARE(f->count("window.show"), 0);
+        m_app->activate();
+        QCOMPARE(f->count("window.show"), 1);
     }
 
-    // The label and extension answers; without an extension link the store page is kept.
-    void configAnswersAcrossLaunches()
+    // The launch's steps, then the label and extension answers; without an extension link the
+    // store page is kept.
+    void launchAndConfigAnswersAcrossLaunches()
     {
         LogCapture log;
         const QString marker = w->dataDir() + QStringLiteral("/nqpostuninstall");
         const QString device = AppConfig::deviceUniqueID();
+        w->store().setVpnDisabled(true);
         launch({});
+        QCOMPARE(f->count("engine.startExtension"), 1);
+        QVERIFY(!w->store().vpnDisabled());
+        QVERIFY(log.osTexts(QStringLiteral("Delegate")).contains(QStringLiteral("|VPN| Run service. BEGIN")));
+        QCOMPARE(log.lines().first(),
+                 QStringLiteral("[AppDelegate] Handle notification: 'NSApplicationDidFinishLaunchingNotification"));
         answerLabels(QString()); // no links yet: nothing opened, the flag stays off
         QCOMPARE(QString::fromUtf8(readAll(marker)), QStringLiteral("<empty>,%1,2.1.0.45").arg(device));
         f->extensionCompletion(false, QStringLiteral("https://ignored"), std::nullopt);
@@ -163,43 +146,15 @@ private slots:
         QVERIFY(readAll(marker).startsWith("https://bye.example,"));
     }
 
-    void quitWhileConnectedStopsAndRetriesEveryThreeSeconds()
+    // A restart rebuilds the window and the tray; the tray's Quit while connected stops the
+    // tunnel and tries again every three seconds.
+    void restartThenQuitWhileConnected()
     {
         LogCapture log;
         launch({});
-        w->store().storeVPNStatus(3);
-        f->lastMenu.items.at(4).action(); // the tray's Quit
-        QCOMPARE(f->count("engine.stopVPN"), 1);
-        happensAfter(3000, [&] { return f->count("engine.stopVPN") == 2; }); // still connected: again
-        w->store().storeVPNStatus(1);
-        happensAfter(3000, [&] { return m_exits == 1; });
-        m_app->activate(); // an application that has ended shows nothing any more
-        QCOMPARE(f->count("window.show"), 1);
-        QVERIFY(w->store().notFirstRun());
-        QCOMPARE(f->count("engine.flushExtension"), 1);
-        QVERIFY(log.osTexts(QStringLiteral("Delegate")).contains(QStringLiteral("|VPN| Close service. BEGIN")));
-    }
-
-    // Started by the session's autostart entry the window stays hidden until the second activation.
-    void loginItemStartStaysHiddenUntilTheSecondActivation()
-    {
-        launch({Platform::instance().loginItemArgument()});
-        QCOMPARE(f->count("window.activateHidden"), 1);
-        m_app->activate();
-        QCOMPARE(f->count("window.show"), 0);
-        m_app->activate();
-        QCOMPARE(f->count("window.show"), 1);
-    }
-
-    void restartRebuildsWindowAndStatusItemOnly()
-    {
-        launch({});
-        SplashVC *first = m_delegate->splash();
         EventBus::defaultCenter().post(QLatin1String(Events::APP_RESTART));
         QCOMPARE(f->count("window.drop"), 1);
         QCOMPARE(f->count("window.create"), 2);
-        QVERIFY(m_delegate->splash() != first);
-        QCOMPARE(f->count("engine.startExtension"), 1);
         // The tray's Settings entry opens the window and asks for the settings screen.
         int settings = 0;
         EventBus::defaultCenter().addObserver(this, QLatin1String(Events::SHOW_SETTINGS),
@@ -208,10 +163,21 @@ private slots:
         w->clock.advance(0);
         QCOMPARE(settings, 1);
         QCOMPARE(f->count("window.deminiaturize"), 1);
+
+        w->store().storeVPNStatus(3);
+        f->lastMenu.items.at(4).action();                                    // the tray's Quit
+        happensAfter(3000, [&] { return f->count("engine.stopVPN") == 2; }); // still connected: again
+        w->store().storeVPNStatus(1);
+        happensAfter(3000, [&] { return m_exits == 1; });
+        m_app->activate(); // an application that has ended shows nothing any more
+        QCOMPARE(f->count("window.show"), 2);
+        QVERIFY(w->store().notFirstRun());
+        QCOMPARE(f->count("engine.flushExtension"), 1);
+        QVERIFY(log.osTexts(QStringLiteral("Delegate")).contains(QStringLiteral("|VPN| Close service. BEGIN")));
     }
 
     // The journeys read the real program's log: they notice a log kept on the terminal.
-    void logFileIsFreshAndPrivateEachLaunch()
+    void logFileIsFreshAndPrivateOrStaysOnStandardError()
     {
         // An older version left the folder and the log readable by everyone.
         const QString logPath = w->dataDir() + QStringLiteral("/app_mac_logs.log");
@@ -220,52 +186,29 @@ private slots:
         QVERIFY(QFile::setPermissions(w->dataDir(), kOpen | QFile::ExeOwner | QFile::ExeGroup | QFile::ExeOther));
         QVERIFY(writeFile(logPath, "previous session", kOpen));
         launch({}, false);
-        QCOMPARE(m_reopened, QStringList{logPath});
         QCOMPARE(QFileInfo(logPath).size(), 0);
         QCOMPARE(QFileInfo(logPath).permissions() & 0x7077, QFile::ReadOwner | QFile::WriteOwner);
         QCOMPARE(QFileInfo(w->dataDir()).permissions() & 0x7077,
                  QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    }
 
-    void unusableLogFolderKeepsStandardErrorAndTheLaunchGoesOn()
-    {
-        // The data folder's place is taken by a file: nothing can be created there.
-        QVERIFY(QDir().mkpath(QFileInfo(w->dataDir()).absolutePath()));
+        // The data folder's place taken by a file: nothing can be created there.
+        QVERIFY(QDir(w->dataDir()).removeRecursively());
         QVERIFY(writeFile(w->dataDir(), {}));
         LogCapture log;
-        launch({}, std::nullopt);
+        launch({}, false);
         QVERIFY(anyStartsWith(log.lines(), QStringLiteral("|AppDelegate| Cannot redirect the log to ")));
-        QCOMPARE(f->count("engine.startExtension"), 1);
-        answerLabels(QString()); // the marker write fails quietly
-        QVERIFY(QFileInfo(w->dataDir()).isFile());
     }
 
-    void updateCheckOnlyAfterTheFirstRunWithAutoUpdateOn()
-    {
-        struct Case {
-            bool notFirstRun, autoupdate, checks;
-        };
-        for (const Case c : {Case{false, true, false}, Case{true, false, false}, Case{true, true, true}}) {
-            LogCapture log;
-            w->store().storeNotFirstRun(c.notFirstRun);
-            w->store().storeAutoupdate(c.autoupdate);
-            makeSplash()->checkForUpdate();
-            QCOMPARE(log.lines().contains(QStringLiteral("|AppUpdateManager| checkForUpdate")), c.checks);
-        }
-    }
-
-    void noInternetOffersFourChoicesAndRetryChecksOneSecondLater()
+    void alertsOfTheStartUpScreen()
     {
         auto splash = makeSplash();
         splash->viewDidLoad();
         happensAfter(1000, [&] { return f->count("engine.checkInternet") == 1; });
         f->internetCompletion(QStringLiteral("No internet"));
         w->clock.advance(0);
-        QCOMPARE(f->alerts.size(), 1);
-        QCOMPARE(shown(f->alerts.first()), QStringLiteral("L(Connection Error)|L(It seems that your connection to our "
-                                                          "server is lost.)|L(Continue)=0,L(Retry)=1,L(Restart)=2,"
-                                                          "L(Quit)=3"));
-        QCOMPARE(splash->state(), SplashVC::State::AlertShown);
+        QCOMPARE(shown(f->alerts.value(0)), QStringLiteral("L(Connection Error)|L(It seems that your connection to our "
+                                                           "server is lost.)|L(Continue)=0,L(Retry)=1,L(Restart)=2,"
+                                                           "L(Quit)=3"));
         f->press(SplashVC::kRetryTag);
         happensAfter(1000, [&] { return f->count("engine.checkInternet") == 2; });
         // Continue goes home without credentials.
@@ -274,62 +217,21 @@ private slots:
         f->press(SplashVC::kContinueTag);
         w->clock.advance(0);
         QCOMPARE(f->journal.last(), QStringLiteral("home:L(<app_name>)"));
-        QCOMPARE(f->count("engine.registerVpn:2:0"), 0);
-        QCOMPARE(splash->state(), SplashVC::State::Left);
-    }
 
-    // Stored 3 s after the answer whether or not the start-up screen is still there by then.
-    void credentialsAreStoredThreeSecondsAfterSuccess_data()
-    {
-        QTest::addColumn<QString>("screenGone");
-        QTest::newRow("stays") << "never";
-        QTest::newRow("gone before the answer") << "before";
-        QTest::newRow("gone during the delay") << "during";
-    }
-    void credentialsAreStoredThreeSecondsAfterSuccess()
-    {
-        QFETCH(QString, screenGone);
-        auto splash = makeSplash();
-        splash->viewDidLoad();
-        w->clock.advance(1000);
-        f->internetCompletion(QString());
-        QCOMPARE(f->count("engine.registerVpn:2:0"), 1);
-        if (screenGone == QLatin1String("before"))
-            splash.reset();
-        f->registerCompletion(true, QStringLiteral("user7"), QStringLiteral("secret7"), std::nullopt);
-        w->clock.advance(2999);
-        QCOMPARE(w->store().getVpnCredentials().username, QString());
-        QVERIFY(!f->journal.last().startsWith(QStringLiteral("home:")));
-        if (screenGone == QLatin1String("during"))
-            splash.reset();
-        w->clock.advance(1);
-        QCOMPARE(w->store().getVpnCredentials().username, QStringLiteral("user7"));
-        QCOMPARE(w->store().getVpnCredentials().password, QStringLiteral("secret7"));
-        QCOMPARE(f->count("home:L(<app_name>)"), splash ? 1 : 0);
-    }
-
-    // Success without a password, or an error with a full pair: code 5 with only Retry.
-    void incompleteRegistrationIsCodeFiveWithOnlyRetry()
-    {
-        auto splash = makeSplash();
+        // Success without a password, or an error with a full pair: code 5 with only Retry.
         splash->registerVpn();
         f->registerCompletion(true, QStringLiteral("user7"), QString(), std::nullopt);
         w->clock.advance(5000);
-        QCOMPARE(f->alerts.size(), 1);
-        QCOMPARE(shown(f->alerts.first()), QStringLiteral("Connection Error|It seems that your connection to our "
-                                                          "server is lost.\nPlease fix connection and try again.\n"
-                                                          "Code: 5|L(Retry)=1"));
+        QCOMPARE(shown(f->alerts.value(2)), QStringLiteral("Connection Error|It seems that your connection to our "
+                                                           "server is lost.\nPlease fix connection and try again.\n"
+                                                           "Code: 5|L(Retry)=1"));
         f->press(SplashVC::kRetryTag);
         QCOMPARE(f->count("engine.registerVpn:2:0"), 2);
         f->registerCompletion(true, QStringLiteral("u"), QStringLiteral("p"), NQError(QStringLiteral("d"), 7));
         w->clock.advance(5000);
-        QCOMPARE(f->alerts.size(), 2);
         QCOMPARE(w->store().getVpnCredentials().username, QString());
-    }
 
-    void restartStopsAConnectedTunnelAndRestartsFiveSecondsLater()
-    {
-        auto splash = makeSplash();
+        // Restart stops a connected tunnel and restarts five seconds later.
         for (const int status : {3, 1}) {
             w->store().storeVPNStatus(status);
             const int stops = f->count("engine.stopVPN");
@@ -340,12 +242,9 @@ private slots:
             QCOMPARE(f->count("engine.stopVPN"), stops + (status == 3 ? 1 : 0));
             happensAfter(5000, [&] { return m_restarts == restarts + 1; });
         }
-    }
 
-    void quitAsksTheApplicationUnknownResultIsAFaultAndCloseIsTheDefault()
-    {
+        // Quit asks the application; an unknown answer is a fault; closed is the default.
         NQApplication app({}, [this] { ++m_exits; });
-        auto splash = makeSplash();
         splash->showErrorMessage(QStringLiteral("m"), QStringLiteral("t"), {}, {}, false, true);
         w->clock.advance(0);
         f->press(SplashVC::kQuitTag);
@@ -354,7 +253,6 @@ private slots:
         LogCapture log;
         splash->showErrorMessage(QString(), QString());
         w->clock.advance(0);
-        QVERIFY(f->alerts.last().buttons.isEmpty());
         f->press(AlertPresenter::kDefaultButtonTag);
         QCOMPARE(log.osRecords().last().level, OsLog::Level::Fault);
         QCOMPARE(log.osRecords().last().text,
@@ -368,8 +266,21 @@ private slots:
         QCOMPARE(retries, 1);
     }
 
-    void appReadyOpensHomeTwoSecondsLaterAndSubscribesOnce()
+    // The start-up screen's sequence: the update check only after the first run with auto-update
+    // on; the app-ready notice opens home two seconds later, subscribed once.
+    void startUpSequence()
     {
+        struct Case {
+            bool notFirstRun, autoupdate, checks;
+        };
+        for (const Case c : {Case{false, true, false}, Case{true, false, false}, Case{true, true, true}}) {
+            LogCapture log;
+            w->store().storeNotFirstRun(c.notFirstRun);
+            w->store().storeAutoupdate(c.autoupdate);
+            makeSplash()->checkForUpdate();
+            QCOMPARE(log.lines().contains(QStringLiteral("|AppUpdateManager| checkForUpdate")), c.checks);
+        }
+
         auto splash = makeSplash();
         LogCapture log;
         splash->notificationsSubscribe();
@@ -382,11 +293,25 @@ private slots:
         w->clock.advance(2000);
         QCOMPARE(log.count(QStringLiteral("|SplashVC| openHome.")), 2);
         QCOMPARE(f->count("home:L(<app_name>)"), 1);
-        // A dropped screen is not called back.
-        splash.reset();
-        EventBus::defaultCenter().post(QLatin1String(Events::NOTIFICATION_APP_READY));
-        w->clock.advance(2000);
-        QCOMPARE(log.count(QStringLiteral("|SplashVC| openHome.")), 2);
+
+        // The credentials are stored 3 s after the answer whether or not the start-up screen is
+        // still there by then.
+        for (const bool screenGone : {false, true}) {
+            w->store().removeVpnCredentials();
+            auto screen = makeSplash();
+            screen->viewDidLoad();
+            w->clock.advance(1000);
+            f->internetCompletion(QString());
+            QCOMPARE(f->count("engine.registerVpn:2:0"), 1 + int(screenGone));
+            f->registerCompletion(true, QStringLiteral("user7"), QStringLiteral("secret7"), std::nullopt);
+            w->clock.advance(2999);
+            QCOMPARE(w->store().getVpnCredentials().username, QString());
+            if (screenGone)
+                screen.reset();
+            w->clock.advance(1);
+            QCOMPARE(w->store().getVpnCredentials().username, QStringLiteral("user7"));
+            QCOMPARE(f->count("home:L(<app_name>)"), 2); // the app-ready one and the first round's
+        }
     }
 };
 
