@@ -173,6 +173,8 @@ private slots:
         QCOMPARE(ended, code);
         const bool unsaid = said.startsWith(QLatin1Char('!'));
         QVERIFY2((m_err + m_out).contains(said.mid(unsaid ? 1 : 0)) != unsaid, qPrintable(m_err + m_out));
+        // Results and messages are kept apart.
+        QVERIFY(!m_out.contains(QStringLiteral("Starting up")));
         // Whatever happened, no tunnel client is left behind (ended from outside, the service
         // helper, not running here, ends it).
         if (!steps.endsWith(QLatin1String("|end")))
