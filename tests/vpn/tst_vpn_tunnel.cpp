@@ -145,7 +145,7 @@ void TestVpnTunnel::startsThatCannotRunChangeNothingMore()
     QCOMPARE(m_env->storage().getVPNStatus(), 2);
     QCOMPARE(m_logs->lines().filter("|NQVPNManager| Failed to start OpenVPN with sudo: ").size(), 1);
     QVERIFY(!logged("OpenVPN process started with sudo."));
-    QVERIFY(!m_env->temporaryEntries().contains(QStringLiteral("PelorinVPN.pid")));
+    QVERIFY(!entriesOf(m_env->temporaryDirectory()).contains(QStringLiteral("PelorinVPN.pid")));
 }
 
 void TestVpnTunnel::staleClientNeverTouchesANewLaunch()
@@ -179,7 +179,7 @@ void TestVpnTunnel::stopEndsDisconnectedWhateverTheKillByNameDoes()
     m_env->manager().stopVPNConnection();
     QCOMPARE(states(), (QList<int>{5, 1}));
     QVERIFY(logged("Failed to disconnect OpenVPN connections. Error: "));
-    QVERIFY(m_env->temporaryEntries().isEmpty());
+    QVERIFY(entriesOf(m_env->temporaryDirectory()).isEmpty());
 
     // A client that ignores signals: the kill by name reached it (status 0), so the stop
     // reports success and ends in 1 even though this client is still there.

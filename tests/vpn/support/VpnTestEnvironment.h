@@ -148,11 +148,6 @@ while :; do sleep 1 & wait $!; done
         return reports;
     }
 
-    QStringList temporaryEntries() const
-    {
-        return QDir(temporaryDirectory()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
-    }
-
     // Writes `content` to `relativePath` under the root; executable when asked.
     QString writeFile(const QString &relativePath, const QByteArray &content, bool executable = false) const
     {
