@@ -222,8 +222,6 @@ private slots:
         loose("integers", "\"b.org\",\"WhiteListType\":2,\"Timestamp\":9", {"a.org 2@9", "b.org 2@9"});
         loose("negative type", "\"b.org\",\"WhiteListType\":-1,\"Timestamp\":9", {"a.org 1@9", "b.org 1@9"});
         loose("type as text", "\"b.org\",\"WhiteListType\":\"2\",\"Timestamp\":9", {"a.org 1@5"});
-        loose("type fraction", "\"b.org\",\"WhiteListType\":1.5,\"Timestamp\":9", {"a.org 1@5"});
-        loose("type null", "\"b.org\",\"WhiteListType\":null,\"Timestamp\":9", {"a.org 1@5"});
         loose("time stamp as text", "\"b.org\",\"WhiteListType\":2,\"Timestamp\":\"9\"", {"a.org 1@5"});
         loose("time stamp fraction", "\"b.org\",\"WhiteListType\":2,\"Timestamp\":9.5", {"a.org 1@5"});
         loose("url a number", "7,\"WhiteListType\":2,\"Timestamp\":9", {"a.org 1@5"});
