@@ -7,8 +7,9 @@
 #include <mutex>
 
 // Runs a task on another thread through `post` and waits until it has run. The posted closure
-// owns a copy of the task and the shared done state, so the other thread never touches the
-// caller's stack; the flag's release and acquire are what ThreadSanitizer sees hand it back.
+// owns a copy of the task and the shared done state, so the hand-back itself lives on no one's
+// stack (what the task captures by reference still does); the flag's release and acquire are
+// what ThreadSanitizer sees hand it back.
 template <typename Post> void runOnAndWait(Post &&post, std::function<void()> task)
 {
     struct Handback {
