@@ -12,7 +12,9 @@ TunnelProcess::~TunnelProcess() = default;
 TunnelProcess::Launch TunnelProcess::launch(const QString &program, const QStringList &arguments, Handlers handlers)
 {
     Launch result;
-    m_worker.runAndWait([&] {
+    // The task keeps its own handlers: the callbacks it connects are copied from them on the
+    // tunnel's thread, not read from the caller's frame.
+    m_worker.runAndWait([&, handlers = std::move(handlers)] {
         auto *process = new QProcess(m_worker.context());
         process->setProcessChannelMode(QProcess::MergedChannels);
         process->setStandardInputFile(QProcess::nullDevice());
