@@ -208,8 +208,6 @@ private slots:
         }
         busy();
         QCOMPARE(panel().locationGetTry(), 0);
-        m_clock->advance(5000);
-        QVERIFY(m_fx->location.pending.isEmpty());
 
         const auto lookUp = [this](const char *ip, const char *code) {
             panel().refreshLocation();
@@ -285,7 +283,6 @@ private slots:
         m_fx->alerts.answer = HomeMainPanelVC::kAlertFirstButton + 1; // Cancel
         m_fx->vpn.pendingConfigs.takeFirst().second(QString(), NQError(QStringLiteral("d"), 2));
         flush();
-        QVERIFY(m_fx->vpn.pendingConfigs.isEmpty());
         QCOMPARE(display().buttonTitle, text("Cancel")); // stays Connecting
         // Pressed again, it stops and is no longer connecting.
         panel().clickConnect();
