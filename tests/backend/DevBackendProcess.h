@@ -71,12 +71,11 @@ public:
             rule.insert("count", count);
         return call("POST", "/control/fault", QJsonDocument(rule).toJson()).first == 200;
     }
-    void clearRequests() { call("DELETE", "/control/requests"); }
     // Forgets faults and requests received.
     void reset()
     {
         call("DELETE", "/control/fault");
-        clearRequests();
+        call("DELETE", "/control/requests");
     }
     // Requests received so far, oldest first.
     QJsonArray requests() { return QJsonDocument::fromJson(call("GET", "/control/requests").second).array(); }
