@@ -38,7 +38,7 @@ constexpr Run kRuns[] = {
     {"tunnel refused", "DE", Mode::Connect, "auth failed", "", 4, "The server refused the VPN credentials"},
     // A disconnect leaves the console running: later time and commands are still served.
     {"disconnect, then quit", "DE", Mode::Connect, "",
-     "wait Connected to|disconnect|wait State: 1 disconnected|tick|status|ends with State: 1 disconnected|quit", 0,
+     "wait Connected to|status|ends with State: 3 connected|disconnect|wait State: 1 disconnected|tick|quit", 0,
      "Disconnecting"},
     // A signal, or the application ended by someone else (an update being installed).
     {"signal", "DE", Mode::Connect, "silent client", "wait State: 2|signal", 6, "Signal 15"},
