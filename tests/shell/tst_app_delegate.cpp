@@ -13,11 +13,6 @@
 #include <QTest>
 
 namespace {
-bool anyStartsWith(const QStringList &lines, const QString &start)
-{
-    return std::ranges::any_of(lines, [&](const QString &l) { return l.startsWith(start); });
-}
-
 // "title|message|button=tag,...": the alert as the user sees it.
 QString shown(const AlertRequest &alert)
 {
