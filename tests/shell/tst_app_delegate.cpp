@@ -13,11 +13,6 @@
 #include <QTest>
 
 namespace {
-bool anyStartsWith(const QStringList &lines, const QString &start)
-{
-    return std::ranges::any_of(lines, [&](const QString &l) { return l.startsWith(start); });
-}
-
 // "title|message|button=tag,...": the alert as the user sees it.
 QString shown(const AlertRequest &alert)
 {
@@ -88,14 +83,12 @@ private slots:
     {
         AppStorageManager &store = w->store();
         for (const char *argument : {"CLEAR_VPN", "CLEAR_USERDEFAULTS"}) {
-            store.storeAppExitOnClose(true);
             store.storeLastConnectedCluster(QStringLiteral("Canada"));
             store.storeAppAutorunEnabled(false);
             store.storeVPNCredentials(QStringLiteral("u"), QStringLiteral("p"));
             launch({QLatin1String(argument)});
             const bool all = qstrcmp(argument, "CLEAR_USERDEFAULTS") == 0;
             QCOMPARE(store.getVpnCredentials().password, all ? QStringLiteral("p") : QString());
-            QCOMPARE(store.appExitOnClose(), !all);
             QCOMPARE(store.lastConnectedCluster(), all ? QString() : QStringLiteral("Canada"));
             QCOMPARE(NQAppKit::appIsInLoginItems(), all);
         }

@@ -160,7 +160,6 @@ private slots:
         QTest::addColumn<bool>("available");
         QTest::newRow("same, one part more") << QByteArray("2.1.0.45.0") << false;
         QTest::newRow("newer build") << QByteArray("2.1.0.100") << true; // numeric, not textual
-        QTest::newRow("older") << QByteArray("2.0.9.99") << false;
         QTest::newRow("garbage counts 0") << QByteArray("<html>502 Bad Gateway</html>") << false;
     }
     void checkAgainstTheServer()

@@ -14,6 +14,42 @@ namespace {
 constexpr int kWaitMs = 20000;
 // Test-clock time moved per poll: start-up delays of a few seconds pass in a few polls.
 constexpr int kClockStepMs = 1000;
+using Mode = HeadlessRunner::Mode;
+// Each row runs the console client to its end; `steps` (separated by '|') are done while it
+// runs: "wait TEXT" moves the clock until TEXT is out, "tick" moves it 5 s, "signal" and
+// "end" interrupt it, "ends with TEXT" checks standard output, anything else is a command.
+struct Run {
+    const char *name;
+    const char *argument; // the cluster, or the check
+    Mode mode;
+    const char *setup; // what is made to go wrong, or "auto:" and the last cluster
+    const char *steps;
+    int code;
+    const char *said; // on standard error, or standard output for results; after "!", on neither
+};
+constexpr Run kRuns[] = {
+    {"script passes", "true", Mode::Script, "", "", 0, "Traffic check passed"},
+    {"script check fails", "false", Mode::Script, "", "", 5, "Traffic check FAILED"},
+    {"list, no backend", "", Mode::List, "no backend", "", 3, "Cannot load the server list"},
+    {"no such cluster", "Atlantis", Mode::Connect, "", "", 2, "No cluster named 'Atlantis'"},
+    {"backend unreachable", "DE", Mode::Connect, "no backend", "", 3, "giving up"},
+    {"sudo refuses", "DE", Mode::Connect, "sudo-refuses", "", 4, "log out and in again"},
+    {"no tunnel in time", "DE", Mode::Connect, "silent client", "", 4, "No tunnel after 60 seconds"},
+    {"tunnel refused", "DE", Mode::Connect, "auth failed", "", 4, "The server refused the VPN credentials"},
+    // A disconnect leaves the console running: later time and commands are still served.
+    {"disconnect, then quit", "DE", Mode::Connect, "",
+     "wait Connected to|status|ends with State: 3 connected|disconnect|wait State: 1 disconnected|tick|quit", 0,
+     "Disconnecting"},
+    // A signal, or the application ended by someone else (an update being installed).
+    {"signal", "DE", Mode::Connect, "silent client", "wait State: 2|signal", 6, "Signal 15"},
+    {"application ended", "DE", Mode::Connect, "silent client", "wait State: 2|end", 6, ""},
+    // Without a cluster named, "Connect automatically" connects to the last cluster (by
+    // name), else to the default one; switched off, the console only starts up.
+    {"idle", "", Mode::Idle, "", "wait Ready.|tick|quit", 0, "!Connecting"},
+    {"automatic, last cluster", "", Mode::Idle, "auto:Canada", "wait Connected to|quit", 0, "Connected to Canada\n"},
+    {"automatic, last cluster gone", "", Mode::Idle, "auto:Atlantis", "wait Connected to|quit", 0,
+     "Connected to United States\n"},
+};
 } // namespace
 
 class TestHeadless : public QObject {
@@ -71,65 +107,18 @@ private slots:
         m_env.reset();
     }
 
-    // Each row runs the console client to its end; `steps` (separated by '|') are done while it
-    // runs: "wait TEXT" moves the clock until TEXT is out, "tick" moves it 5 s, "signal" and
-    // "end" interrupt it, "ends with TEXT" checks standard output, anything else is a command.
     void exitCodes_data()
     {
-        QTest::addColumn<QString>("argument"); // the cluster, or the check
-        QTest::addColumn<int>("mode");
-        QTest::addColumn<QString>("setup"); // what is made to go wrong, or "auto:" and the last cluster
-        QTest::addColumn<QString>("steps");
-        QTest::addColumn<int>("code");
-        // On standard error, or standard output for results; after "!", on neither.
-        QTest::addColumn<QString>("said");
-        const int idle = int(HeadlessRunner::Mode::Idle);
-        const int script = int(HeadlessRunner::Mode::Script);
-        const int connect = int(HeadlessRunner::Mode::Connect);
-        const QString connected = QStringLiteral("wait Connected to|");
-        QTest::newRow("script passes") << "true" << script << ""
-                                       << "" << 0 << "Traffic check passed";
-        QTest::newRow("script check fails") << "false" << script << ""
-                                            << "" << 5 << "Traffic check FAILED";
-        QTest::newRow("list, no backend") << "" << int(HeadlessRunner::Mode::List) << "no backend"
-                                          << "" << 3 << "Cannot load the server list";
-        QTest::newRow("no such cluster") << "Atlantis" << connect << ""
-                                         << "" << 2 << "No cluster named 'Atlantis'";
-        QTest::newRow("backend unreachable") << "DE" << connect << "no backend"
-                                             << "" << 3 << "giving up";
-        QTest::newRow("sudo refuses") << "DE" << connect << "sudo-refuses"
-                                      << "" << 4 << "log out and in again";
-        QTest::newRow("no tunnel in time") << "DE" << connect << "silent client"
-                                           << "" << 4 << "No tunnel after 60 seconds";
-        QTest::newRow("tunnel refused") << "DE" << connect << "auth failed"
-                                        << "" << 4 << "The server refused the VPN credentials";
-        // A disconnect leaves the console running: later time and commands are still served.
-        QTest::newRow("disconnect, then quit")
-            << "DE" << connect << ""
-            << connected + "disconnect|wait State: 1 disconnected|tick|status|ends with State: 1 disconnected|quit" << 0
-            << "Disconnecting";
-        // A signal, or the application ended by someone else (an update being installed).
-        QTest::newRow("signal") << "DE" << connect << "silent client"
-                                << "wait State: 2|signal" << 6 << "Signal 15";
-        QTest::newRow("application ended") << "DE" << connect << "silent client"
-                                           << "wait State: 2|end" << 6 << "";
-        // Without a cluster named, "Connect automatically" connects to the last cluster (by
-        // name), else to the default one; switched off, the console only starts up.
-        QTest::newRow("idle") << "" << idle << ""
-                              << "wait Ready.|tick|quit" << 0 << "!Connecting";
-        QTest::newRow("automatic, last cluster")
-            << "" << idle << "auto:Canada" << connected + "quit" << 0 << "Connected to Canada\n";
-        QTest::newRow("automatic, last cluster gone")
-            << "" << idle << "auto:Atlantis" << connected + "quit" << 0 << "Connected to United States\n";
+        QTest::addColumn<int>("row");
+        for (int i = 0; i < int(std::size(kRuns)); ++i)
+            QTest::newRow(kRuns[i].name) << i;
     }
     void exitCodes()
     {
-        QFETCH(QString, argument);
-        QFETCH(int, mode);
-        QFETCH(QString, setup);
-        QFETCH(QString, steps);
-        QFETCH(int, code);
-        QFETCH(QString, said);
+        QFETCH(int, row);
+        const Run &run = kRuns[row];
+        const QString setup = QLatin1String(run.setup);
+        const QString steps = QLatin1String(run.steps);
         if (setup == QLatin1String("no backend"))
             makeEnvironment(QStringLiteral("http://127.0.0.1:9"));
         else if (setup == QLatin1String("sudo-refuses"))
@@ -142,8 +131,8 @@ private slots:
         m_env->storage().storeLastConnectedCluster(setup.mid(5));
 
         HeadlessRunner::Options options;
-        options.mode = HeadlessRunner::Mode(mode);
-        (options.mode == HeadlessRunner::Mode::Script ? options.onConnectedCommand : options.target) = argument;
+        options.mode = run.mode;
+        (run.mode == Mode::Script ? options.onConnectedCommand : options.target) = QLatin1String(run.argument);
         options.standardErrorIsTerminal = [] { return true; };
         int ended = -1;
         options.endLoop = [&ended](int exitCode) { ended = exitCode; };
@@ -170,7 +159,8 @@ private slots:
         }
         // The quit sequence's own delays, so nothing of this run is left for the next one.
         m_clock->advance(10000);
-        QCOMPARE(ended, code);
+        QCOMPARE(ended, run.code);
+        const QString said = QLatin1String(run.said);
         const bool unsaid = said.startsWith(QLatin1Char('!'));
         QVERIFY2((m_err + m_out).contains(said.mid(unsaid ? 1 : 0)) != unsaid, qPrintable(m_err + m_out));
         // Results and messages are kept apart.

@@ -165,9 +165,7 @@ private slots:
         QVERIFY(writeFile(dir.filePath(QStringLiteral("openvpn.last_pid")), "123"));
         log.clear();
         service.vpnCloseService();
-        QVERIFY(std::ranges::any_of(log.osTexts(), [](const QString &t) {
-            return t.startsWith(QStringLiteral("|VPN| Close service. DONE with fatal error: '"));
-        }));
+        QVERIFY(anyStartsWith(log.osTexts(), QStringLiteral("|VPN| Close service. DONE with fatal error: '")));
         QCOMPARE(log.lines(), QStringList{QStringLiteral("Removed previous openvpn.last_pid file")});
     }
 
