@@ -219,7 +219,6 @@ private slots:
                  "{\"Command\":\"WHITELIST\",\"Value\":[{\"Url\":" + both.toUtf8() + "}]}"},
                 {{"whitelist", whitelist}}, "ANY_EVENT ANY_EVENT");
         };
-        loose("integers", "\"b.org\",\"WhiteListType\":2,\"Timestamp\":9", {"a.org 2@9", "b.org 2@9"});
         loose("negative type", "\"b.org\",\"WhiteListType\":-1,\"Timestamp\":9", {"a.org 1@9", "b.org 1@9"});
         loose("type as text", "\"b.org\",\"WhiteListType\":\"2\",\"Timestamp\":9", {"a.org 1@5"});
         loose("time stamp as text", "\"b.org\",\"WhiteListType\":2,\"Timestamp\":\"9\"", {"a.org 1@5"});
