@@ -229,6 +229,21 @@ private slots:
         QVERIFY(log.osTexts().value(0).endsWith(" closed: Connection closed by the peer"));
     }
 
+    // Continuation, pong and reserved opcodes are refused and end the connection, as binary
+    // frames are (below).
+    void unsupportedOpcodesAreRefused()
+    {
+        const QList<unsigned char> opcodes{0x80, 0x00, 0x8A, 0x83, 0x8F};
+        for (unsigned char b0 : opcodes) {
+            RawClient c;
+            QVERIFY(c.handshake(server->port()));
+            c.write(maskedFrame(b0, "x") + maskedFrame(0x81, "never"));
+            QVERIFY(c.waitForClose());
+        }
+        QTRY_COMPARE(recorder.errors, QStringList(opcodes.size(), "Cannot handle this websocket frame format!"));
+        QVERIFY(recorder.messages.isEmpty());
+    }
+
     // A connection's failure reaches the delegate only after all its earlier messages, with the
     // bytes of the read that failed, and then it closes.
     void aFailureComesAfterItsMessages()
