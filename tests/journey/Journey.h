@@ -16,6 +16,7 @@
 #include "ui/app/MainWindowHost.h"
 #include "vpn/NQVPNManager.h"
 #include "vpn/VpnState.h"
+#include "vpn/support/VpnTestEnvironment.h"
 
 #include <QApplication>
 #include <QDir>
@@ -36,13 +37,6 @@ namespace journey {
 // Long enough for a loaded sanitizer build; the product's own delays never count here.
 constexpr int kWaitMs = 20000;
 constexpr int kClockStepMs = 100;
-
-// Runs the client it is handed; a kill by name reaches only this journey's client.
-inline const QByteArray kStandInSudo = R"SH(#!/bin/bash
-here="$(dirname "$0")"
-if [ "$1" = pkill ]; then exec pkill -f "$here/helpers/$2"; fi
-exec "$@"
-)SH";
 
 // openvpn 2.6 through ovpncli, counting its launches: the banner, then, once the file "up"
 // exists, the completed initialisation and ovpncli's state line; a signal ends it as ovpncli
@@ -89,7 +83,7 @@ public:
         QDir(root()).mkpath(QStringLiteral("helpers"));
         QDir(root()).mkdir(QStringLiteral("tmp"),
                            QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-        write(QStringLiteral("sudo"), kStandInSudo);
+        write(QStringLiteral("sudo"), VpnTestEnvironment::kStandInSudo);
         write(QStringLiteral("helpers/ovpncli"), kStandInClient);
         LinuxPlatform::Overrides places;
         places.temporaryDirectory = root() + QStringLiteral("/tmp");

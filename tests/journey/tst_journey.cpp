@@ -292,7 +292,7 @@ private slots:
         QVERIFY(j.readyToConnect());
         QVERIFY(!Journey::button(star)->isChecked());
 
-        j.write(QStringLiteral("sudo"), "#!/bin/bash\necho 'sudo: a password is required' >&2\nexit 1\n");
+        j.write(QStringLiteral("sudo-refuses"), {});
         QFile::remove(j.root() + QStringLiteral("/helpers/pid"));
         QString seen;
         Journey::answerAlert({}, &seen);
@@ -311,7 +311,7 @@ private slots:
         Journey::answerAlert({}, &seen);
         QVERIFY(Journey::click(kConnect));
         QVERIFY(j.runUntil([&seen] { return seen.contains(QStringLiteral("a password is required")); }));
-        j.write(QStringLiteral("sudo"), journey::kStandInSudo);
+        QFile::remove(j.root() + QStringLiteral("/sudo-refuses"));
         QVERIFY(j.connectDefault());
     }
 
