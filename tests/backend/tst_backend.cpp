@@ -15,6 +15,7 @@
 #include "foundation/NQConfig.h"
 #include "platform/linux/LinuxPlatform.h"
 #include "shell/AppUpdateManager.h"
+#include "support/Files.h"
 #include "support/LogCapture.h"
 #include "vpn/NQVPNManager.h"
 
@@ -122,12 +123,6 @@ const QList<Request> &requests()
          }},
     };
     return all;
-}
-
-QByteArray contentOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #include "foundation/FileSecretBackend.h"
 #include "foundation/LabelConfigModel.h"
 #include "support/ClockGuard.h"
+#include "support/Files.h"
 #include "support/LogCapture.h"
 
 #include <QFile>
@@ -45,18 +46,6 @@ const QList<std::tuple<const char *, BoolGet, BoolSet>> kBoolKeys = {
     {"nq.keyFromStore", &AppStorageManager::keyFromStoreFlag, &AppStorageManager::storeKeyFromStoreFlag},
 };
 
-QByteArray fileContents(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-bool writeFile(const QString &path, const QByteArray &contents)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(contents) == contents.size();
-}
-
 } // namespace
 
 class TstAppStorageManager : public QObject {
@@ -64,7 +53,7 @@ class TstAppStorageManager : public QObject {
 
     std::unique_ptr<QTemporaryDir> m_dir;
     QString settingsPath() const { return m_dir->filePath(QStringLiteral("com.pelorin.vpn.mac.conf")); }
-    QByteArray onDisk() const { return fileContents(settingsPath()); }
+    QByteArray onDisk() const { return contentOf(settingsPath()); }
     std::unique_ptr<AppStorageManager> makeManager() const
     {
         auto backend = std::make_shared<FileSecretBackend>(m_dir->filePath(QStringLiteral("secrets.json")));
@@ -210,7 +199,7 @@ private slots:
         manager = makeManager();
         manager->storeAppLanguageCode(QStringLiteral("fi"));
         QVERIFY(onDisk().contains("LanguageCode=fi"));
-        QCOMPARE(fileContents(settingsPath() + QStringLiteral(".corrupt")), garbage);
+        QCOMPARE(contentOf(settingsPath() + QStringLiteral(".corrupt")), garbage);
         QCOMPARE(log.lines().size(), 1);
 
         // A settings path below a regular file cannot be written, even by root.
@@ -246,9 +235,9 @@ private slots:
         QCOMPARE(shared.settingsFilePath(), expected);
         LabelConfigModel::sharedInstance().setLinkAfterInstall(QStringLiteral("https://example.test/thanks"));
         QVERIFY(LabelConfigModel::sharedInstance().storeSharedInstance(&error) && !error);
-        QVERIFY(fileContents(expected).contains("labelconfig="));
+        QVERIFY(contentOf(expected).contains("labelconfig="));
         QVERIFY(LabelConfigModel::removeSharedInstance());
-        QVERIFY(!fileContents(expected).contains("labelconfig"));
+        QVERIFY(!contentOf(expected).contains("labelconfig"));
         shared.removeAppStorage();
         AppStorageManager::setSharedManagerForTesting(nullptr);
     }

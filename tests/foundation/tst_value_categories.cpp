@@ -10,6 +10,7 @@
 #include "foundation/PropertyList.h"
 #include "foundation/StringAddition.h"
 #include "platform/linux/LinuxPlatform.h"
+#include "support/Files.h"
 
 #include <QTemporaryDir>
 #include <QtTest>
@@ -55,12 +56,6 @@ QByteArray binaryPlist(const QByteArray &body)
     const QByteArray out(bin, static_cast<qsizetype>(length));
     std::free(bin);
     return out;
-}
-
-bool writeFile(const QString &path, const QByteArray &bytes)
-{
-    QFile f(path);
-    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
 }
 
 const QByteArray kCommon = R"(<dict>

@@ -288,11 +288,7 @@ public:
     }
 
     QByteArray log() const { return read(QStringLiteral("data/com.pelorin.vpn.mac/app_mac_logs.log")); }
-    QByteArray read(const QString &relative) const
-    {
-        QFile file(root() + QLatin1Char('/') + relative);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
+    QByteArray read(const QString &relative) const { return contentOf(root() + QLatin1Char('/') + relative); }
     void write(const QString &relative, const QByteArray &content) const
     {
         QFile file(root() + QLatin1Char('/') + relative);

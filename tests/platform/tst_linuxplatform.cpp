@@ -1,5 +1,6 @@
 #include "platform/linux/LinuxPlatform.h"
 #include "platform/linux/RouteMessages.h"
+#include "support/Files.h"
 
 #include <QDir>
 #include <QFile>
@@ -14,13 +15,7 @@
 #include <unistd.h>
 
 namespace {
-bool writeFile(const QString &path, const QByteArray &bytes, bool executable = false)
-{
-    QFile f(path);
-    const bool ok = f.open(QIODevice::WriteOnly) && f.write(bytes) == bytes.size();
-    f.close();
-    return ok && (!executable || f.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
-}
+constexpr QFile::Permissions kExecutable = QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner;
 
 QByteArray routeMessage(quint16 type, quint8 dstLen, quint8 table = RT_TABLE_MAIN, quint8 routeType = RTN_UNICAST)
 {
@@ -94,8 +89,8 @@ private slots:
         QTemporaryDir bin;
         QVERIFY(!LinuxPlatform({.browserSearchPath = {bin.path()}}).isChromeInstalled());
         QVERIFY(!LinuxPlatform({.browserSearchPath = {bin.path()}}).isFirefoxInstalled());
-        QVERIFY(writeFile(bin.path() + "/chromium", "#!/bin/sh\n", true));
-        QVERIFY(writeFile(bin.path() + "/firefox-esr", "#!/bin/sh\n", true));
+        QVERIFY(writeFile(bin.path() + "/chromium", "#!/bin/sh\n", kExecutable));
+        QVERIFY(writeFile(bin.path() + "/firefox-esr", "#!/bin/sh\n", kExecutable));
         LinuxPlatform some({.browserSearchPath = {bin.path()}});
         QVERIFY(some.isChromeInstalled() && some.isFirefoxInstalled());
         QCOMPARE(some.openInChromeCommand("https://example.org"),
@@ -107,7 +102,7 @@ private slots:
         LinuxPlatform packaged({.helpersDirectory = bin.path()});
         QVERIFY(packaged.installerCommand("/d/P.deb").first() != shipped);
         QVERIFY(packaged.installerCommand("/d/P.deb").contains("/d/P.deb"));
-        QVERIFY(writeFile(shipped, "#!/bin/sh\n", true));
+        QVERIFY(writeFile(shipped, "#!/bin/sh\n", kExecutable));
         QCOMPARE(packaged.installerCommand("/d/P.deb"), (QStringList{shipped, "/d/P.deb"}));
     }
 

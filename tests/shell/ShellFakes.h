@@ -14,22 +14,10 @@
 #include "shell/UrlOpener.h"
 #include "shell/WindowHost.h"
 #include "support/ClockGuard.h"
+#include "support/Files.h"
 
 #include <QStringList>
 #include <QTemporaryDir>
-
-inline QByteArray readAll(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-inline bool writeFile(const QString &path, const QByteArray &data, QFile::Permissions permissions = {})
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(data) == data.size() &&
-           (!permissions || file.setPermissions(permissions));
-}
 
 inline bool anyStartsWith(const QStringList &lines, const QString &start)
 {

@@ -118,13 +118,13 @@ private slots:
         QCOMPARE(log.lines().first(),
                  QStringLiteral("[AppDelegate] Handle notification: 'NSApplicationDidFinishLaunchingNotification"));
         answerLabels(QString()); // no links yet: nothing opened, the flag stays off
-        QCOMPARE(QString::fromUtf8(readAll(marker)), QStringLiteral("<empty>,%1,2.1.0.45").arg(device));
+        QCOMPARE(QString::fromUtf8(contentOf(marker)), QStringLiteral("<empty>,%1,2.1.0.45").arg(device));
         f->extensionCompletion(false, QStringLiteral("https://ignored"), std::nullopt);
         QCOMPARE(w->store().labelConfigBrowserChromeLink(),
                  QStringLiteral("https://chromewebstore.google.com/detail/quellon/kembcdlbgbcnnchcnbdhbmbhbejnedjf"));
         launch({});
         answerLabels(QStringLiteral("https://welcome.example/"), QStringLiteral("https://bye.example"));
-        QCOMPARE(QString::fromUtf8(readAll(marker)), QStringLiteral("https://bye.example,%1,2.1.0.45").arg(device));
+        QCOMPARE(QString::fromUtf8(contentOf(marker)), QStringLiteral("https://bye.example,%1,2.1.0.45").arg(device));
         f->extensionCompletion(true, QStringLiteral("https://ext.example"), std::nullopt);
         QCOMPARE(w->store().labelConfigBrowserChromeLink(), QStringLiteral("https://ext.example"));
         launch({});
@@ -136,7 +136,7 @@ private slots:
         answerLabels(QStringLiteral("https://x"), QStringLiteral("https://y"), NQError(QStringLiteral("net"), -1001));
         QCOMPARE(w->store().supportLink(), QStringLiteral("https://support.example"));
         QVERIFY(anyStartsWith(log.lines(), QStringLiteral("|AppDelegate| getLabelConfig FAILED: ")));
-        QVERIFY(readAll(marker).startsWith("https://bye.example,"));
+        QVERIFY(contentOf(marker).startsWith("https://bye.example,"));
     }
 
     // A restart rebuilds the window and the tray; the tray's Quit while connected stops the

@@ -40,7 +40,7 @@ struct Publisher {
                       .arg(name, version)
                       .toUtf8());
         run({"dpkg-deb", "--root-owner-group", "--build", root, root + QStringLiteral(".deb")});
-        return readAll(root + QStringLiteral(".deb"));
+        return contentOf(root + QStringLiteral(".deb"));
     }
     QByteArray sign(const QByteArray &data, const QString &with) const
     {
@@ -197,7 +197,7 @@ private slots:
         QCOMPARE(w->fake.journal, (QStringList{"window.prohibited", "quit"}));
         QVERIFY(!updates.isDownloading());
         QCOMPARE(m_hideUpdate, 1);
-        QCOMPARE(readAll(m_installerLog), downloads().toUtf8() + "/PelorinVPN.deb\n");
+        QCOMPARE(contentOf(m_installerLog), downloads().toUtf8() + "/PelorinVPN.deb\n");
         QCOMPARE(progress.isEmpty() ? 0 : progress.last().at(0).toLongLong(), qint64(m_package.size()));
     }
 
@@ -244,7 +244,7 @@ private slots:
         if (c.oldPackageUndeletable)
             QVERIFY(QFileInfo(blocked).isDir()); // nothing of the user's lost
         if (!*c.packagePath)
-            QCOMPARE(readAll(downloads()), QByteArray("mine"));
+            QCOMPARE(contentOf(downloads()), QByteArray("mine"));
         if (qstrcmp(c.packagePath, "/package") != 0)
             QCOMPARE(QDir(downloads()).entryList(QDir::Files | QDir::Hidden), QStringList());
     }

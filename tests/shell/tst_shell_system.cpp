@@ -190,7 +190,7 @@ private slots:
             service.vpnCloseService();
             service.vpnCloseService();
         }
-        QCOMPARE(readAll(out), QByteArray("quit\nquit\neof\n"));
+        QCOMPARE(contentOf(out), QByteArray("quit\nquit\neof\n"));
 
         // The real helper ends on "quit" or at the end of its input, and ends the tunnel client
         // the marker names, but never a process that is not one; a marker naming a process that

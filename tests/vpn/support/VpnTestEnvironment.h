@@ -6,6 +6,7 @@
 #include "foundation/MainQueue.h"
 #include "platform/Platform.h"
 #include "platform/linux/LinuxPlatform.h"
+#include "support/Files.h"
 #include "vpn/NQVPNManager.h"
 #include "vpn/TunnelClientEnd.h"
 
@@ -18,12 +19,6 @@
 #include <signal.h>
 
 inline constexpr int kVpnWaitMs = 15000;
-
-inline QByteArray contentOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
 
 inline bool processAlive(qint64 pid)
 {
