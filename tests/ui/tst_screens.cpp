@@ -128,46 +128,19 @@ private slots:
     // --- The connection panel
 
     // With no server list on screen: the last connected cluster, else the default, else the first.
-    void connectsAutomaticallyToTheLastOrDefaultCluster_data()
-    {
-        QTest::addColumn<QString>("last");
-        QTest::addColumn<bool>("withDefault");
-        QTest::addColumn<qint64>("expected");
-        QTest::newRow("last") << "C" << true << qint64(3);
-        QTest::newRow("default") << "Gone" << true << qint64(2);
-        QTest::newRow("first") << QString() << false << qint64(1);
-    }
     void connectsAutomaticallyToTheLastOrDefaultCluster()
     {
-        QFETCH(QString, last);
-        QFETCH(bool, withDefault);
-        QFETCH(qint64, expected);
-        m_fx->vpn.countries = {eu("A", 1), eu("B", 2, withDefault), eu("C", 3)};
-        m_fx->storage.storeAppAutoconnectEnabled(true);
-        m_fx->storage.storeLastConnectedCluster(last);
-        panel().viewDidLoad();
-        m_fx->vpn.pendingCountries.takeFirst()(std::nullopt);
-        flush();
-        QCOMPARE(m_fx->vpn.pendingConfigs.isEmpty() ? 0 : m_fx->vpn.pendingConfigs.first().first, expected);
-    }
-
-    void sessionTimeTextAndTimer()
-    {
-        const QList<QPair<quint64, QString>> cases{{3725, "01:02:05"}, {100 * 3600, "100:00:00"}}; // the hours widen
-        for (const auto &[seconds, shown] : cases)
-            QCOMPARE(HomeMainPanelVC::sessionTimeText(seconds), shown);
-
-        // Counted on the clock; a second connect runs a second timer, so the time runs double.
-        loadWithCluster();
-        panel().setConnected();
-        flush();
-        m_clock->advance(3725 * 1000);
-        panel().setDisconnected();
-        panel().setConnected();
-        panel().setConnected();
-        flush();
-        m_clock->advance(5000);
-        QCOMPARE(display().labelState, connectedTime("00:00:10"));
+        for (const auto &[last, withDefault, expected] :
+             {std::tuple{"C", true, 3}, std::tuple{"Gone", true, 2}, std::tuple{"", false, 1}}) {
+            cleanup(), init();
+            m_fx->vpn.countries = {eu("A", 1), eu("B", 2, withDefault), eu("C", 3)};
+            m_fx->storage.storeAppAutoconnectEnabled(true);
+            m_fx->storage.storeLastConnectedCluster(QString::fromLatin1(last));
+            panel().viewDidLoad();
+            m_fx->vpn.pendingCountries.takeFirst()(std::nullopt);
+            flush();
+            QCOMPARE(m_fx->vpn.pendingConfigs.isEmpty() ? 0 : m_fx->vpn.pendingConfigs.first().first, qint64(expected));
+        }
     }
 
     void markerFollowsContinentAndIso()
@@ -190,42 +163,7 @@ private slots:
         }
     }
 
-    // Retried twenty times while another lookup runs; once answered, shown and stored.
-    void realLocationRetriesWhileAnotherLookupRunsThenIsShownAndStored()
-    {
-        panel().refreshLocation();
-        const auto busy = [this] {
-            m_fx->location.answer(QString(), QString(), QString::fromLatin1(LocationLookup::kAlreadyCalled));
-        };
-        for (int attempt = 1; attempt <= HomeMainPanelVC::kLocationRetryLimit; ++attempt) {
-            busy();
-            m_clock->advance(HomeMainPanelVC::kLocationRetryDelayMs - 1);
-            QVERIFY(m_fx->location.pending.isEmpty());
-            m_clock->advance(1);
-            QCOMPARE(m_fx->location.pending.size(), 1);
-        }
-        busy();
-        QCOMPARE(panel().locationGetTry(), 0);
-
-        const auto lookUp = [this](const char *ip, const char *code) {
-            panel().refreshLocation();
-            m_fx->location.answer(QString::fromLatin1(ip), QString::fromLatin1(code));
-            flush();
-            return QStringList{display().labelLocation, display().labelIpAddress, display().locationFlag};
-        };
-        QCOMPARE(lookUp("203.0.113.9", "UA"), (QStringList{"Ukraine", "203.0.113.9", "flags/ua.svg"}));
-        QCOMPARE(m_fx->storage.getRealIp(), QStringLiteral("203.0.113.9"));
-        QCOMPARE(m_fx->storage.getCountry(), QStringLiteral("Ukraine"));
-        QCOMPARE(lookUp("198.51.100.1", "FR").last(), QStringLiteral("flags/flag_unknown.svg"));
-        // The country's name in the user's language.
-        const QLocale saved;
-        QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
-        const QString german = lookUp("198.51.100.2", "DE").first();
-        QLocale::setDefault(saved);
-        QCOMPARE(german, QStringLiteral("Deutschland"));
-    }
-
-    void storedLocationShowsAtStartVirtualLocationFollowsTheStoredStateBlockedLineTheEngine()
+    void storedLocationsAtStartBlockedLineFromTheEngineThenTheRealLocationLookedUp()
     {
         m_fx->storage.storeCountry(QStringLiteral("Finland"));
         m_fx->storage.storeRealIp(QStringLiteral("192.0.2.4"));
@@ -258,10 +196,46 @@ private slots:
             flush();
             QCOMPARE(display().labelTrafficBlocked.isEmpty(), !blocked);
         }
+
+        // The lookup the load started is retried twenty times while another runs; once answered,
+        // the location is shown and stored.
+        const auto busy = [this] {
+            m_fx->location.answer(QString(), QString(), QString::fromLatin1(LocationLookup::kAlreadyCalled));
+        };
+        for (int attempt = 1; attempt <= HomeMainPanelVC::kLocationRetryLimit; ++attempt) {
+            busy();
+            m_clock->advance(HomeMainPanelVC::kLocationRetryDelayMs - 1);
+            QVERIFY(m_fx->location.pending.isEmpty());
+            m_clock->advance(1);
+            QCOMPARE(m_fx->location.pending.size(), 1);
+        }
+        busy();
+        QCOMPARE(panel().locationGetTry(), 0);
+
+        const auto lookUp = [this](const char *ip, const char *code) {
+            panel().refreshLocation();
+            m_fx->location.answer(QString::fromLatin1(ip), QString::fromLatin1(code));
+            flush();
+            return QStringList{display().labelLocation, display().labelIpAddress, display().locationFlag};
+        };
+        QCOMPARE(lookUp("203.0.113.9", "UA"), (QStringList{"Ukraine", "203.0.113.9", "flags/ua.svg"}));
+        QCOMPARE(m_fx->storage.getRealIp(), QStringLiteral("203.0.113.9"));
+        QCOMPARE(m_fx->storage.getCountry(), QStringLiteral("Ukraine"));
+        QCOMPARE(lookUp("198.51.100.1", "FR").last(), QStringLiteral("flags/flag_unknown.svg"));
+        // The country's name in the user's language.
+        const QLocale saved;
+        QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
+        const QString german = lookUp("198.51.100.2", "DE").first();
+        QLocale::setDefault(saved);
+        QCOMPARE(german, QStringLiteral("Deutschland"));
     }
 
-    void failuresShowTheirDialogsAndOnlyTheProfileOneRetries()
+    void failuresShowTheirDialogsOnlyTheProfileOneRetriesThenSessionTime()
     {
+        const QList<QPair<quint64, QString>> cases{{3725, "01:02:05"}, {100 * 3600, "100:00:00"}}; // the hours widen
+        for (const auto &[seconds, shown] : cases)
+            QCOMPARE(HomeMainPanelVC::sessionTimeText(seconds), shown);
+
         m_fx->alerts.answer = HomeMainPanelVC::kAlertFirstButton; // the user presses Retry
         loadWithCluster();
         panel().initVPN();
@@ -286,6 +260,17 @@ private slots:
         panel().clickConnect();
         QCOMPARE(m_fx->vpn.stops, 1);
         QVERIFY(!panel().isConnecting());
+
+        // Counted on the clock; a second connect runs a second timer, so the time runs double.
+        panel().setConnected();
+        flush();
+        m_clock->advance(3725 * 1000);
+        panel().setDisconnected();
+        panel().setConnected();
+        panel().setConnected();
+        flush();
+        m_clock->advance(5000);
+        QCOMPARE(display().labelState, connectedTime("00:00:10"));
     }
 
     // --- The server list
