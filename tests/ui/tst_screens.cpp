@@ -22,17 +22,6 @@ QString text(const char *key)
 {
     return UiText::forKey(QString::fromLatin1(key));
 }
-QString connectedTime(const char *time)
-{
-    return QStringLiteral("%1: %2").arg(text("ConnectedTime"), QString::fromLatin1(time));
-}
-QStringList names(const QList<ClusterRecord> &records)
-{
-    QStringList out;
-    for (const ClusterRecord &r : records)
-        out << r->countryName;
-    return out;
-}
 QVariantMap catalogue(const QList<NQVPNCountry> &countries)
 {
     return {{QString::fromLatin1(Events::NQVpnKeyClustersArray), QVariant::fromValue(countries)}};
@@ -270,7 +259,7 @@ private slots:
         panel().setConnected();
         flush();
         m_clock->advance(5000);
-        QCOMPARE(display().labelState, connectedTime("00:00:10"));
+        QCOMPARE(display().labelState, QStringLiteral("%1: 00:00:10").arg(text("ConnectedTime")));
     }
 
     // --- The server list
@@ -291,7 +280,10 @@ private slots:
         QVERIFY(m_fx->storage.setArray(QList<NQVPNCountry>{atlantis, germany}, key));
         m_fx->vpn.countries = {eu("France"), eu("Germany", 1), eu("Germany", 2)};
         clusters().viewDidLoad();
-        QCOMPARE(names(clusters().tableSourceFavourites().tableData), (QStringList{"Atlantis", "Germany"}));
+        QStringList favourites;
+        for (const ClusterRecord &r : clusters().tableSourceFavourites().tableData)
+            favourites << r->countryName;
+        QCOMPARE(favourites, (QStringList{"Atlantis", "Germany"}));
         QCOMPARE(flags(&NQVPNCountry::clusterFavourited), (QList<bool>{false, true, false}));
 
         EventBus::defaultCenter().post(Events::NOTIFICATION_CLUSTERS_LOADED,
