@@ -57,14 +57,6 @@ class TstScreens : public QObject {
         return *m_panel;
     }
     const MainPanelDisplay &display() { return panel().display(); }
-    // A loaded panel with Germany chosen and the catalogue answered.
-    void loadWithCluster()
-    {
-        m_fx->vpn.current = country(QStringLiteral("Germany"), QStringLiteral("DE"), QStringLiteral("Europe"), 7);
-        panel().viewDidLoad();
-        m_fx->vpn.pendingCountries.takeFirst()(std::nullopt);
-        flush();
-    }
     ClustersVC &clusters()
     {
         if (!m_clusters)
@@ -226,7 +218,10 @@ private slots:
             QCOMPARE(HomeMainPanelVC::sessionTimeText(seconds), shown);
 
         m_fx->alerts.answer = HomeMainPanelVC::kAlertFirstButton; // the user presses Retry
-        loadWithCluster();
+        m_fx->vpn.current = country(QStringLiteral("Germany"), QStringLiteral("DE"), QStringLiteral("Europe"), 7);
+        panel().viewDidLoad();
+        m_fx->vpn.pendingCountries.takeFirst()(std::nullopt);
+        flush();
         panel().initVPN();
         m_fx->vpn.pendingCountries.takeFirst()(NQError(QStringLiteral("d"), 1));
         flush();

@@ -27,16 +27,6 @@
 
 #include <thread>
 
-namespace {
-QStringList menuTitles(const QMenu *menu)
-{
-    QStringList titles;
-    for (const QAction *action : menu->actions())
-        titles << (action->isSeparator() ? QStringLiteral("-") : action->text());
-    return titles;
-}
-} // namespace
-
 class TestWindowHost : public QObject {
     Q_OBJECT
 
@@ -65,10 +55,16 @@ private slots:
         NQApplication app({QStringLiteral("pelorin-vpn")}, [] {});
         AppDelegate delegate(app, engine, host, fx.alerts, fx.urls);
         delegate.setupMenuBar();
+        const auto menuTitles = [&host] {
+            QStringList titles;
+            for (const QAction *action : host.statusMenu()->actions())
+                titles << (action->isSeparator() ? QStringLiteral("-") : action->text());
+            return titles;
+        };
         const QStringList expected{QStringLiteral("-"), QStringLiteral("Avaa"), QStringLiteral("Asetukset"),
                                    QStringLiteral("-"),
                                    LocalString::forKeyInLanguage(QStringLiteral("Quit_software_name"), "fi")};
-        QCOMPARE(menuTitles(host.statusMenu()), expected);
+        QCOMPARE(menuTitles(), expected);
 
         delegate.listenNotifications();
         QPointer<QMenu> before(host.statusMenu());
@@ -76,7 +72,7 @@ private slots:
         clock.advance(0);
         QVERIFY(!before);
         QVERIFY(!host.statusItem()->icon().isNull());
-        QCOMPARE(menuTitles(host.statusMenu()), expected);
+        QCOMPARE(menuTitles(), expected);
         QVERIFY(host.mainWindow()->windowFlags().testFlag(Qt::FramelessWindowHint));
 
         LocalString::setOverridesForTesting({});
