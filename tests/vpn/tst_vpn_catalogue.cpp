@@ -33,7 +33,6 @@ private slots:
     void recordFromJson_data();
     void recordFromJson();
     void recordKeepsOnlyTheListsKeys();
-    void archiveRoundTripKeepsTheNarrowRead();
     void flags();
     void serverList();
     void profileRequest();
@@ -102,30 +101,23 @@ void TestVpnCatalogue::recordFromJson()
 
 void TestVpnCatalogue::recordKeepsOnlyTheListsKeys()
 {
-    const NQVPNCountry full = fromJson(R"({"id": 7, "countryNumeric": 276, "countryIso": "DE", "continent": "Europe",
+    NQVPNCountry c = fromJson(R"({"id": 7, "countryNumeric": 276, "countryIso": "DE", "continent": "Europe",
         "countryName": "Germany", "dateCreated": 1700000000000, "dateModified": 2, "serverAddress": 10,
         "isDefault": "y", "ovpn": "ignored", "clusterSelected": true})");
-    QCOMPARE((QVariantList{full.countryId, full.countryNumeric, full.dateCreated, full.dateModified, full.countryIso,
-                           full.countryName, full.serverAddress, full.continent, full.isDefault, full.enabled}),
+    QCOMPARE((QVariantList{c.countryId, c.countryNumeric, c.dateCreated, c.dateModified, c.countryIso, c.countryName,
+                           c.serverAddress, c.continent, c.isDefault, c.enabled}),
              (QVariantList{7, 276, Q_INT64_C(1700000000000), 2, "DE", "Germany", "10", "Europe", true, false}));
-}
 
-void TestVpnCatalogue::archiveRoundTripKeepsTheNarrowRead()
-{
-    NQVPNCountry c = fromJson(R"({"id": 12, "countryNumeric": 840, "countryIso": "US", "continent": "North America",
-        "countryName": "United States", "serverAddress": "us.example", "isDefault": true, "dateCreated": 5})");
+    // Through the archive, with the marks the list does not carry.
     c.clusterFavourited = c.clusterSelected = true;
-    c.ovpn = QStringLiteral("client");
     NQErrorOpt error;
     const auto back = KeyedArchive::unarchivedArray<NQVPNCountry>(
         KeyedArchive::archivedArray(QList<NQVPNCountry>{c}, &error), &error);
     QVERIFY(!error && back && back->size() == 1);
     const NQVPNCountry &r = back->first();
-    QCOMPARE((QStringList{r.countryName, r.countryIso, r.continent, r.serverAddress}),
-             (QStringList{"United States", "US", "North America", "us.example"}));
-    QCOMPARE(r.countryId, 12);
-    QCOMPARE(r.countryNumeric, 840);
-    QVERIFY(r.clusterFavourited && r.clusterSelected && r.isDefault && !r.enabled);
+    QCOMPARE((QVariantList{r.countryId, r.countryNumeric, r.countryIso, r.countryName, r.serverAddress, r.continent,
+                           r.isDefault, r.enabled, r.clusterFavourited, r.clusterSelected}),
+             (QVariantList{7, 276, "DE", "Germany", "10", "Europe", true, false, true, true}));
 
     // Written as 64-bit, read back through the 32-bit decoder.
     c.countryId = Q_INT64_C(2147483648);
@@ -142,7 +134,6 @@ void TestVpnCatalogue::flags()
     const QString unknown = flags.getFlagForCountryCode(QStringLiteral("Unknown"));
     QVERIFY(unknown.endsWith(QStringLiteral("/flag_unknown.svg")));
     QCOMPARE(flags.getFlagForCountryCode(QString()), unknown);
-    QVERIFY(flags.getFlagForCountryCode(QStringLiteral("us")).endsWith(QStringLiteral("/us.svg")));
     // No image: nil, without falling back to the unknown flag.
     for (const char *code : {"XX", "", "../flags/de", ".hidden"})
         QVERIFY2(flags.getFlagForCountryCode(QString::fromLatin1(code)).isNull(), code);
