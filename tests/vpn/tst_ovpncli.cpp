@@ -180,6 +180,7 @@ void TestOvpncli::asRootRefusesWithoutRunningAnything_data()
     QTest::addColumn<QString>("reason");
     QTest::newRow("outside the private folder") << "outside" << QStringLiteral("folder does not belong");
     QTest::newRow("link to a root-owned file") << "link" << QStringLiteral("is a symbolic link");
+    QTest::newRow("hard link to a root-owned file") << "hardlink" << QStringLiteral("does not belong");
     QTest::newRow("file 0644") << "open" << QStringLiteral("mode 0600");
     QTest::newRow("credentials link to a root file") << "credlink" << QStringLiteral("credentials file is a symbolic");
 }
@@ -225,6 +226,8 @@ void TestOvpncli::asRootRefusesWithoutRunningAnything()
     } else if (place == QLatin1String("link")) {
         QVERIFY(QFile::link(rootFile, profile));
         QVERIFY(lchown(QFile::encodeName(profile), world.user, world.user) == 0);
+    } else if (place == QLatin1String("hardlink")) {
+        QVERIFY(::link(QFile::encodeName(rootFile), QFile::encodeName(profile)) == 0);
     } else {
         QVERIFY(writeFile(profile, world.text, place == QLatin1String("open") ? 0644 : 0600, world.user));
     }
