@@ -12,7 +12,6 @@
 #include <QHttpServerResponse>
 #include <QProcess>
 #include <QSignalSpy>
-#include <QTcpServer>
 #include <QTest>
 
 namespace {
