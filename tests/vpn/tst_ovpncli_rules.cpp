@@ -37,7 +37,6 @@ class TestOvpncliRules : public QObject {
     Q_OBJECT
 private slots:
     void goodProfileIsRebuiltForOpenVpn();
-    void hostileProfilesAreRefused_data();
     void hostileProfilesAreRefused();
     void foreignOrOpenFilesAreRefused();
     void killSwitchTakesOnlyCheckedValues();
@@ -58,37 +57,32 @@ void TestOvpncliRules::goodProfileIsRebuiltForOpenVpn()
     QCOMPARE(spelled.openVpnText, std::string("verb 3\nremote \"my host\" 1194\ndev \"tun 0\"\n"));
 }
 
-void TestOvpncliRules::hostileProfilesAreRefused_data()
+void TestOvpncliRules::hostileProfilesAreRefused()
 {
-    QTest::addColumn<QByteArray>("line");
-    QTest::addColumn<QString>("reason");
+    QList<std::pair<QByteArray, QString>> cases{
+        {"script-security 2", "above 1"},
+        {"auth-user-pass /etc/shadow", "not beside the profile"},
+        {"auth-user-pass /run/user/1000/com.pelorin.vpn.mac/", "not beside the profile"},
+        {"auth-user-pass /run/user/1000/com.pelorin.vpn.mac/a\nauth-user-pass /run/user/1000/com.pelorin.vpn.mac/b",
+         "two different files"},
+        {"remote \"a\\\"b\"", "quote or a backslash"},
+        {"<ca>\n</ca><up>\n</ca>", "'<' or '>' inside"}, // a directive smuggled in a block
+        {QByteArray("verb 3\0up /bin/sh", 17), "NUL byte"},
+        {QByteArray(int(ProfileGuard::kMaxProfileBytes) + 1, '#'), "larger than"},
+        {"CONNECTED", "(unprintable) is not allowed"}, // a marker word is never echoed
+    };
     // Programs, plugins, sockets, files written or read as root, and spellings of them.
     for (const QString &name : QStringLiteral("up down route-up tls-verify ipchange route-pre-down learn-address "
                                               "auth-user-pass-verify plugin management log log-append status writepid "
                                               "config cd daemon chroot iproute setenv askpass ca tls-auth dev-node "
                                               "providers tmp-dir --up \"up\" UP <connection> <auth-user-pass> <ca>")
                                    .split(QLatin1Char(' ')))
-        QTest::newRow(qPrintable(name)) << (name + QStringLiteral(" /x")).toUtf8() << "is not allowed";
-    QTest::newRow("scripts allowed") << QByteArray("script-security 2") << "above 1";
-    for (const char *path : {"/etc/shadow", "/run/user/1000/com.pelorin.vpn.mac/"})
-        QTest::newRow(path) << "auth-user-pass " + QByteArray(path) << "not beside the profile";
-    QTest::newRow("two credentials files") << QByteArray("auth-user-pass /run/user/1000/com.pelorin.vpn.mac/a\n"
-                                                         "auth-user-pass /run/user/1000/com.pelorin.vpn.mac/b")
-                                           << "two different files";
-    QTest::newRow("escape in argument") << QByteArray("remote \"a\\\"b\"") << "quote or a backslash";
-    QTest::newRow("directive smuggled in a block") << QByteArray("<ca>\n</ca><up>\n</ca>") << "'<' or '>' inside";
-    QTest::newRow("NUL byte") << QByteArray("verb 3\0up /bin/sh", 17) << "NUL byte";
-    QTest::newRow("too large") << QByteArray(int(ProfileGuard::kMaxProfileBytes) + 1, '#') << "larger than";
-    QTest::newRow("marker word never echoed") << QByteArray("CONNECTED") << "(unprintable) is not allowed";
-}
-
-void TestOvpncliRules::hostileProfilesAreRefused()
-{
-    QFETCH(QByteArray, line);
-    QFETCH(QString, reason);
-    const auto verdict = ProfileGuard::check(kGoodProfile + line.toStdString() + "\n", privateFacts(), "/c");
-    QVERIFY(!verdict.accepted);
-    QVERIFY2(QString::fromStdString(verdict.reason).contains(reason), verdict.reason.c_str());
+        cases.emplaceBack((name + QStringLiteral(" /x")).toUtf8(), QStringLiteral("is not allowed"));
+    for (const auto &[line, reason] : cases) {
+        const auto verdict = ProfileGuard::check(kGoodProfile + line.toStdString() + "\n", privateFacts(), "/c");
+        QVERIFY2(!verdict.accepted && QString::fromStdString(verdict.reason).contains(reason),
+                 qPrintable(QString::fromUtf8(line.left(60)) + QStringLiteral(": ") + verdict.reason.c_str()));
+    }
 }
 
 void TestOvpncliRules::foreignOrOpenFilesAreRefused()

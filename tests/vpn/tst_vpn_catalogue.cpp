@@ -30,12 +30,10 @@ class TestVpnCatalogue : public QObject {
 
 private slots:
     void initTestCase() { QVERIFY(m_backend.start()); }
-    void recordFromJson_data();
     void recordFromJson();
     void recordKeepsOnlyTheListsKeys();
     void flags();
-    void serverList();
-    void profileRequest();
+    void profileThenServerList();
     void requestsReadTheIdentifierOffTheCallersThread();
 };
 
@@ -71,13 +69,10 @@ public:
 };
 } // namespace
 
-void TestVpnCatalogue::recordFromJson_data()
+void TestVpnCatalogue::recordFromJson()
 {
     // Integers are kept only when non-zero; truth is a non-zero number or a text starting
     // with Y, y, T, t or a non-zero digit.
-    QTest::addColumn<QByteArray>("value");
-    QTest::addColumn<qint64>("id");
-    QTest::addColumn<bool>("enabled");
     const QList<std::tuple<const char *, qint64, bool>> rows{{"\"17\"", 17, true},
                                                              {"0", 0, false},
                                                              {"9.9", 9, true},
@@ -85,18 +80,10 @@ void TestVpnCatalogue::recordFromJson_data()
                                                              {"\"000\"", 0, false},
                                                              {"\"no\"", 0, false},
                                                              {"1e300", std::numeric_limits<qint64>::max(), true}};
-    for (const auto &[value, id, enabled] : rows)
-        QTest::newRow(value) << QByteArray(value) << id << enabled;
-}
-
-void TestVpnCatalogue::recordFromJson()
-{
-    QFETCH(QByteArray, value);
-    QFETCH(qint64, id);
-    QFETCH(bool, enabled);
-    const NQVPNCountry c = fromJson("{\"id\": " + value + ", \"enabled\": " + value + "}");
-    QCOMPARE(c.countryId, id);
-    QCOMPARE(c.enabled, enabled);
+    for (const auto &[value, id, enabled] : rows) {
+        const NQVPNCountry c = fromJson(QByteArray("{\"id\": ") + value + ", \"enabled\": " + value + "}");
+        QCOMPARE((QVariantList{value, c.countryId, c.enabled}), (QVariantList{value, id, enabled}));
+    }
 }
 
 void TestVpnCatalogue::recordKeepsOnlyTheListsKeys()
@@ -147,51 +134,7 @@ void TestVpnCatalogue::flags()
     }
 }
 
-void TestVpnCatalogue::serverList()
-{
-    VpnTestEnvironment env(m_backend.baseUrl());
-    m_backend.reset();
-    env.storage().storeKeyFromStoreFlag(true);
-    QStringList events;
-    auto &bus = EventBus::defaultCenter();
-    for (const char *name : {Events::NOTIFICATION_APP_READY, Events::NOTIFICATION_CLUSTERS_LOADED})
-        bus.addObserver(this, QLatin1String(name), [&](const Event &e) { events << e.name; });
-    LogCapture logs;
-    // A failure empties the list all the same, and both events follow every answer.
-    const QByteArray list = R"([{"id": 1, "countryName": "Germany"}, {"id": "2", "countryName": "United States"}])";
-    const std::pair<QByteArray, int> answers[] = {{list, 2}, {"[]", 0}, {"[{}]", 1}, {"{}", -1}, {"not json", -1}};
-    for (const auto &[body, expected] : answers) {
-        QVERIFY(m_backend.fault(QStringLiteral("/api1/vpnapi/serverlist"), QStringLiteral("body"), QString(body), 1));
-        events.clear();
-        NQErrorOpt error;
-        bool done = false;
-        env.manager().getCountries([&](const QList<NQVPNCountry> &countries, const NQErrorOpt &e) {
-            QVERIFY(MainQueue::isMainThread());
-            // The list and both events are in place before the completion runs.
-            QCOMPARE(events, (QStringList{Events::NOTIFICATION_APP_READY, Events::NOTIFICATION_CLUSTERS_LOADED}));
-            QCOMPARE(env.manager().availableCountries().size(), countries.size());
-            QCOMPARE(countries.size(), qMax(expected, 0));
-            error = e;
-            done = true;
-        });
-        QTRY_VERIFY_WITH_TIMEOUT(done, kVpnWaitMs);
-        QCOMPARE(bool(error), expected < 0);
-        if (error)
-            QCOMPARE((QStringList{error->domain(), QString::number(error->code()), error->localizedDescription()}),
-                     (QStringList{"com.pelorin.vpn.ios.vpn.error", "-1",
-                                  "Deserialize response body failed for request 'getCountries'."}));
-    }
-    QCOMPARE(target(0),
-             QStringLiteral("/api1/vpnapi/serverlist/20014/KEY/%1/%2?deviceType=2&keyFromStore=true&engine=1")
-                 .arg(AppConfig::deviceUniqueID(), AppConfig::appVersion()));
-    const QString request = QStringLiteral("|NQVPNManager| Request getCountries");
-    QCOMPARE(logs.lines().filter(request).mid(0, 5),
-             (QStringList{request, request + ". endpointUrl = '" + m_backend.baseUrl() + target(0) + "'",
-                          request + ". request success", request + ". request success. response body deserialized",
-                          request + ". request finish. response body = " + list}));
-}
-
-void TestVpnCatalogue::profileRequest()
+void TestVpnCatalogue::profileThenServerList()
 {
     VpnTestEnvironment env(m_backend.baseUrl());
     m_backend.reset();
@@ -228,6 +171,45 @@ void TestVpnCatalogue::profileRequest()
         QStringLiteral("/api1/vpnapi/serverovpn/20014/KEY/%1/%2/42?deviceType=2&keyFromStore=false&engine=1")
             .arg(AppConfig::deviceUniqueID(), AppConfig::appVersion());
     QCOMPARE(m_backend.baseUrl() + target(3), url);
+
+    env.storage().storeKeyFromStoreFlag(true);
+    QStringList events;
+    auto &bus = EventBus::defaultCenter();
+    for (const char *name : {Events::NOTIFICATION_APP_READY, Events::NOTIFICATION_CLUSTERS_LOADED})
+        bus.addObserver(this, QLatin1String(name), [&](const Event &e) { events << e.name; });
+    LogCapture logs;
+    // A failure empties the list all the same, and both events follow every answer.
+    const QByteArray list = R"([{"id": 1, "countryName": "Germany"}, {"id": "2", "countryName": "United States"}])";
+    const std::pair<QByteArray, int> answers[] = {{list, 2}, {"[]", 0}, {"[{}]", 1}, {"{}", -1}, {"not json", -1}};
+    for (const auto &[body, expected] : answers) {
+        QVERIFY(m_backend.fault(QStringLiteral("/api1/vpnapi/serverlist"), QStringLiteral("body"), QString(body), 1));
+        events.clear();
+        NQErrorOpt error;
+        bool done = false;
+        env.manager().getCountries([&](const QList<NQVPNCountry> &countries, const NQErrorOpt &e) {
+            QVERIFY(MainQueue::isMainThread());
+            // The list and both events are in place before the completion runs.
+            QCOMPARE(events, (QStringList{Events::NOTIFICATION_APP_READY, Events::NOTIFICATION_CLUSTERS_LOADED}));
+            QCOMPARE(env.manager().availableCountries().size(), countries.size());
+            QCOMPARE(countries.size(), qMax(expected, 0));
+            error = e;
+            done = true;
+        });
+        QTRY_VERIFY_WITH_TIMEOUT(done, kVpnWaitMs);
+        QCOMPARE(bool(error), expected < 0);
+        if (error)
+            QCOMPARE((QStringList{error->domain(), QString::number(error->code()), error->localizedDescription()}),
+                     (QStringList{"com.pelorin.vpn.ios.vpn.error", "-1",
+                                  "Deserialize response body failed for request 'getCountries'."}));
+    }
+    QCOMPARE(target(4),
+             QStringLiteral("/api1/vpnapi/serverlist/20014/KEY/%1/%2?deviceType=2&keyFromStore=true&engine=1")
+                 .arg(AppConfig::deviceUniqueID(), AppConfig::appVersion()));
+    const QString request = QStringLiteral("|NQVPNManager| Request getCountries");
+    QCOMPARE(logs.lines().filter(request).mid(0, 5),
+             (QStringList{request, request + ". endpointUrl = '" + m_backend.baseUrl() + target(4) + "'",
+                          request + ". request success", request + ". request success. response body deserialized",
+                          request + ". request finish. response body = " + list}));
 }
 
 void TestVpnCatalogue::requestsReadTheIdentifierOffTheCallersThread()
