@@ -24,6 +24,7 @@ private slots:
         // The heap trim waits for quiet and keeps one task per burst.
         for (int i = 0; i < 3; ++i) {
             HeapTrim::afterBurst();
+            QCOMPARE(guard.clock.pendingCount(), 1); // the earlier one, not yet due, is replaced
             guard.advance(HeapTrim::kQuietMs - 1);
             QCOMPARE(guard.clock.pendingCount(), 1);
         }

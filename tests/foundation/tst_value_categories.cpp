@@ -151,7 +151,7 @@ private slots:
         QVERIFY(matchWithRegex(text, QStringLiteral("nomatch")).isEmpty());
     }
 
-    void durationsAndDeviceID()
+    void durationsSpansAndDeviceID()
     {
         QSet<QChar> alphabet;
         for (int i = 0; i < 200; ++i) {
@@ -173,6 +173,22 @@ private slots:
             {durationStringFromSeconds(2 * 86400 + 5, key), "2 days 48 hour 0 minutes 5 seconds"},
             {durationStringFromSeconds(61, [](const QString &) { return QStringLiteral("%1"); }), "1 %1 1 %1"},
         });
+        QCOMPARE(timeIntervalToYears(2 * 31104000.0 - 1), 1);
+        QCOMPARE(timeIntervalToMonths(2592000.0 * 5 + 0.5), 5);
+        QCOMPARE(timeIntervalToDays(-86399.9), 0); // toward zero, not down
+        const auto h = convertSecondsToHours(90061);
+        QCOMPARE(QList<qint64>({h.hours, h.minutes, h.seconds}), QList<qint64>({25, 1, 1}));
+        const auto d = convertSecondsToDays(29 * 86400 + 3661);
+        QCOMPARE(QList<qint64>({d.days, d.hours, d.minutes}), QList<qint64>({29, 1, 1}));
+        QCOMPARE(convertSecondsToDays(30 * 86400 + 3661).days, 0); // wraps at 30 days
+        // Years, months and days are each a lowered total: {days, years, months, days}.
+        const QList<QList<qint64>> totals{
+            {29, 0, 0, 29}, {30, 0, 1, 29}, {359, 0, 11, 358}, {360, 1, 11, 359}, {400, 1, 12, 399}};
+        for (const auto &t : totals) {
+            const YearsMonthsDays span = timeInterval(t[0] * 86400.0);
+            QCOMPARE(QList<qint64>({span.years, span.months, span.days}), t.mid(1));
+        }
+        QCOMPARE(timeInterval(29 * 86400.0 + 86399).months, 0); // whole days only
     }
 
     void formatsAndParsing()
@@ -207,26 +223,6 @@ private slots:
         QVERIFY(!isSameDayAsDate(QDateTime(), QDateTime()));
     }
 
-    void spansInCalendarUnits()
-    {
-        QCOMPARE(timeIntervalToYears(2 * 31104000.0 - 1), 1);
-        QCOMPARE(timeIntervalToMonths(2592000.0 * 5 + 0.5), 5);
-        QCOMPARE(timeIntervalToDays(-86399.9), 0); // toward zero, not down
-        const auto h = convertSecondsToHours(90061);
-        QCOMPARE(QList<qint64>({h.hours, h.minutes, h.seconds}), QList<qint64>({25, 1, 1}));
-        const auto d = convertSecondsToDays(29 * 86400 + 3661);
-        QCOMPARE(QList<qint64>({d.days, d.hours, d.minutes}), QList<qint64>({29, 1, 1}));
-        QCOMPARE(convertSecondsToDays(30 * 86400 + 3661).days, 0); // wraps at 30 days
-        // Years, months and days are each a lowered total: {days, years, months, days}.
-        const QList<QList<qint64>> totals{
-            {29, 0, 0, 29}, {30, 0, 1, 29}, {359, 0, 11, 358}, {360, 1, 11, 359}, {400, 1, 12, 399}};
-        for (const auto &t : totals) {
-            const YearsMonthsDays span = timeInterval(t[0] * 86400.0);
-            QCOMPARE(QList<qint64>({span.years, span.months, span.days}), t.mid(1));
-        }
-        QCOMPARE(timeInterval(29 * 86400.0 + 86399).months, 0); // whole days only
-    }
-
     // The first object of each value; 2.0 is the same number as 2, the text "1" a value of its own.
     void filterKeepsTheFirstOfEachValue()
     {
@@ -240,7 +236,7 @@ private slots:
         QCOMPARE(kept, (QList<int>{0, 1, 3, 6}));
     }
 
-    void errorsBundleAndDevice()
+    void errorsBundleConfigAndDevice()
     {
         QVERIFY(ErrorIdentity::errorWithCode(7, QString()).userInfo().isEmpty());
         QCOMPARE(ErrorIdentity::errorWithCode(7, QLatin1String("")).userInfo(), (QVariantMap{{"kNQErrorMessage", ""}}));
@@ -252,6 +248,17 @@ private slots:
         QCOMPARE(ApplicationExtended::appName(), QStringLiteral("PelorinVPN"));
         BundleExtended::setInfoDictionaryForTesting(QVariantMap());
         QCOMPARE(ApplicationExtended::appName(), QStringLiteral("<ERROR>='Cannot retrieve app name'"));
+        const QList<std::pair<const char *, qint64>> versions{{"2.10", 2},  {"12beta", 12}, {"  7", 7},
+                                                              {"-4.2", -4}, {"beta", 0},    {"", 0}};
+        for (const auto &[text, number] : versions) {
+            BundleExtended::setInfoDictionaryForTesting(QVariantMap{{BundleExtended::kShortVersionKey, text}});
+            QCOMPARE(AppConfig::appVersionNumber(), number);
+        }
+        QCOMPARE(AppConfig::labelID(), QStringLiteral("20014"));
+        const NQConfig c = NQConfig::makeDefault();
+        QCOMPARE(c.appHttpDefaultTimeout, 60.0);
+        QVERIFY(c.identityServiceAPI.startsWith("http"));
+        QCOMPARE(c.identityServiceAPI, c.identityServiceHost);
 
         const QString model = m_dir.filePath("product_name");
         QVERIFY(writeFile(model, "Pelorin Test Machine\n"));
@@ -332,22 +339,6 @@ private slots:
         for (; deep.typeId() == QMetaType::QVariantList && !deep.toList().isEmpty(); ++levels)
             deep = deep.toList().first();
         QVERIFY(levels > 10 && levels < 200);
-    }
-
-    void versionAndCompiledInRecord()
-    {
-        const QList<std::pair<const char *, qint64>> versions{{"2.10", 2},  {"12beta", 12}, {"  7", 7},
-                                                              {"-4.2", -4}, {"beta", 0},    {"", 0}};
-        for (const auto &[text, number] : versions) {
-            BundleExtended::setInfoDictionaryForTesting(QVariantMap{{BundleExtended::kShortVersionKey, text}});
-            QCOMPARE(AppConfig::appVersionNumber(), number);
-        }
-        QCOMPARE(AppConfig::labelID(), QStringLiteral("20014"));
-
-        const NQConfig c = NQConfig::makeDefault();
-        QCOMPARE(c.appHttpDefaultTimeout, 60.0);
-        QVERIFY(c.identityServiceAPI.startsWith("http"));
-        QCOMPARE(c.identityServiceAPI, c.identityServiceHost);
     }
 };
 
