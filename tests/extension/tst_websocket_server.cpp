@@ -173,7 +173,6 @@ private slots:
         QVERIFY(bad.connectTo(server->port()));
         bad.write(request);
         QVERIFY(bad.waitForClose());
-        QVERIFY(bad.received.isEmpty());
         QTRY_COMPARE(recorder.errors, QStringList{"Invalid handshake from client"});
         QCOMPARE(recorder.errorData, QList<QByteArray>{request});
         QTRY_COMPARE(recorder.disconnected, 1);
