@@ -168,13 +168,11 @@ private slots:
         QVERIFY(good.waitForBytes(expected.size()));
         QCOMPARE(good.received, expected);
         good.received.clear();
-        QTRY_COMPARE(recorder.accepted, 1);
 
         const QByteArray request = "get /Quellon/ HTTP/1.1\r\nSec-WebSocket-Key: a\r\n\r\n";
         QVERIFY(bad.connectTo(server->port()));
         bad.write(request);
         QVERIFY(bad.waitForClose());
-        QVERIFY(bad.received.isEmpty());
         QTRY_COMPARE(recorder.errors, QStringList{"Invalid handshake from client"});
         QCOMPARE(recorder.errorData, QList<QByteArray>{request});
         QTRY_COMPARE(recorder.disconnected, 1);
@@ -229,34 +227,24 @@ private slots:
         QVERIFY(log.osTexts().value(0).endsWith(" closed: Connection closed by the peer"));
     }
 
-    // Continuation, pong and reserved opcodes are refused and end the connection, as binary
-    // frames are (below).
-    void unsupportedOpcodesAreRefused()
+    // Continuation, pong, reserved and binary opcodes are refused: the delegate hears of it after
+    // all the connection's earlier messages, with the bytes of the read that failed, and then
+    // the connection closes.
+    void unsupportedOpcodesAreRefusedAfterEarlierMessages()
     {
-        const QList<unsigned char> opcodes{0x80, 0x00, 0x8A, 0x83, 0x8F};
+        const QList<unsigned char> opcodes{0x80, 0x00, 0x8A, 0x83, 0x8F, 0x82};
+        LogCapture log;
         for (unsigned char b0 : opcodes) {
             RawClient c;
             QVERIFY(c.handshake(server->port()));
-            c.write(maskedFrame(b0, "x") + maskedFrame(0x81, "never"));
+            c.write(maskedFrame(0x81, "one") + maskedFrame(b0, "xx") + maskedFrame(0x81, "never"));
             QVERIFY(c.waitForClose());
         }
-        QTRY_COMPARE(recorder.errors, QStringList(opcodes.size(), "Cannot handle this websocket frame format!"));
-        QVERIFY(recorder.messages.isEmpty());
-    }
-
-    // A connection's failure reaches the delegate only after all its earlier messages, with the
-    // bytes of the read that failed, and then it closes.
-    void aFailureComesAfterItsMessages()
-    {
-        RawClient c;
-        QVERIFY(c.handshake(server->port()));
-        LogCapture log;
-        c.write(maskedFrame(0x81, "one") + maskedFrame(0x81, "two") + maskedFrame(0x82, "xx"));
-        QVERIFY(c.waitForClose());
-        QTRY_COMPARE(recorder.disconnected, 1);
-        QCOMPARE(recorder.messagesBeforeError, (QList<QByteArray>{"one", "two"}));
-        QCOMPARE(recorder.errors, QStringList{"Cannot handle this websocket frame format!"});
-        QCOMPARE(recorder.errorData, QList<QByteArray>{maskedFrame(0x82, "xx").left(2)});
+        QTRY_COMPARE(recorder.disconnected, opcodes.size());
+        QCOMPARE(recorder.messagesBeforeError, QList<QByteArray>(opcodes.size(), "one"));
+        QCOMPARE(recorder.errors, QStringList(opcodes.size(), "Cannot handle this websocket frame format!"));
+        QCOMPARE(recorder.errorData.last(), maskedFrame(0x82, "xx").left(2));
+        QCOMPARE(recorder.messages, recorder.messagesBeforeError); // nothing read after a failure
         QVERIFY(log.osTexts().value(0).endsWith(" closed: protocol error: Cannot handle this websocket frame format!"));
     }
 
@@ -330,7 +318,6 @@ private slots:
         const QString out = client.readAll() + QStringLiteral("\nexit %1").arg(client.exitCode());
         QVERIFY2(out.endsWith("DONE\n\nexit 0"), qPrintable(out + "\nserver: " + recorder.errors.join(',')));
         QCOMPARE(recorder.messages.size(), 2 + kFlood);
-        QCOMPARE(recorder.messages[1], QString(40000, QChar(0xe9)).toUtf8());
         for (int i = 0; i < kFlood; ++i)
             QCOMPARE(recorder.messages[2 + i], "n" + QByteArray::number(i));
         QTRY_COMPARE(recorder.disconnected, 1);
