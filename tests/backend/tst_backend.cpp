@@ -386,57 +386,43 @@ private slots:
 
     // Readers of single answers; reals past the integer range must not be converted blindly
     // (undefined behaviour, caught by the sanitizer builds).
-    void answerValues_data()
-    {
-        QTest::addColumn<QByteArray>("body");
-        QTest::addColumn<int>("success"); // registerVpn's "success"; -1: not asked
-        QTest::addColumn<bool>("sent");   // installEventSent
-        QTest::newRow("huge real") << QByteArray("{\"success\":1e65}") << 1 << false;
-        QTest::newRow("huge negative real") << QByteArray("{\"success\":-1e300}") << 1 << false;
-        QTest::newRow("fraction") << QByteArray("{\"success\":0.5}") << 0 << false;
-        QTest::newRow("leading digits") << QByteArray("{\"success\":\" 17x\"}") << 1 << false;
-        QTest::newRow("word") << QByteArray("{\"success\":\"yes\"}") << 0 << false;
-        QTest::newRow("sent true") << QByteArray("{\"sent\":true}") << -1 << true;
-        QTest::newRow("sent one") << QByteArray("{\"sent\":1}") << -1 << true;
-        QTest::newRow("sent text") << QByteArray("{\"sent\":\"1\"}") << -1 << false;
-        QTest::newRow("not json") << QByteArray("sent") << -1 << false;
-    }
     void answerValues()
     {
-        QFETCH(QByteArray, body);
-        QFETCH(int, success);
-        QFETCH(bool, sent);
-        const auto result = BackendRequest::resultForBody(body, "x");
-        QCOMPARE(BackendAnswers::installEventSent(result), sent);
-        if (success >= 0) {
-            const auto answer = BackendAnswers::registerVpn(result, "%1");
-            QVERIFY(!answer.error);
-            QCOMPARE(answer.response.success, bool(success));
+        // body, registerVpn's "success" (-1: not asked), installEventSent
+        const std::tuple<QByteArray, int, bool> answers[] = {
+            {"{\"success\":1e65}", 1, false},     {"{\"success\":-1e300}", 1, false},  {"{\"success\":0.5}", 0, false},
+            {"{\"success\":\" 17x\"}", 1, false}, {"{\"success\":\"yes\"}", 0, false}, {"{\"sent\":true}", -1, true},
+            {"{\"sent\":1}", -1, true},           {"{\"sent\":\"1\"}", -1, false},     {"sent", -1, false}};
+        for (const auto &[body, success, sent] : answers) {
+            const auto result = BackendRequest::resultForBody(body, "x");
+            QVERIFY2(BackendAnswers::installEventSent(result) == sent, body.constData());
+            if (success >= 0) {
+                const auto answer = BackendAnswers::registerVpn(result, "%1");
+                QVERIFY2(!answer.error && answer.response.success == bool(success), body.constData());
+            }
         }
     }
 
-    void tesselDates_data()
+    void tesselDates()
     {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QDateTime>("expected");
         const auto utc = [](int day, int h) {
             return QDateTime(QDate(2024, 3, day), QTime(h, 20, 30), QTimeZone::utc());
         };
-        QTest::newRow("zulu") << "2024-03-01T10:20:30Z" << utc(1, 10);
-        QTest::newRow("offset") << "2024-03-01T10:20:30+02:00" << utc(1, 8);
-        QTest::newRow("widest offset") << "2024-03-01T10:20:30-14:00" << utc(2, 0);
-        QTest::newRow("local") << "2024-03-01T23:20:30" << QDateTime(QDate(2024, 3, 1), QTime(23, 20, 30));
-        QTest::newRow("bad month") << "2024-13-01T10:20:30Z" << QDateTime();
-        QTest::newRow("offset past 14 hours") << "2024-03-01T10:20:30+42:00" << QDateTime();
-        QTest::newRow("offset minutes past 59") << "2024-03-01T10:20:30-0175" << QDateTime();
-    }
-    void tesselDates()
-    {
-        QFETCH(QString, text);
-        QFETCH(QDateTime, expected);
-        const auto parsed = NQIdentityServer::dateFromTesselString(text);
-        QCOMPARE(parsed.value_or(QDateTime()).toMSecsSinceEpoch(), expected.toMSecsSinceEpoch());
-        QCOMPARE(parsed.has_value(), expected.isValid());
+        const std::pair<const char *, QDateTime> dates[] = {
+            {"2024-03-01T10:20:30Z", utc(1, 10)},
+            {"2024-03-01T10:20:30+02:00", utc(1, 8)},
+            {"2024-03-01T10:20:30-14:00", utc(2, 0)},                                 // the widest offset
+            {"2024-03-01T23:20:30", QDateTime(QDate(2024, 3, 1), QTime(23, 20, 30))}, // local time
+            {"2024-13-01T10:20:30Z", {}},
+            {"2024-03-01T10:20:30+42:00", {}}, // offset past 14 hours
+            {"2024-03-01T10:20:30-0175", {}}}; // offset minutes past 59
+        for (const auto &[text, expected] : dates) {
+            const auto parsed = NQIdentityServer::dateFromTesselString(QString::fromLatin1(text));
+            QVERIFY2(
+                parsed.has_value() == expected.isValid() &&
+                    parsed.value_or(QDateTime()).toMSecsSinceEpoch() == expected.toMSecsSinceEpoch(),
+                qPrintable(text + QStringLiteral(" read as ") + parsed.value_or(QDateTime()).toString(Qt::ISODate)));
+        }
     }
 
     // Any answer, an error page included, is online; no answer or one that hangs past the
