@@ -161,14 +161,14 @@ private slots:
         QVERIFY(file.readAll().contains("LanguageCode=de"));
     }
 
-    void extensionPortTaken()
+    void portTakenThenKeychainLocked()
     {
         makeWorld();
+        LogCapture log;
         QTcpServer holder;
         QVERIFY(holder.listen(QHostAddress::Any, 0));
         const QString port = QString::number(holder.serverPort());
         qputenv(BrowserExtensionApi::kPortEnvironmentVariable, port.toUtf8());
-        LogCapture log;
         BrowserExtensionApi api(&m_env->storage());
         api.startServer();
         qunsetenv(BrowserExtensionApi::kPortEnvironmentVariable);
@@ -177,14 +177,9 @@ private slots:
         QCOMPARE(log.lines().filter("|BrowserExtension| cannot listen on port " + port + ": another program").size(),
                  1);
         api.sendScrambleNow(); // the bridge goes on without a server
-    }
 
-    // The manager's own password helpers: added once, then updated in place; a keychain that
-    // cannot be reached leaves a line with its status, gives nothing back and keeps the password.
-    void managerPasswordHelpers()
-    {
-        makeWorld();
-        LogCapture log;
+        // The manager's own password helpers: added once, then updated in place; a keychain that
+        // cannot be reached leaves a line with its status, gives nothing back and keeps the password.
         NQVPNManager &vpn = m_env->manager();
         QVERIFY(vpn.retrievePasswordFromKeychain().isNull());
         vpn.savePasswordToKeychain("first");
