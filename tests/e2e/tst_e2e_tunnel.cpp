@@ -26,7 +26,6 @@ class TestE2eTunnel : public QObject {
 private slots:
     void initTestCase();
     void cleanupTestCase();
-    void cleanup();
     void latencyProbeReachesTheServer();
     void outsideTrafficIsBlockedOnlyWhileTheSwitchHolds();
 
@@ -96,15 +95,6 @@ void TestE2eTunnel::cleanupTestCase()
     }
     m_env.reset();
     m_lab.reset();
-}
-
-void TestE2eTunnel::cleanup()
-{
-    // A test that failed half-way leaves no tunnel behind for the next one.
-    if (m_lab && !m_lab->clientProcesses().isEmpty()) {
-        vpn().stopVPNConnection();
-        QTRY_VERIFY_WITH_TIMEOUT(m_lab->clientProcesses().isEmpty(), kStepMs);
-    }
 }
 
 void TestE2eTunnel::latencyProbeReachesTheServer()

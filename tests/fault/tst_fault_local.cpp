@@ -64,9 +64,9 @@ class TestFaultLocal : public QObject {
         QCOMPARE(m_secrets->find(service, "password").data, QByteArray("kept-pass"));
         QCOMPARE(m_env->storage().appLanguageCode(), "de");
     }
-    // A small tmpfs at m_mount (read-only once `fill` bytes are written, when `options` ends
-    // in ",ro"), its "tmp" folder private to us.
-    bool mountTemporaryFolder(QString options, int fill)
+    // A small tmpfs at m_mount (remounted read-only when `options` ends in ",ro"), its "tmp"
+    // folder private to us.
+    bool mountTemporaryFolder(QString options)
     {
         const bool readOnly = options.endsWith(",ro");
         options.remove(",ro");
@@ -76,10 +76,6 @@ class TestFaultLocal : public QObject {
             return (m_mount.clear(), false);
         QDir(m_mount).mkpath("tmp");
         QFile::setPermissions(m_mount + "/tmp", QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        QFile filler(m_mount + "/fill");
-        if (filler.open(QIODevice::WriteOnly))
-            filler.write(QByteArray(fill, 'f'));
-        filler.close();
         return !readOnly || QProcess::execute("mount", {"-o", "remount,ro", m_mount}) == 0;
     }
 
@@ -96,26 +92,22 @@ private slots:
     void tunnelFaults_data()
     {
         QTest::addColumn<QString>("mount"); // tmpfs options ("ro" last: remounted read-only); empty: none
-        QTest::addColumn<int>("fill");
         QTest::addColumn<QList<int>>("states");
         QTest::addColumn<QStringList>("logs"); // texts the log must hold
         const QString writeFailed = "|NQVPNManager| Failed to write temporary OpenVPN config file: ";
         const QString notCreated = "|NQVPNManager| Failed to create temporary configuration file.";
-        QTest::newRow("tmp read-only") << "size=64k,ro" << 0 << QList<int>{}
+        QTest::newRow("tmp read-only") << "size=64k,ro" << QList<int>{}
                                        << QStringList{writeFailed + "Read-only file system", notCreated};
-        QTest::newRow("tmp full") << "size=8k" << 8192 << QList<int>{}
-                                  << QStringList{writeFailed + "No space left on device", notCreated};
         // Room for the profile and the credentials but not for the rewritten profile.
         QTest::newRow("tmp full at the rewrite")
-            << "size=8k" << 0 << QList<int>{2, 3} << QStringList{writeFailed + "No space left on device"};
+            << "size=8k" << QList<int>{2, 3} << QStringList{writeFailed + "No space left on device"};
     }
     void tunnelFaults()
     {
         QFETCH(QString, mount);
-        QFETCH(int, fill);
         QFETCH(QList<int>, states);
         QFETCH(QStringList, logs);
-        if (!mount.isEmpty() && !mountTemporaryFolder(mount, fill))
+        if (!mount.isEmpty() && !mountTemporaryFolder(mount))
             QSKIP("a small tmpfs cannot be mounted here (needs root and mount rights)");
         makeWorld(mount.isEmpty() ? QString() : m_mount + "/tmp");
         m_env->writeFile("sudo", VpnTestEnvironment::kStandInSudo, true);
@@ -136,7 +128,7 @@ private slots:
     // what was stored before is still there after a restart.
     void storesOnAFullDisk()
     {
-        if (!mountTemporaryFolder("size=16k", 0))
+        if (!mountTemporaryFolder("size=16k"))
             QSKIP("a small tmpfs cannot be mounted here (needs root and mount rights)");
         const QString settings = m_mount + "/settings.conf";
         const QString secrets = m_mount + "/secrets.json";
@@ -169,14 +161,14 @@ private slots:
         QVERIFY(file.readAll().contains("LanguageCode=de"));
     }
 
-    void extensionPortTaken()
+    void portTakenThenKeychainLocked()
     {
         makeWorld();
+        LogCapture log;
         QTcpServer holder;
         QVERIFY(holder.listen(QHostAddress::Any, 0));
         const QString port = QString::number(holder.serverPort());
         qputenv(BrowserExtensionApi::kPortEnvironmentVariable, port.toUtf8());
-        LogCapture log;
         BrowserExtensionApi api(&m_env->storage());
         api.startServer();
         qunsetenv(BrowserExtensionApi::kPortEnvironmentVariable);
@@ -185,14 +177,9 @@ private slots:
         QCOMPARE(log.lines().filter("|BrowserExtension| cannot listen on port " + port + ": another program").size(),
                  1);
         api.sendScrambleNow(); // the bridge goes on without a server
-    }
 
-    // The manager's own password helpers: added once, then updated in place; a keychain that
-    // cannot be reached leaves a line with its status, gives nothing back and keeps the password.
-    void managerPasswordHelpers()
-    {
-        makeWorld();
-        LogCapture log;
+        // The manager's own password helpers: added once, then updated in place; a keychain that
+        // cannot be reached leaves a line with its status, gives nothing back and keeps the password.
         NQVPNManager &vpn = m_env->manager();
         QVERIFY(vpn.retrievePasswordFromKeychain().isNull());
         vpn.savePasswordToKeychain("first");
