@@ -362,33 +362,27 @@ private slots:
         QCOMPARE(j.window()->isMinimized(), !ends);
     }
 
-    // A login-item start stays hidden only where the tray can bring the window up.
-    void loginItemStart_data()
+    // A login-item start stays hidden only where the tray can bring the window up. A second
+    // launch while one runs: the running window comes forward (from hidden or minimised), the
+    // second leaves with status 0 without opening a display or touching the first one's log.
+    void loginItemThenSecondLaunch_data()
     {
         QTest::addColumn<bool>("tray");
         QTest::newRow("no-tray") << false;
         QTest::newRow("tray") << true;
     }
-    void loginItemStart()
+    void loginItemThenSecondLaunch()
     {
         QFETCH(bool, tray);
         Journey j;
-        j.launch({QStringLiteral("--login-item")}, {tray});
-        QVERIFY(j.runUntil([&j] { return j.host().homeWidget() != nullptr; }));
-        QCOMPARE(j.window()->isVisible(), !tray);
-    }
-
-    // A second launch while one runs: the running window comes forward, the second leaves
-    // with status 0 without opening a display or touching the first one's log.
-    void secondLaunch()
-    {
-        Journey j;
         SingleInstance instance;
         QVERIFY(instance.listen());
-        j.launch();
+        j.launch({QStringLiteral("--login-item")}, {tray});
         QObject::connect(&instance, &SingleInstance::showRequested, [&j] { j.session().showRequested(); });
-        QVERIFY(j.readyToConnect());
-        j.window()->showMinimized();
+        QVERIFY(j.runUntil([&j] { return j.host().homeWidget() != nullptr; }));
+        QCOMPARE(j.window()->isVisible(), !tray);
+        if (!tray)
+            j.window()->showMinimized();
         const QByteArray logged = j.log();
         QVERIFY(!logged.isEmpty());
 
