@@ -466,7 +466,6 @@ private slots:
         Journey j;
         j.launch();
         QVERIFY(j.readyToConnect());
-        QVERIFY(j.runUntil([] { return Journey::selectedServer() == QStringLiteral("United States"); }));
         // As a window manager would on a click: the keyboard goes to this window.
         QApplication::setActiveWindow(j.window());
 
@@ -580,7 +579,6 @@ private slots:
         j.launch();
         QVERIFY(j.connectDefault());
         QVERIFY(j.runUntil([&j] { return j.log().contains("|SystemEvents| watching sleep and wake"); }));
-        const qint64 pid = j.clientPid();
         logind.prepareForSleep(true);
         QVERIFY(j.runUntil([&j] { return j.log().contains("|TunnelKeeper| the machine goes to sleep"); }));
         if (lostAsleep) {
@@ -594,7 +592,6 @@ private slots:
         QVERIFY(j.runUntil([&j] { return j.log().contains("|TunnelKeeper| the machine woke up"); }));
         QVERIFY(j.connected());
         QCOMPARE(j.launches(), lostAsleep ? 2 : 1);
-        QCOMPARE(j.clientPid() == pid, !lostAsleep);
         QCOMPARE(j.log().contains("|TunnelKeeper| tunnel checked: still up"), !lostAsleep);
     }
 
