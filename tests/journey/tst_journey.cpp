@@ -466,6 +466,7 @@ private slots:
         Journey j;
         j.launch();
         QVERIFY(j.readyToConnect());
+        QVERIFY(j.runUntil([] { return Journey::selectedServer() == QStringLiteral("United States"); }));
         // As a window manager would on a click: the keyboard goes to this window.
         QApplication::setActiveWindow(j.window());
 
