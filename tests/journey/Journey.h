@@ -98,8 +98,6 @@ public:
             root() + QStringLiteral("/settings.conf"),
             KeychainStore(QStringLiteral("com.pelorin.vpn.mac"),
                           std::make_shared<FileSecretBackend>(root() + QStringLiteral("/secrets.json")))));
-        EventBus::defaultCenter().reset();
-        NQVPNManager::setSharedManagerForTesting(std::make_unique<NQVPNManager>());
     }
 
     // The program ends as after a crash (nothing stopped) and starts again with the same
@@ -107,8 +105,6 @@ public:
     void restart()
     {
         m_session.reset();
-        EventBus::defaultCenter().reset();
-        NQVPNManager::setSharedManagerForTesting(std::make_unique<NQVPNManager>());
         launch();
     }
 
@@ -137,6 +133,8 @@ public:
     void launch(const QStringList &arguments = {}, GuiSession::Options options = {})
     {
         QVERIFY2(!backend().baseUrl().isEmpty(), "the development backend did not start");
+        EventBus::defaultCenter().reset();
+        NQVPNManager::setSharedManagerForTesting(std::make_unique<NQVPNManager>());
         m_session = std::make_unique<GuiSession>(QStringList{QStringLiteral("pelorin-vpn")} + arguments, options);
         m_session->start();
     }
@@ -294,7 +292,6 @@ public:
         QFile file(root() + QLatin1Char('/') + relative);
         QVERIFY(file.open(QIODevice::WriteOnly));
         file.write(content);
-        file.close();
         file.setPermissions(file.permissions() | QFileDevice::ExeOwner);
     }
 
