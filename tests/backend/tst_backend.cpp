@@ -144,10 +144,8 @@ class TestBackend : public QObject {
         m_dir = std::make_unique<QTemporaryDir>();
         QDir().mkpath(path("res"));
         const auto plist = [this](const QString &name, const QString &body) {
-            QFile file(path("res/" + name));
-            if (file.open(QIODevice::WriteOnly))
-                file.write("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>" + body.toUtf8() +
-                           "</dict></plist>\n");
+            writeFile(path("res/" + name), "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>" +
+                                               body.toUtf8() + "</dict></plist>\n");
         };
         plist("CommonConfig.plist", "<key>Host URL</key><string>" + host + "</string>");
         plist("ReleaseConfig.plist", "<key>UpdateUrlLatestVersion</key><string>" + host + "/update/latest</string>");

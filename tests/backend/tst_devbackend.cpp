@@ -1,4 +1,5 @@
 #include "DevBackendProcess.h"
+#include "support/Files.h"
 
 #include <QtTest>
 
@@ -11,12 +12,11 @@ QJsonObject object(const QByteArray &body)
     return QJsonDocument::fromJson(body).object();
 }
 
+// Writes `name` in `dir`; its path.
 QString writeFile(const QTemporaryDir &dir, const QString &name, const QByteArray &bytes)
 {
-    QFile file(dir.filePath(name));
-    file.open(QIODevice::WriteOnly);
-    file.write(bytes);
-    return file.fileName();
+    ::writeFile(dir.filePath(name), bytes);
+    return dir.filePath(name);
 }
 
 // Runs the program to its end: exit code (-1 for a crash) and standard error.

@@ -156,9 +156,7 @@ private slots:
         QCOMPARE(restarted->getVpnCredentials().username, "kept-user");
         QCOMPARE(restarted->getVpnCredentials().password, "kept-pass");
         // (This process's settings cache keeps "fr" until quit; the file has the old value.)
-        QFile file(settings);
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        QVERIFY(file.readAll().contains("LanguageCode=de"));
+        QVERIFY(contentOf(settings).contains("LanguageCode=de"));
     }
 
     void portTakenThenKeychainLocked()

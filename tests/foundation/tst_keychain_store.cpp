@@ -6,6 +6,7 @@
 #include "foundation/KeychainStore.h"
 #include "foundation/KeyringMessage.h"
 #include "foundation/KeyringProcessBackend.h"
+#include "support/Files.h"
 #include "support/LogCapture.h"
 
 #include <QFileInfo>
@@ -180,14 +181,11 @@ private slots:
         QCOMPARE(open("svc").stringForKey(QStringLiteral("username")), QStringLiteral("u"));
 
         // A damaged file is kept aside, not overwritten.
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly) && file.write("{\"items\": {\"svc\": trunc") > 0);
-        file.close();
+        QVERIFY(writeFile(path, "{\"items\": {\"svc\": trunc"));
         LogCapture log;
         QVERIFY(open("svc").stringForKey(QStringLiteral("username")).isNull());
         QCOMPARE(log.osTexts(QStringLiteral("KeychainStore")).size(), 1);
-        QFile aside(path + QStringLiteral(".corrupt"));
-        QCOMPARE(aside.open(QIODevice::ReadOnly) ? aside.readAll() : QByteArray(), "{\"items\": {\"svc\": trunc");
+        QCOMPARE(contentOf(path + QStringLiteral(".corrupt")), "{\"items\": {\"svc\": trunc");
     }
 
     // A missing identifier is made, said once and kept.

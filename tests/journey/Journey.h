@@ -289,10 +289,9 @@ public:
     QByteArray read(const QString &relative) const { return contentOf(root() + QLatin1Char('/') + relative); }
     void write(const QString &relative, const QByteArray &content) const
     {
-        QFile file(root() + QLatin1Char('/') + relative);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(content);
-        file.setPermissions(file.permissions() | QFileDevice::ExeOwner);
+        const QString path = root() + QLatin1Char('/') + relative;
+        QVERIFY(writeFile(path, content));
+        QFile::setPermissions(path, QFile::permissions(path) | QFileDevice::ExeOwner);
     }
 
 private:

@@ -147,12 +147,9 @@ while :; do sleep 1 & wait $!; done
     QString writeFile(const QString &relativePath, const QByteArray &content, bool executable = false) const
     {
         const QString path = root() + QLatin1Char('/') + relativePath;
-        QFile file(path);
-        if (file.open(QIODevice::WriteOnly))
-            file.write(content);
-        file.close();
+        ::writeFile(path, content);
         if (executable)
-            file.setPermissions(file.permissions() | QFileDevice::ExeOwner);
+            QFile::setPermissions(path, QFile::permissions(path) | QFileDevice::ExeOwner);
         return path;
     }
 
